@@ -1,0 +1,17 @@
+#include "Jorv/Platform.h"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace Jorv {
+
+std::string demangle(char const* mangled) {
+  int status = 0;
+  std::unique_ptr<char, void (*)(void*)> name(
+      abi::__cxa_demangle(mangled, nullptr, nullptr, &status), std::free);
+  return status == 0 && name ? std::string(name.get()) : std::string(mangled);
+}
+
+}  // namespace Jorv

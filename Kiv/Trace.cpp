@@ -1,0 +1,90 @@
+#include "Kiv/Trace.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace Kiv {
+namespace {
+
+struct Registry {
+  std::mutex mutex;
+  std::map<std::string, std::unique_ptr<TraceHandle>, std::less<>> handles;
+  std::vector<std::pair<std::string, int>> patterns;  // later entries win
+  std::atomic<TraceSink*> sink{nullptr};
+
+  Registry() {
+    char const* env = std::getenv("KIV_TRACE");
+    if (env == nullptr) return;
+    std::string_view spec(env);
+    while (!spec.empty()) {
+      auto comma = spec.find(',');
+      std::string_view item = spec.substr(0, comma);
+      spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+      auto eq = item.find('=');
+      if (eq == std::string_view::npos) continue;
+      patterns.emplace_back(std::string(item.substr(0, eq)),
+                            std::atoi(std::string(item.substr(eq + 1)).c_str()));
+    }
+  }
+};
+
+Registry& registry() {
+  static Registry* r = new Registry;  // never destroyed: handles outlive static destructors
+  return *r;
+}
+
+bool matches(std::string_view pattern, std::string_view name) {
+  if (!pattern.empty() && pattern.back() == '*') {
+    return name.substr(0, pattern.size() - 1) == pattern.substr(0, pattern.size() - 1);
+  }
+  return pattern == name;
+}
+
+}  // namespace
+
+TraceHandle::TraceHandle(std::string name, int level) : name_(std::move(name)), level_(level) {}
+
+void TraceHandle::write(int level, std::string_view text) const {
+  TraceSink* sink = registry().sink.load(std::memory_order_acquire);
+  if (sink != nullptr) {
+    sink->write(name_, level, text);
+    return;
+  }
+  std::fprintf(stderr, "%s[%d] %.*s\n", name_.c_str(), level, static_cast<int>(text.size()),
+               text.data());
+}
+
+TraceHandle& traceHandle(std::string_view name) {
+  Registry& r = registry();
+  std::lock_guard lock(r.mutex);
+  auto it = r.handles.find(name);
+  if (it != r.handles.end()) return *it->second;
+  int level = -1;
+  for (auto const& [pattern, patternLevel] : r.patterns) {
+    if (matches(pattern, name)) level = patternLevel;
+  }
+  auto handle = std::make_unique<TraceHandle>(std::string(name), level);
+  TraceHandle& ref = *handle;
+  r.handles.emplace(std::string(name), std::move(handle));
+  return ref;
+}
+
+void traceLevelIs(std::string_view pattern, int level) {
+  Registry& r = registry();
+  std::lock_guard lock(r.mutex);
+  r.patterns.emplace_back(std::string(pattern), level);
+  for (auto& [name, handle] : r.handles) {
+    if (matches(pattern, name)) handle->levelIs(level);
+  }
+}
+
+TraceSink* traceSinkIs(TraceSink* sink) {
+  return registry().sink.exchange(sink, std::memory_order_acq_rel);
+}
+
+}  // namespace Kiv

@@ -1,0 +1,69 @@
+#pragma once
+// Trace handles: named, levelled logging channels.
+//
+// A handle is looked up by name once (`Kiv::traceHandle`) and lives for the whole process. A line
+// is produced only when its level is at most the handle's level, so a disabled trace costs one
+// relaxed atomic load; callers use KIV_TRACE so that the arguments are not even formatted then.
+// Levels: 0 errors, 1 warnings, 3 progress, 5 detail, 8 function entry, 9 everything.
+//
+// Lines go to the installed sink (`Kiv::traceSinkIs`), by default standard error. The initial
+// level of every handle is -1 (silent) unless the environment variable KIV_TRACE names it:
+// KIV_TRACE="PimBidir::QuarnWriter=8,Quarn-*=3" (a trailing '*' matches a prefix).
+
+#include <atomic>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+namespace Kiv {
+
+class TraceSink {
+ public:
+  virtual ~TraceSink() = default;
+  virtual void write(std::string_view handle, int level, std::string_view text) = 0;
+};
+
+class TraceHandle {
+ public:
+  explicit TraceHandle(std::string name, int level);
+  TraceHandle(TraceHandle const&) = delete;
+  TraceHandle& operator=(TraceHandle const&) = delete;
+
+  std::string const& name() const noexcept { return name_; }
+  int level() const noexcept { return level_.load(std::memory_order_relaxed); }
+  void levelIs(int level) noexcept { level_.store(level, std::memory_order_relaxed); }
+  bool enabled(int level) const noexcept { return level <= this->level(); }
+
+  // Writes one line at `level` (no check of the level: use KIV_TRACE or `enabled` first).
+  void write(int level, std::string_view text) const;
+
+  template <class... Args>
+  void trace(int level, Args const&... args) const {
+    if (!enabled(level)) return;
+    std::ostringstream os;
+    (os << ... << args);
+    write(level, os.str());
+  }
+
+ private:
+  std::string name_;
+  std::atomic<int> level_;
+};
+
+// The handle of that name, created on first use. The reference stays valid for the process.
+TraceHandle& traceHandle(std::string_view name);
+
+// Sets the level of every existing and future handle whose name matches `pattern` (exact, or a
+// prefix followed by '*').
+void traceLevelIs(std::string_view pattern, int level);
+
+// Installs the sink that receives every line (nullptr restores standard error). The sink must
+// outlive its installation. Returns the previous sink.
+TraceSink* traceSinkIs(TraceSink* sink);
+
+}  // namespace Kiv
+
+#define KIV_TRACE(handle, lvl, ...)                                          \
+  do {                                                                       \
+    if ((handle).enabled(lvl)) (handle).trace((lvl), __VA_ARGS__);           \
+  } while (false)

@@ -1,0 +1,30 @@
+# Thin wrappers over the CMake presets; see README.md.
+.PHONY: all demo test test-asan test-tsan bench install clean
+
+all:
+	cmake --preset default >/dev/null && cmake --build --preset default
+
+# The main job: the demonstration program.
+demo:
+	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_demo
+	./build/release/examples/bidir_demo
+
+# The whole test suite.
+test:
+	cmake --preset default >/dev/null && cmake --build --preset default
+	ctest --preset default
+
+test-asan:
+	cmake --preset asan >/dev/null && cmake --build --preset asan
+	ctest --preset asan
+
+test-tsan:
+	cmake --preset tsan >/dev/null && cmake --build --preset tsan
+	ctest --preset tsan
+
+bench:
+	cmake --preset release >/dev/null && cmake --build --preset release --target quarn_bench
+	./build/release/bench/quarn_bench
+
+clean:
+	rm -rf build

@@ -1,0 +1,92 @@
+#pragma once
+// The one place where words of shared memory are read and written concurrently.
+//
+// One writer process changes the table files while reader processes map them; every word that
+// can change while someone else looks at it goes through these functions, never through a plain
+// load or store (which would be a data race). All accesses are lock-free `std::atomic_ref`
+// operations on naturally aligned words.
+//
+// Orders used by the table engine:
+// - Links (a 32-bit version followed by a 32-bit index, one 64-bit unit) are published with
+//   `store64` (release) and read with `load64` (acquire): whoever sees a link also sees the slot
+//   it points to, fully written.
+// - Values are copied word by word with relaxed atomics (`copyToShared`, `copyFromShared`) and
+//   bracketed by a flags word, seqlock style. Writer: flags+2 (release), `fenceRelease`, copy,
+//   flags+2|1 (release). Reader: flags (acquire), copy, `fenceAcquire`, flags again (relaxed);
+//   equal flags mean the copy is consistent, because a copy that saw any of the writer's value
+//   stores also sees the flags store that preceded them.
+// - Counters and positions that publish appended data (currentPos, numSlots) are stored release
+//   after the data and loaded acquire before it.
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace Mem::Atomics {
+
+static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free &&
+                  std::atomic_ref<std::uint32_t>::is_always_lock_free,
+              "Hardware does not support Atomics");
+
+inline std::uint64_t load64(void const* p) noexcept {
+  return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(const_cast<void*>(p)))
+      .load(std::memory_order_acquire);
+}
+inline void store64(void* p, std::uint64_t v) noexcept {
+  std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p)).store(v, std::memory_order_release);
+}
+inline std::uint64_t load64Relaxed(void const* p) noexcept {
+  return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(const_cast<void*>(p)))
+      .load(std::memory_order_relaxed);
+}
+inline void store64Relaxed(void* p, std::uint64_t v) noexcept {
+  std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p)).store(v, std::memory_order_relaxed);
+}
+
+inline std::uint32_t load32(void const* p) noexcept {
+  return std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(const_cast<void*>(p)))
+      .load(std::memory_order_acquire);
+}
+inline void store32(void* p, std::uint32_t v) noexcept {
+  std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(p)).store(v, std::memory_order_release);
+}
+inline std::uint32_t load32Relaxed(void const* p) noexcept {
+  return std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(const_cast<void*>(p)))
+      .load(std::memory_order_relaxed);
+}
+inline void store32Relaxed(void* p, std::uint32_t v) noexcept {
+  std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(p)).store(v, std::memory_order_relaxed);
+}
+
+// A 64-bit unit of two 32-bit words (low word first in memory, little-endian hosts only).
+constexpr std::uint64_t pack(std::uint32_t low, std::uint32_t high) noexcept {
+  return std::uint64_t(low) | (std::uint64_t(high) << 32);
+}
+constexpr std::uint32_t lowWord(std::uint64_t v) noexcept { return std::uint32_t(v); }
+constexpr std::uint32_t highWord(std::uint64_t v) noexcept { return std::uint32_t(v >> 32); }
+
+inline void fenceAcquire() noexcept { std::atomic_thread_fence(std::memory_order_acquire); }
+inline void fenceRelease() noexcept { std::atomic_thread_fence(std::memory_order_release); }
+
+// Word-wise relaxed copies between private and shared memory. `bytes` must be a multiple of 4
+// and both addresses 4-byte aligned (every record of the engine is laid out that way).
+inline void copyToShared(void* shared, void const* local, std::size_t bytes) noexcept {
+  auto* dst = static_cast<std::uint32_t*>(shared);
+  auto const* src = static_cast<unsigned char const*>(local);
+  for (std::size_t i = 0; i < bytes / 4; ++i) {
+    std::uint32_t w;
+    std::memcpy(&w, src + 4 * i, 4);
+    std::atomic_ref<std::uint32_t>(dst[i]).store(w, std::memory_order_relaxed);
+  }
+}
+inline void copyFromShared(void* local, void const* shared, std::size_t bytes) noexcept {
+  auto* dst = static_cast<unsigned char*>(local);
+  auto* src = static_cast<std::uint32_t*>(const_cast<void*>(shared));
+  for (std::size_t i = 0; i < bytes / 4; ++i) {
+    std::uint32_t w = std::atomic_ref<std::uint32_t>(src[i]).load(std::memory_order_relaxed);
+    std::memcpy(dst + 4 * i, &w, 4);
+  }
+}
+
+}  // namespace Mem::Atomics
