@@ -1,0 +1,54 @@
+#pragma once
+// GroupIntfKey: names one (group, interface) pair across a VRF; the key of the group-interface
+// table. Two fields in this order, 28 bytes, 4-byte alignment, trivially copyable, so it can sit
+// in shared-memory records as it is.
+//
+// Ordering is lexicographic, address first; <=, > and >= derive from < alone so that all agree.
+// `hash()` is the Ip6Addr hash of the 16 address bytes XOR the interface hash: the family word is
+// not mixed in (an IPv4 and an IPv6 key with the same stored bytes hash alike; == separates them).
+
+#include <cstdint>
+#include <iosfwd>
+#include <type_traits>
+
+#include "Lanx/IntfId.h"
+#include "Lanx/IpGenAddr.h"
+
+namespace Routing::Pim::Bidir {
+
+class GroupIntfKey {
+ public:
+  constexpr GroupIntfKey() = default;
+  GroupIntfKey(Lanx::IpGenAddr const& groupAddr, Lanx::IntfId const& intfId) noexcept
+      : groupAddr_(groupAddr), intfId_(intfId) {}
+
+  Lanx::IpGenAddr const& groupAddr() const noexcept { return groupAddr_; }
+  Lanx::IntfId const& intfId() const noexcept { return intfId_; }
+
+  bool operator==(GroupIntfKey const& other) const noexcept {
+    return groupAddr_ == other.groupAddr_ && intfId_ == other.intfId_;
+  }
+  bool operator!=(GroupIntfKey const& other) const noexcept { return !(*this == other); }
+  bool operator<(GroupIntfKey const& other) const noexcept {
+    if (groupAddr_ < other.groupAddr_) return true;
+    if (groupAddr_ == other.groupAddr_) return intfId_ < other.intfId_;
+    return false;
+  }
+  bool operator<=(GroupIntfKey const& other) const noexcept { return !(other < *this); }
+  bool operator>(GroupIntfKey const& other) const noexcept { return !(*this <= other); }
+  bool operator>=(GroupIntfKey const& other) const noexcept { return !(*this < other); }
+  // True for the unset key (default address and default interface).
+  bool operator!() const noexcept { return *this == GroupIntfKey(); }
+
+  std::uint32_t hash() const noexcept { return groupAddr_.hash() ^ intfId_.hash(); }
+
+ private:
+  Lanx::IpGenAddr groupAddr_;
+  Lanx::IntfId intfId_;
+};
+
+static_assert(sizeof(GroupIntfKey) == 28 && alignof(GroupIntfKey) == 4);
+static_assert(std::is_trivially_copyable_v<GroupIntfKey> &&
+              std::is_standard_layout_v<GroupIntfKey>);
+
+}  // namespace Routing::Pim::Bidir

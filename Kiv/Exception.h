@@ -1,0 +1,57 @@
+#pragma once
+// The entity framework's exceptions. Each carries its message text unchanged (`what()`), so that
+// callers and tests can compare it exactly. All derive from Jorv::Exception; catch the specific
+// type to tell a bad value (RangeException) from misuse of an instance or a request.
+
+#include <string>
+
+#include "Jorv/Exception.h"
+
+namespace Kiv {
+
+// A value, a number or a text is outside what the receiving type accepts.
+class RangeException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
+// An attempt to modify an instance that is held read-only.
+class ConstException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
+// A value of the wrong type (or no value) was offered for an attribute.
+class TypeException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
+// An index was given where none is allowed, or it does not name a member.
+class BadIndexException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
+// The operation is not defined for that attribute or object.
+class OperationNotSupportedException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
+// An argument names something that does not exist.
+class UnknownArgumentException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
+// A required reference argument was null.
+class NullArgumentException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
+// Throws RangeException with `message`. Out of line so that callers' hot paths stay small.
+[[noreturn]] void throwRangeException(std::string const& message);
+
+}  // namespace Kiv

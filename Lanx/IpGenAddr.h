@@ -1,0 +1,75 @@
+#pragma once
+// Lanx::IpGenAddr: an IPv4 or IPv6 address, or unset. It sits inside shared-memory records, so it
+// is a self-contained fixed-size value: a 32-bit address-family word followed by 16 address bytes
+// in network order (20 bytes, 4-byte alignment, no pointers). An IPv4 address occupies the first
+// 4 of the 16 bytes and the rest are zero. The default value is unset: family 0, all bytes zero.
+//
+// Equality compares all five words; ordering is by family, then by the bytes. `hash()` is the
+// Ip6Addr hash of the 16 bytes alone: the family is deliberately not mixed in, so an IPv4 and an
+// IPv6 address with the same stored bytes hash alike (equality still tells them apart).
+//
+// Text: dotted quad for IPv4, RFC 5952 canonical form for IPv6 (lower case, longest run of zero
+// groups as "::", IPv4-mapped addresses with a dotted tail); the unset address is the empty text.
+// Parsing accepts any valid RFC 4291 spelling and refuses anything else with Kiv::RangeException.
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "Kiv/String8.h"
+#include "Lanx/Ip6Addr.h"
+
+namespace Lanx {
+
+class IpGenAddr {
+ public:
+  // Linux address family numbers, so the word can be handed to the kernel unchanged.
+  enum Family : std::uint32_t { unset = 0, ipv4 = 2, ipv6 = 10 };
+
+  constexpr IpGenAddr() = default;
+  // From host-order IPv4 value (0xef010101 is 239.1.1.1).
+  static IpGenAddr ipv4Addr(std::uint32_t hostOrder) noexcept;
+  // From 16 network-order bytes.
+  static IpGenAddr ipv6Addr(std::array<std::uint8_t, 16> const& bytes) noexcept;
+  explicit IpGenAddr(Ip6Addr const& addr) noexcept;
+  // Parses `text`; throws Kiv::RangeException naming the text when it is no address.
+  explicit IpGenAddr(std::string_view text);
+  // The unspecified address ("0.0.0.0" or "::") of `family`; unset for any other family.
+  static IpGenAddr unspecified(Family family) noexcept;
+
+  Family family() const noexcept { return static_cast<Family>(family_); }
+  bool isIpv4() const noexcept { return family_ == ipv4; }
+  bool isIpv6() const noexcept { return family_ == ipv6; }
+  bool isUnset() const noexcept { return family_ == unset; }
+  // 32 for IPv4, 128 for IPv6, 0 when unset.
+  unsigned maxPrefixLength() const noexcept;
+  std::array<std::uint8_t, 16> const& bytes() const noexcept { return bytes_; }
+  // The IPv4 address in host order (0 unless IPv4).
+  std::uint32_t ipv4HostOrder() const noexcept;
+
+  std::uint32_t hash() const noexcept { return Ip6Addr::hash(bytes_.data()); }
+  std::string toString() const;
+
+  friend bool operator==(IpGenAddr const&, IpGenAddr const&) = default;
+  friend std::strong_ordering operator<=>(IpGenAddr const&, IpGenAddr const&) = default;
+
+ private:
+  std::uint32_t family_ = unset;
+  std::array<std::uint8_t, 16> bytes_{};
+};
+
+static_assert(sizeof(IpGenAddr) == 20 && alignof(IpGenAddr) == 4);
+static_assert(std::is_trivially_copyable_v<IpGenAddr> && std::is_standard_layout_v<IpGenAddr>);
+
+std::ostream& operator<<(std::ostream& os, IpGenAddr const& addr);
+
+// Reads one address at `cursor` (a bare token of hex digits, '.' and ':', or the same between
+// single quotes; an empty token is the unset address) and advances the cursor past it.
+IpGenAddr sequenceToValue(Kiv::String8::IteratorConst& cursor, Kiv::String8::IteratorConst end,
+                          IpGenAddr const* tag);
+
+}  // namespace Lanx
