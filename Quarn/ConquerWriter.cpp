@@ -1,0 +1,283 @@
+#include "Quarn/ConquerWriter.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include "Jorv/Exception.h"
+#include "Mem/Shared.h"
+#include "Quarn/Exceptions.h"
+#include "Quarn/Validator.h"
+#include "Quarn/WriterTables.h"
+
+namespace Quarn {
+namespace {
+
+char const* tableWord(std::uint32_t tableId) {
+  return tableId == 0 ? "primary" : "secondary";
+}
+
+}  // namespace
+
+ConquerWriter::ConquerWriter(Jorv::DebugHandler& dh, std::string const& rootPath, bool local,
+                             SlotWriterTable& slots, WriterKick& kick)
+    : dh_(dh),
+      slots_(slots),
+      kick_(kick),
+      mem_{QuarnMem(dh, rootPath, "conquer.1", local), QuarnMem(dh, rootPath, "conquer.2", local)} {
+}
+
+void ConquerWriter::corruption(std::string const& text) const {
+  KIV_TRACE(dh_, 0, text);
+  throw CorruptionDetectedException(text);
+}
+
+bool ConquerWriter::attachConquer(std::uint32_t tableId, std::uint32_t fenix, bool force) {
+  static constexpr AttachTexts texts{"ConquerWriter::attachConquer() ", "cannot attach to shmem ",
+                                     " size:", "failed to resize "};
+  std::uint32_t const capacity = ConquerTable::initialCapacity();
+  if (capacity == 0) {
+    throw Jorv::MemoryResourceException("ConquerWriter::attachConquer() page too small");
+  }
+  return attachTableFile(
+      dh_, mem_[tableId], ConquerTable::fileSize(capacity), fenix, force, texts,
+      [&] { ConquerTable::Header::format(mem_[tableId].base(), tableId, capacity, fenix); });
+}
+
+void ConquerWriter::restore() {
+  std::uint32_t const cur = header(0)->load(header(0)->currentTable);
+  current_ = cur < 2 ? cur : 0;
+  sequence_ = minSeq();
+  liveCount_ = 0;
+  for (std::uint32_t t = 0; t < 2; ++t) {
+    std::size_t const mapped = mem_[t].mappedSize();
+    std::uint32_t const fits =
+        mapped < ConquerTable::headerSize
+            ? 0
+            : static_cast<std::uint32_t>((mapped - ConquerTable::headerSize) /
+                                         ConquerTable::entrySize);
+    std::uint32_t const end = std::min({currentPos(t), capacity(t), fits});
+    if (end > 0) {
+      sequence_ =
+          std::max(sequence_, ConquerTable::sequence(ConquerTable::entry(base(t), end - 1)));
+    }
+    if (t != current_) continue;
+    for (std::uint32_t p = 0; p < end; ++p) {
+      if (ConquerTable::slotIndex(ConquerTable::entry(base(t), p)) != noIndex) ++liveCount_;
+    }
+  }
+  counters_.lastSequence = sequence_;
+}
+
+void ConquerWriter::notify(std::uint32_t s) {
+  KIV_TRACE(dh_, 8, "ConquerWriter::notify() notifying slot ", s);
+  if (currentPos(current_) >= capacity(current_)) compact();
+  std::uint32_t const p = slots_.conquerSlot(s);  // range-checks s
+  char* const table = base(current_);
+  ConquerTable::Header* const h = header(current_);
+  std::uint32_t const pos = h->load(h->currentPos);
+  if (p == noIndex) {
+    ++liveCount_;
+  } else {
+    if (p >= capacity(current_)) {
+      std::ostringstream os;
+      os << "ConquerWriter::notify() conquer index out-of-range, tomb:" << p
+         << " capacity:" << capacity(current_) << " slot:" << s;
+      corruption(os.str());
+    }
+    char* const old = ConquerTable::entry(table, p);
+    if (ConquerTable::slotIndex(old) != s) {
+      std::ostringstream os;
+      os << "ConquerWriter::notify() conquer slot mismatch, slot:" << s << " index:" << p;
+      corruption(os.str());
+    }
+    KIV_TRACE(dh_, 8, "ConquerWriter::notify() tombstoning ", p, " for slot ", s, " currentPos ",
+              pos);
+    Mem::Atomics::store32(old + 8, noIndex);
+    ++counters_.tombstones;
+  }
+  if (pos >= capacity(current_)) {
+    std::ostringstream os;
+    os << "ConquerWriter::notify() conquer index out-of-range, pos:" << pos
+       << " capacity:" << capacity(current_);
+    corruption(os.str());
+  }
+  ++sequence_;
+  ConquerTable::setEntry(ConquerTable::entry(table, pos), sequence_, s);
+  slots_.conquerSlotIs(s, pos);
+  Mem::Atomics::store32(&h->currentPos, pos + 1);
+  ++counters_.notifications;
+  counters_.lastSequence = sequence_;
+  kick_.doKickSleepers();
+}
+
+std::uint64_t ConquerWriter::prune() {
+  std::uint64_t const old = minSeq();
+  if (waitingForReaders_) {
+    KIV_TRACE(dh_, 5, "ConquerWriter::prune() cannot prune, waiting for readers");
+    return old;
+  }
+  std::uint64_t const lowest = kick_.lowestSequence();
+  if (old >= lowest) {
+    KIV_TRACE(dh_, 5, "ConquerWriter::prune() cannot prune, minSeq:", old,
+              " lowestSequence:", lowest);
+    return old;
+  }
+  std::uint64_t const next = lowest == WriterKick::noReaders ? sequence_ : lowest;
+  if (next <= old) return old;
+  KIV_TRACE(dh_, 5, "ConquerWriter::prune() pruning up to minSeq:", next, " (old minSeq:", old,
+            ") current sequence: ", sequence_);
+  Mem::Atomics::store64(&header(0)->minSeq, next);
+  ++counters_.prunes;
+  return next;
+}
+
+std::uint32_t ConquerWriter::prunePosition(std::uint64_t min) const {
+  std::uint32_t const end = currentPos(current_);
+  if (min == 0 || end == 0 || entrySequence(0) > min) return 0;
+  if (entrySequence(0) == min) return 1;
+  // First position whose sequence is above min; sequences increase strictly.
+  std::uint32_t low = 0;
+  std::uint32_t high = end;
+  while (low < high) {
+    std::uint32_t const mid = (low + high) / 2;
+    if (entrySequence(mid) <= min) {
+      low = mid + 1;
+    } else {
+      high = mid;
+    }
+  }
+  return low;
+}
+
+void ConquerWriter::compact() {
+  KIV_TRACE(dh_, 5, "ConquerWriter::compact() compacting ", tableWord(current_), " table");
+  std::uint64_t const min = prune();
+  std::uint32_t const end = currentPos(current_);
+  std::uint32_t const cut = prunePosition(min);
+  for (std::uint32_t p = 0; p < cut; ++p) {
+    std::uint32_t const s = entrySlot(p);
+    if (s == noIndex) continue;
+    KIV_TRACE(dh_, 8, "ConquerWriter::compact() pruning slot ", s);
+    slots_.conquerSlotIs(s, noIndex);  // range-checks s
+    --liveCount_;
+  }
+  std::uint32_t const other = 1 - current_;
+  if (capacity(other) < 2 * std::uint64_t(liveCount_)) grow(other);
+  Mem::Atomics::store32(&header(other)->currentPos, 0);
+  char* const from = base(current_);
+  char* const to = base(other);
+  std::uint32_t out = 0;
+  for (std::uint32_t p = cut; p < end; ++p) {
+    char const* const e = ConquerTable::entry(from, p);
+    std::uint32_t const s = ConquerTable::slotIndex(e);
+    if (s == noIndex) continue;
+    if (out >= capacity(other)) {
+      std::ostringstream os;
+      os << "ConquerWriter::compact() live entries exceed liveCount:" << liveCount_;
+      corruption(os.str());
+    }
+    KIV_TRACE(dh_, 8, "ConquerWriter::compact() compacting slot ", s, " from ", p, " to slot ",
+              out);
+    ConquerTable::setEntry(ConquerTable::entry(to, out), ConquerTable::sequence(e), s);
+    slots_.conquerSlotIs(s, out);
+    ++out;
+  }
+  Mem::Atomics::store32(&header(other)->currentPos, out);
+  Mem::Atomics::store32(&header(0)->currentTable, other);
+  current_ = other;
+  ++counters_.compactions;
+}
+
+void ConquerWriter::grow(std::uint32_t t) {
+  std::uint32_t const old = capacity(t);
+  std::size_t const bytes = ConquerTable::headerSize + 24 * std::size_t(liveCount_);
+  std::size_t const wanted =
+      2 * std::size_t(liveCount_) + (Mem::roundUpToWholePage(bytes) - bytes) / 12;
+  if (wanted <= old) return;
+  auto const capacity = static_cast<std::uint32_t>(wanted);
+  std::size_t const size = ConquerTable::fileSize(capacity);
+  char* const oldBase = mem_[t].base();
+  if (!mem_[t].resize(size)) {
+    std::ostringstream os;
+    os << "ConquerWriter::grow() failed to resize shared memory to size " << size;
+    KIV_TRACE(dh_, 0, os.str());
+    throw Jorv::MemoryResourceException(os.str());
+  }
+  if (mem_[t].base() != oldBase) {
+    KIV_TRACE(dh_, 5, "ConquerWriter::grow() remap base address changed from ",
+              static_cast<void*>(oldBase), " to ", static_cast<void*>(mem_[t].base()));
+  }
+  Mem::Atomics::store32(&header(t)->capacity, capacity);
+  KIV_TRACE(dh_, 3, "ConquerWriter::grow() ", mem_[t].name(), " from ", old, " to ", capacity,
+            " notifications");
+}
+
+void ConquerWriter::updateNumReaders() {
+  std::uint32_t const n = kick_.numReaders();
+  KIV_TRACE(dh_, 5, "ConquerWriter::updateNumReaders() waitingForReaders:", waitingForReaders_,
+            " readers:", n, " numReaders:", header(0)->load(header(0)->numReaders));
+  if (!waitingForReaders_) Mem::Atomics::store32(&header(0)->numReaders, n);
+}
+
+std::uint32_t ConquerWriter::numReaders() const {
+  return header(0)->load(header(0)->numReaders);
+}
+
+bool ConquerWriter::validate(std::uint32_t fenix, std::string& error) const {
+  ConquerTable::Header const* const h = header(current_);
+  std::string headerError;
+  if (!h->validate(mem_[current_].mappedSize(), fenix, headerError)) {
+    error = "ConquerWriter::validate() " + mem_[current_].name() +
+            " header validation failed: " + headerError;
+    return false;
+  }
+  std::ostringstream os;
+  std::uint32_t const end = currentPos(current_);
+  if (end > capacity(current_)) {
+    os << "ConquerWriter::validate() table->currentPos:" << end
+       << " capacity:" << capacity(current_);
+    error = os.str();
+    return false;
+  }
+  for (std::uint32_t p = 1; p < end; ++p) {
+    if (entrySequence(p) <= entrySequence(p - 1)) {
+      os << "ConquerWriter::validate() pos:" << p << " prevSeq:" << entrySequence(p - 1)
+         << " bad order: " << entrySequence(p);
+      error = os.str();
+      return false;
+    }
+  }
+  // Every entry of the current table was appended or copied after minSeq was last raised.
+  if (end > 0 && entrySequence(0) <= minSeq()) {
+    os << "ConquerWriter::validate() minSeq:" << minSeq() << " first sequence:" << entrySequence(0);
+    error = os.str();
+    return false;
+  }
+  return true;
+}
+
+bool ConquerWriter::validateFile() const {
+  static char const* const failures[2] = {
+      "ConquerWriter::validateFile(): conquer.1 validation failed",
+      "ConquerWriter::validateFile(): conquer.2 validation failed"};
+  for (std::uint32_t t = 0; t < 2; ++t) {
+    if (mem_[t].local()) continue;
+    if (!ValidatorBase::validateFile(dh_, mem_[t].name(), ConquerTable::fileSize(capacity(t)))) {
+      KIV_TRACE(dh_, 0, failures[t]);
+      return false;
+    }
+  }
+  return true;
+}
+
+void ConquerWriter::cleanup() {
+  for (auto& mem : mem_) {
+    KIV_TRACE(dh_, 3, "ConquerWriter::cleanup() removing file: ", mem.name());
+    mem.remove();
+  }
+  current_ = 0;
+  sequence_ = 0;
+  liveCount_ = 0;
+}
+
+}  // namespace Quarn

@@ -1,0 +1,108 @@
+#pragma once
+// The notification queue writer: tells readers, in order, which slots changed.
+//
+// Every change of slot s appends (sequence, s) to the current table; s's previous live entry, if
+// any, is tombstoned first, so a slot has at most one live entry and its conquerSlot names it.
+// When the current table is full, the entries that every reader has consumed are pruned (minSeq
+// raised to the readers' lowest acknowledged sequence, or to the writer's own sequence when no
+// reader is connected), and the live rest is copied, in order, into the other table, which then
+// becomes current. Sequences increase strictly along a table.
+//
+// Order of one notification (readers rely on it): tombstone the old entry, write the new entry,
+// store currentPos (release), then wake readers. A reader that loads currentPos (acquire) sees
+// every entry below it; a slot's newer entry always lies later in the same table.
+// A compaction fills the other table and its currentPos before it stores currentTable (release)
+// in the "conquer.1" header.
+
+#include <cstdint>
+#include <string>
+
+#include "Jorv/Platform.h"
+#include "Quarn/ConquerTable.h"
+#include "Quarn/QuarnMem.h"
+#include "Quarn/WriterKick.h"
+
+namespace Quarn {
+
+class SlotWriterTable;
+
+struct ConquerCounters {
+  std::uint64_t notifications = 0;
+  std::uint64_t tombstones = 0;
+  std::uint64_t prunes = 0;
+  std::uint64_t compactions = 0;
+  std::uint64_t lastSequence = 0;
+};
+
+class ConquerWriter {
+ public:
+  ConquerWriter(Jorv::DebugHandler& dh, std::string const& rootPath, bool local,
+                SlotWriterTable& slots, WriterKick& kick);
+
+  // Maps table `tableId` (0 or 1), keeping it when its fenix matches and `force` is false.
+  // Returns true when kept.
+  bool attachConquer(std::uint32_t tableId, std::uint32_t fenix, bool force);
+  // After both tables were attached: take over the current table, sequence and live count that
+  // the files hold (fresh values for fresh files).
+  void restore();
+
+  // Records a change of slot `slotIndex`. Throws CorruptionDetectedException when the slot's
+  // conquerSlot contradicts the table.
+  void notify(std::uint32_t slotIndex);
+  void compact();
+  // Raises minSeq as far as the readers allow; returns it.
+  std::uint64_t prune();
+  // Makes table `tableId` hold at least twice the live entries, in whole pages.
+  void grow(std::uint32_t tableId);
+
+  void updateNumReaders();
+  std::uint32_t numReaders() const;
+  bool waitingForReaders() const noexcept { return waitingForReaders_; }
+  void waitingForReadersIs(bool waiting) noexcept { waitingForReaders_ = waiting; }
+
+  // The current table's header and entry order (false + message).
+  bool validate(std::uint32_t fenix, std::string& error) const;
+  // Both files' sizes on disk against their headers.
+  bool validateFile() const;
+  void cleanup();
+
+  std::uint32_t currentTable() const noexcept { return current_; }
+  char* base(std::uint32_t tableId) const noexcept { return mem_[tableId].base(); }
+  ConquerTable::Header* header(std::uint32_t tableId) const noexcept {
+    return ConquerTable::header(base(tableId));
+  }
+  std::uint32_t capacity(std::uint32_t tableId) const noexcept {
+    return header(tableId)->load(header(tableId)->capacity);
+  }
+  std::uint32_t currentPos(std::uint32_t tableId) const noexcept {
+    return header(tableId)->load(header(tableId)->currentPos);
+  }
+  // Slot index of entry `pos` of the current table (noIndex for a tombstone).
+  std::uint32_t entrySlot(std::uint32_t pos) const noexcept {
+    return ConquerTable::slotIndex(ConquerTable::entry(base(current_), pos));
+  }
+  std::uint64_t entrySequence(std::uint32_t pos) const noexcept {
+    return ConquerTable::sequence(ConquerTable::entry(base(current_), pos));
+  }
+  std::uint64_t minSeq() const noexcept { return Mem::Atomics::load64(&header(0)->minSeq); }
+  std::uint64_t sequence() const noexcept { return sequence_; }
+  std::uint32_t liveCount() const noexcept { return liveCount_; }
+  ConquerCounters const& counters() const noexcept { return counters_; }
+  QuarnMem const& mem(std::uint32_t tableId) const noexcept { return mem_[tableId]; }
+
+ private:
+  std::uint32_t prunePosition(std::uint64_t minSeq) const;
+  [[noreturn]] void corruption(std::string const& text) const;
+
+  Jorv::DebugHandler& dh_;
+  SlotWriterTable& slots_;
+  WriterKick& kick_;
+  QuarnMem mem_[2];
+  std::uint32_t current_ = 0;
+  std::uint64_t sequence_ = 0;
+  std::uint32_t liveCount_ = 0;
+  bool waitingForReaders_ = false;
+  ConquerCounters counters_;
+};
+
+}  // namespace Quarn

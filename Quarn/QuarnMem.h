@@ -1,0 +1,35 @@
+#pragma once
+// One memory object of a table: a named file under the table's root path ("slots", "buckets",
+// "conquer.1", "conquer.2"), or private anonymous memory for a local table. Owns its mapping.
+
+#include <memory>
+#include <string>
+
+#include "Jorv/Platform.h"
+#include "Mem/Shared.h"
+
+namespace Quarn {
+
+class QuarnMem {
+ public:
+  // `rootPath` is the table's directory; ignored when `local`.
+  QuarnMem(Jorv::DebugHandler& dh, std::string const& rootPath, std::string const& fileName,
+           bool local);
+
+  // File path, or "[ANONYMOUS]".
+  std::string name() const { return region_->name(); }
+  bool local() const noexcept { return local_; }
+  std::size_t sizeOnDisk() const { return region_->sizeOnDisk(); }
+  bool attach(std::size_t bytes) { return region_->attach(bytes); }
+  bool resize(std::size_t bytes) { return region_->resize(bytes); }
+  void detach() noexcept { region_->detach(); }
+  bool remove() noexcept { return region_->remove(); }
+  char* base() const noexcept { return region_->base(); }
+  std::size_t mappedSize() const noexcept { return region_->mappedSize(); }
+
+ private:
+  bool local_;
+  std::unique_ptr<Mem::Region> region_;
+};
+
+}  // namespace Quarn

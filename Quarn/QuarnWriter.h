@@ -1,0 +1,435 @@
+#pragma once
+// The single writer of one table: insert-or-update, remove, lookup, ordered iteration and a
+// two-step in-place write, over the slot, bucket and notification files.
+//
+// Chains: bucket b = key.hash() % numBuckets heads a chain of occupied slots in ascending key
+// order. Readers never lock; they rely on these orders:
+// - Insert: the new slot gets its value and its forward link first; only then is the link that
+//   makes it reachable published (one 64-bit release store with the version increased).
+// - Remove: the slot is unlinked first, then loses OCCUPIED, then joins the free list (its link
+//   changes with a new version, so a reader parked on it notices).
+// - Update of a reachable slot: the value is staged in the lookaside slot, flags+2 sets LOOKASIDE
+//   (readers then copy the lookaside value), the value is copied in place, flags+2|1 clears it.
+// Corruption met while walking (cycle, index out of range, key in the wrong bucket, unoccupied
+// slot in a chain) raises CorruptionDetectedException; nothing is repaired.
+//
+// No heap allocation on write, remove and lookup once the table has grown to its working size.
+
+#include <unistd.h>
+
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <type_traits>
+
+#include "Jorv/Exception.h"
+#include "Jorv/Platform.h"
+#include "Quarn/ConquerWriter.h"
+#include "Quarn/Exceptions.h"
+#include "Quarn/IterHint.h"
+#include "Quarn/Util.h"
+#include "Quarn/Validator.h"
+#include "Quarn/WriterKick.h"
+#include "Quarn/WriterTables.h"
+
+namespace Quarn {
+
+template <class Key, class Wrapper>
+class QuarnWriter {
+  static_assert(std::is_trivially_copyable_v<Wrapper> && sizeof(Wrapper) % 4 == 0 &&
+                    alignof(Wrapper) <= 4,
+                "table records are 4-byte packed plain values");
+
+ public:
+  using KeyType = Key;
+  using ValueType = Wrapper;
+
+  // `kick` wakes this table's readers; nullptr means none (always the case for a local table).
+  // `rootDir` is the directory that holds the table directories (empty: Mem::defaultRootDir()).
+  QuarnWriter(Jorv::DebugHandler& dh, std::string const& tableName, std::uint32_t size,
+              bool isLocal, std::string const& className, WriterKick* kick = nullptr,
+              std::string const& rootDir = {})
+      : dh_(dh),
+        root_(tableName, rootDir),
+        local_(isLocal),
+        kick_(kick != nullptr && !isLocal ? kick : &noReaders_),
+        slots_(dh, root_.str(), isLocal, Jorv::typeName<Wrapper>(), className, sizeof(Wrapper),
+               size),
+        buckets_(dh, root_.str(), isLocal, size),
+        conquer_(dh, root_.str(), isLocal, slots_, *kick_) {
+    if (size == 0) throw Jorv::InvalidInitializeException("QuarnWriter() table size 0");
+  }
+
+  // Maps the files, keeps their entries when all four belong to this incarnation and validate,
+  // else re-formats every file under fenix + 1.
+  void attach();
+
+  // Inserts or updates the entry of value.key; returns its value area in the slot.
+  Wrapper const* write(Wrapper const& value, bool safe = true);
+  // Removes key; copies the removed value into out. False when absent.
+  bool remove(Key const& key, Wrapper& out);
+  Wrapper lookup(Key const& key, bool& found) const;
+  bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) const;
+  bool first(Wrapper& out) const {
+    IterHint hint;
+    return first(0, out, hint);
+  }
+  bool next(Key const& key, Wrapper& out, IterHint& hint) const;
+
+  // Returns a value area holding key and zeros for the caller to fill in place (the key must
+  // stay unchanged); `directCommit` publishes it. One direct write may be pending at a time.
+  Wrapper* directWrite(Key const& key);
+  void directCommit();
+  bool directPending() const noexcept { return pending_ != noIndex; }
+
+  bool validate() { return Validator<Key, Wrapper>(dh_, *this).validate(fenix_); }
+  bool validateFiles() const;
+  void cleanup();
+  std::uint32_t capacity() const noexcept { return slots_.numSlots(); }
+  std::uint32_t size() const noexcept { return slots_.occupiedSlots(); }
+  std::string mountStatus() const;
+  SlotCounters const& writerCounters() const noexcept { return slots_.counters(); }
+
+  std::uint32_t bucketOf(Key const& key) const noexcept { return key.hash() % numBuckets(); }
+  std::uint32_t numBuckets() const noexcept { return buckets_.numBuckets(); }
+  std::uint32_t fenix() const noexcept { return fenix_; }
+  bool local() const noexcept { return local_; }
+  std::string const& rootPath() const noexcept { return root_.str(); }
+  Jorv::DebugHandler& debugHandler() const noexcept { return dh_; }
+  SlotWriterTable& slots() noexcept { return slots_; }
+  BucketWriterTable& buckets() noexcept { return buckets_; }
+  ConquerWriter& conquer() noexcept { return conquer_; }
+
+  // Result of a chain walk: `slot` is the key's slot when found, else the first slot with a
+  // greater key (noIndex at the chain's end); `prev` is the slot whose link leads to `slot`
+  // (noIndex: the bucket head).
+  struct Found {
+    std::uint32_t slot;
+    std::uint32_t prev;
+    bool found;
+  };
+  Found find(Key const& key, std::uint32_t bucket) const { return walk(key, bucket, "find"); }
+
+ private:
+  static Key const& keyAt(char const* slot) noexcept {
+    return reinterpret_cast<Wrapper const*>(slot + SlotTable::valueOffset)->key;
+  }
+  Found walk(Key const& key, std::uint32_t bucket, char const* op) const;
+  // The slot of `index`, checked to be a valid member of `bucket`'s chain.
+  char* chainSlot(std::uint32_t index, std::uint32_t bucket, char const* op,
+                  char const* occupiedOp) const;
+  char* linkUnit(std::uint32_t bucket, std::uint32_t prev) const {
+    return prev == noIndex ? buckets_.bucket(bucket) : slots_.slot(prev);
+  }
+  std::uint32_t allocOrThrow();
+  void writeValue(char* slot, void const* value);
+  void copyOut(char const* slot, Wrapper& out) const {
+    Mem::Atomics::copyFromShared(&out, slot + SlotTable::valueOffset, sizeof(Wrapper));
+  }
+  bool attachAll(std::uint32_t fenix, bool force);
+  [[noreturn]] void corruption(std::string const& text) const {
+    KIV_TRACE(dh_, 0, text);
+    throw CorruptionDetectedException(text);
+  }
+
+  Jorv::DebugHandler& dh_;
+  RootPath root_;
+  bool local_;
+  NoReaderKick noReaders_;
+  WriterKick* kick_;
+  SlotWriterTable slots_;
+  BucketWriterTable buckets_;
+  ConquerWriter conquer_;
+  std::uint32_t fenix_ = 0;
+  std::uint32_t pending_ = noIndex;
+  bool pendingNew_ = false;
+  Key pendingKey_{};
+};
+
+// ---- implementation
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::attachAll(std::uint32_t fenix, bool force) {
+  pending_ = noIndex;
+  bool kept = slots_.attach(fenix, force);
+  kept = buckets_.attach(fenix, force) && kept;
+  kept = conquer_.attachConquer(0, fenix, force) && kept;
+  kept = conquer_.attachConquer(1, fenix, force) && kept;
+  conquer_.restore();
+  return kept;
+}
+
+template <class Key, class Wrapper>
+void QuarnWriter<Key, Wrapper>::attach() {
+  if (local_) {
+    fenix_ = static_cast<std::uint32_t>(::getpid());
+  } else {
+    fenix_ = FenixFile::read(root_.str());
+    if (fenix_ == 0) fenix_ = Util::encodeFenix(::getpid() & 0xffff, Util::nextInstanceId());
+    Util::AutoLock lock(root_.str());  // records this process as the table's owner
+  }
+  bool const kept = attachAll(fenix_, false);
+  if (!kept || !validate()) {
+    KIV_TRACE(dh_, 3, "QuarnWriter::attach() failed, all entries from ", root_.str(),
+              " will be lost");
+    fenix_ = fenix_ + 1 == 0 ? 1 : fenix_ + 1;
+    attachAll(fenix_, true);
+    if (!validate()) {
+      KIV_TRACE(dh_, 0, "QuarnWriter::attach() failed validation");
+      throw Jorv::RuntimeException("QuarnWriter::attach() failed validation");
+    }
+    KIV_TRACE(dh_, 3, "QuarnWriter::attach(): re-formatted successfully");
+  }
+  if (!local_ && !FenixFile::write(root_.str(), fenix_)) {
+    throw Jorv::RuntimeException("QuarnWriter::attach() cannot write fenix file in " + root_.str());
+  }
+  KIV_TRACE(dh_, 3, "QuarnWriter::attach() success ", root_.str(), " capacity: ", capacity(),
+            " fenixId: ", fenix_);
+}
+
+template <class Key, class Wrapper>
+char* QuarnWriter<Key, Wrapper>::chainSlot(std::uint32_t index, std::uint32_t bucket,
+                                           char const* op, char const* occupiedOp) const {
+  char* const s = slots_.slot(index);
+  if (!(SlotWriterTable::flags(s) & SlotTable::OCCUPIED)) {
+    std::ostringstream os;
+    os << "QuarnWriter::" << occupiedOp << "() slot: " << index << " not marked as occupied";
+    corruption(os.str());
+  }
+  if (bucketOf(keyAt(s)) != bucket) {
+    std::ostringstream os;
+    os << "QuarnWriter::" << op << "() corrupt key detected, slot: " << index
+       << " bucket:" << bucket;
+    corruption(os.str());
+  }
+  return s;
+}
+
+template <class Key, class Wrapper>
+typename QuarnWriter<Key, Wrapper>::Found QuarnWriter<Key, Wrapper>::walk(Key const& key,
+                                                                          std::uint32_t bucket,
+                                                                          char const* op) const {
+  std::uint32_t prev = noIndex;
+  std::uint32_t cur = linkTarget(buckets_.bucket(bucket));
+  std::uint32_t const limit = capacity();
+  for (std::uint32_t count = 1; cur != noIndex; ++count) {
+    if (count > limit) {
+      std::ostringstream os;
+      os << "QuarnWriter::" << op << "() hash chain cycle detected, slotCount:" << count
+         << " capacity:" << limit;
+      corruption(os.str());
+    }
+    char const* const s = chainSlot(cur, bucket, op, op);
+    Key const& slotKey = keyAt(s);
+    if (slotKey < key) {
+      prev = cur;
+      cur = SlotWriterTable::next(s);
+    } else {
+      return {cur, prev, !(key < slotKey)};
+    }
+  }
+  return {noIndex, prev, false};
+}
+
+template <class Key, class Wrapper>
+std::uint32_t QuarnWriter<Key, Wrapper>::allocOrThrow() {
+  std::uint32_t const i = slots_.alloc();
+  if (i != noIndex) return i;
+  std::ostringstream os;
+  os << "SlotWriter::alloc() Quarn table full (occupancy:" << slots_.occupiedSlots()
+     << " tableSize:" << slots_.tableSize() << ") " << root_.str();
+  KIV_TRACE(dh_, 0, os.str());
+  throw TableFullException(os.str());
+}
+
+template <class Key, class Wrapper>
+void QuarnWriter<Key, Wrapper>::writeValue(char* s, void const* value) {
+  std::uint32_t const f = SlotWriterTable::flags(s);
+  if (f & SlotTable::OCCUPIED) {
+    Mem::Atomics::copyToShared(slots_.lookasideValue(), value, sizeof(Wrapper));
+  }
+  SlotWriterTable::flagsIs(s, f + 2);
+  Mem::Atomics::fenceRelease();
+  Mem::Atomics::copyToShared(SlotWriterTable::value(s), value, sizeof(Wrapper));
+  SlotWriterTable::flagsIs(s, (f + 4) | SlotTable::OCCUPIED);
+}
+
+template <class Key, class Wrapper>
+Wrapper const* QuarnWriter<Key, Wrapper>::write(Wrapper const& value, bool /*safe*/) {
+  Key const& key = value.key;
+  std::uint32_t const b = bucketOf(key);
+  Found const f = find(key, b);
+  std::uint32_t i = f.slot;
+  if (f.found) {
+    writeValue(slots_.slot(i), &value);
+  } else {
+    i = allocOrThrow();  // may grow and move the slot mapping: addresses are taken after it
+    char* const s = slots_.slot(i);
+    publishLink(s, f.slot);
+    writeValue(s, &value);
+    publishLink(linkUnit(b, f.prev), i);
+  }
+  ++slots_.counters().writes;
+  conquer_.notify(i);
+  return reinterpret_cast<Wrapper const*>(SlotWriterTable::value(slots_.slotUnchecked(i)));
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::remove(Key const& key, Wrapper& out) {
+  std::uint32_t const b = bucketOf(key);
+  Found const f = find(key, b);
+  if (!f.found) {
+    KIV_TRACE(dh_, 8, "QuarnWriter::remove() ", key, " bucket:", b, " not found");
+    return false;
+  }
+  char* const s = slots_.slot(f.slot);
+  copyOut(s, out);
+  publishLink(linkUnit(b, f.prev), SlotWriterTable::next(s));
+  SlotWriterTable::flagsIs(s, SlotWriterTable::flags(s) & ~SlotTable::OCCUPIED);
+  slots_.pushFree(f.slot);
+  SlotTable::Header* const h = slots_.header();
+  Mem::Atomics::store32(&h->occupiedSlots, h->load(h->occupiedSlots) - 1);
+  ++slots_.counters().removes;
+  conquer_.notify(f.slot);
+  return true;
+}
+
+template <class Key, class Wrapper>
+Wrapper QuarnWriter<Key, Wrapper>::lookup(Key const& key, bool& found) const {
+  Wrapper out{};
+  Found const f = walk(key, bucketOf(key), "lookup");
+  found = f.found;
+  if (found) copyOut(slots_.slotUnchecked(f.slot), out);
+  return out;
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::first(std::uint32_t bucket, Wrapper& out, IterHint& hint) const {
+  for (std::uint32_t b = bucket; b < numBuckets(); ++b) {
+    std::uint32_t const head = linkTarget(buckets_.bucket(b));
+    if (head == noIndex) continue;
+    copyOut(chainSlot(head, b, "first", "first"), out);
+    hint = {head, b};
+    return true;
+  }
+  KIV_TRACE(dh_, 8, "QuarnWriter::first() none found!");
+  return false;
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::next(Key const& key, Wrapper& out, IterHint& hint) const {
+  std::uint32_t bucket;
+  std::uint32_t candidate;
+  if (hint.slot < capacity() && hint.bucket < numBuckets() &&
+      (SlotWriterTable::flags(slots_.slotUnchecked(hint.slot)) & SlotTable::OCCUPIED) &&
+      keyAt(slots_.slotUnchecked(hint.slot)) == key) {
+    bucket = hint.bucket;
+    candidate = SlotWriterTable::next(slots_.slotUnchecked(hint.slot));
+  } else {
+    // The key was removed (or the hint is stale): resume after it in its own bucket.
+    bucket = bucketOf(key);
+    Found const f = walk(key, bucket, "next");
+    candidate = f.found ? SlotWriterTable::next(slots_.slotUnchecked(f.slot)) : f.slot;
+  }
+  if (candidate == noIndex) return first(bucket + 1, out, hint);
+  copyOut(chainSlot(candidate, bucket, "next", "lookup"), out);
+  hint = {candidate, bucket};
+  KIV_TRACE(dh_, 9, "QuarnWriter::next()", ", saving new slot hint ", hint);
+  return true;
+}
+
+template <class Key, class Wrapper>
+Wrapper* QuarnWriter<Key, Wrapper>::directWrite(Key const& key) {
+  if (pending_ != noIndex) {
+    throw Jorv::RuntimeException("QuarnWriter::directWrite() a direct write is already pending");
+  }
+  std::uint32_t const b = bucketOf(key);
+  Found const f = find(key, b);
+  Wrapper fresh;
+  std::memset(static_cast<void*>(&fresh), 0, sizeof fresh);
+  fresh.key = key;
+  char* target;
+  if (f.found) {
+    pending_ = f.slot;
+    pendingNew_ = false;
+    target = slots_.lookasideValue();
+  } else {
+    pending_ = allocOrThrow();
+    pendingNew_ = true;
+    target = SlotWriterTable::value(slots_.slot(pending_));
+  }
+  pendingKey_ = key;
+  Mem::Atomics::copyToShared(target, &fresh, sizeof fresh);
+  KIV_TRACE(dh_, 8, "QuarnWriter::directWrite() ", key, pendingNew_ ? " new" : " existing",
+            " bucket:", b, " slot:", pending_, " next:", f.slot);
+  return reinterpret_cast<Wrapper*>(target);
+}
+
+template <class Key, class Wrapper>
+void QuarnWriter<Key, Wrapper>::directCommit() {
+  if (pending_ == noIndex) {
+    throw Jorv::RuntimeException("QuarnWriter::directCommit() no direct write pending");
+  }
+  std::uint32_t const i = pending_;
+  pending_ = noIndex;
+  KIV_TRACE(dh_, 8, "QuarnWriter::directCommit() slot: ", i);
+  std::uint32_t const b = bucketOf(pendingKey_);
+  Found f{noIndex, noIndex, false};
+  char* const s = slots_.slot(i);
+  if (pendingNew_) {
+    f = find(pendingKey_, b);
+    publishLink(s, f.slot);
+  }
+  std::uint32_t const flags = SlotWriterTable::flags(s);
+  if (flags & SlotTable::OCCUPIED) {
+    SlotWriterTable::flagsIs(s, flags + 2);
+    Mem::Atomics::fenceRelease();
+    char staged[sizeof(Wrapper)];
+    Mem::Atomics::copyFromShared(staged, slots_.lookasideValue(), sizeof staged);
+    Mem::Atomics::copyToShared(SlotWriterTable::value(s), staged, sizeof staged);
+    SlotWriterTable::flagsIs(s, flags + 4);
+  } else {
+    SlotWriterTable::flagsIs(s, (flags + 4) | SlotTable::OCCUPIED);
+  }
+  if (pendingNew_) publishLink(linkUnit(b, f.prev), i);
+  ++slots_.counters().writes;
+  conquer_.notify(i);
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::validateFiles() const {
+  if (local_) return true;
+  return ValidatorBase::validateFile(dh_, slots_.mem().name(),
+                                     SlotTable::fileSize(slots_.slotSize(), capacity())) &&
+         ValidatorBase::validateFile(dh_, buckets_.mem().name(),
+                                     BucketTable::fileSize(numBuckets())) &&
+         conquer_.validateFile();
+}
+
+template <class Key, class Wrapper>
+void QuarnWriter<Key, Wrapper>::cleanup() {
+  KIV_TRACE(dh_, 3, "QuarnWriter::cleanup() removing Quarn files ", root_.str());
+  pending_ = noIndex;
+  if (local_) {
+    buckets_.cleanup();
+    slots_.cleanup();
+    conquer_.cleanup();
+    return;
+  }
+  Util::AutoLock lock(root_.str());
+  buckets_.cleanup();
+  slots_.cleanup();
+  conquer_.cleanup();
+  ::unlink(root_.file("fenix").c_str());
+  ::unlink(root_.file("last-owner").c_str());
+}
+
+template <class Key, class Wrapper>
+std::string QuarnWriter<Key, Wrapper>::mountStatus() const {
+  std::ostringstream os;
+  os << "writer " << root_.str() << (local_ ? " local" : " shared") << " fenix:" << fenix_
+     << " slots:" << capacity() << " occupied:" << size() << " buckets:" << numBuckets();
+  return os.str();
+}
+
+}  // namespace Quarn

@@ -1,0 +1,218 @@
+#include "Quarn/WriterTables.h"
+
+#include <cmath>
+#include <sstream>
+
+#include "Jorv/Exception.h"
+#include "Mem/Shared.h"
+#include "Quarn/Exceptions.h"
+
+namespace Quarn {
+
+std::string SlotCounters::str() const {
+  std::ostringstream os;
+  os << "allocs:" << allocs << " removes:" << removes << " writes:" << writes << " grows:" << grows
+     << " growFailures:" << growFailures;
+  return os.str();
+}
+
+bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t initialSize,
+                         std::uint32_t fenix, bool force, AttachTexts const& texts) {
+  std::size_t const existing = mem.sizeOnDisk();
+  if (existing == 0) {
+    KIV_TRACE(dh, 5, texts.prefix, "to new file ", mem.name());
+    if (!mem.attach(initialSize)) {
+      std::ostringstream os;
+      os << texts.prefix << texts.mapFailure << mem.name() << texts.mapFailureSize << initialSize;
+      throw Jorv::MemoryResourceException(os.str());
+    }
+    return false;
+  }
+  KIV_TRACE(dh, 5, texts.prefix, "to existing ", mem.name(), " size:", existing);
+  if (!mem.attach(existing)) {
+    std::ostringstream os;
+    os << texts.prefix << texts.mapFailure << mem.name() << texts.mapFailureSize << existing;
+    throw Jorv::MemoryResourceException(os.str());
+  }
+  // Every table file carries its fenix at offset 12.
+  if (!force && existing >= 16 && Mem::Atomics::load32(mem.base() + 12) == fenix) return true;
+  if (existing != initialSize) {
+    KIV_TRACE(dh, 5, texts.prefix, "resize from ", existing, " to ", initialSize, " bytes");
+    if (!mem.resize(initialSize)) {
+      std::ostringstream os;
+      os << texts.prefix << texts.resizeFailure << initialSize;
+      throw Jorv::MemoryResourceException(os.str());
+    }
+  }
+  KIV_TRACE(dh, 5, texts.prefix, "re-formatted ", mem.name());
+  return false;
+}
+
+// ---- SlotWriterTable
+
+SlotWriterTable::SlotWriterTable(Jorv::DebugHandler& dh, std::string const& rootPath, bool local,
+                                 std::string valueTypeName, std::string className,
+                                 std::uint32_t valueSize, std::uint32_t tableSize)
+    : dh_(dh),
+      mem_(dh, rootPath, "slots", local),
+      valueTypeName_(std::move(valueTypeName)),
+      className_(std::move(className)),
+      valueSize_(valueSize),
+      slotSize_(SlotTable::slotSizeFor(valueSize)),
+      tableSize_(tableSize) {}
+
+bool SlotWriterTable::attach(std::uint32_t fenix, bool force) {
+  static constexpr AttachTexts texts{"SlotWriter::attach() ", "cannot attach to shmem ",
+                                     " size:", "failed to resize shared memory to size "};
+  std::uint32_t const initial = SlotTable::initialNumSlots(slotSize_);
+  if (initial == 0) {
+    throw Jorv::MemoryResourceException("SlotWriter::attach() slot size exceeds one page");
+  }
+  bool const kept =
+      attachTableFile(dh_, mem_, SlotTable::fileSize(slotSize_, initial), fenix, force, texts, [&] {
+        SlotTable::Header::format(mem_.base(), dh_, valueTypeName_, className_, valueSize_, initial,
+                                  tableSize_, fenix);
+        numSlots_ = initial;
+        addFreeSlots(0, initial);
+      });
+  if (kept) {
+    // Trust the header only as far as the mapping reaches; validation reports the rest.
+    std::uint32_t const n = Mem::Atomics::highWord(header()->numSlotsUnit());
+    std::size_t const mapped = mem_.mappedSize();
+    numSlots_ =
+        mapped < SlotTable::fileSize(slotSize_, 0)
+            ? 0
+            : std::min<std::size_t>(n, (mapped - SlotTable::fileSize(slotSize_, 0)) / slotSize_);
+  }
+  return kept;
+}
+
+char* SlotWriterTable::slot(std::uint32_t i) const {
+  if (i >= numSlots_) {
+    std::ostringstream os;
+    os << "SlotWriter::Slots::operator[] out-of-range index: " << i
+       << " max:" << std::int64_t(numSlots_) - 1;
+    throw CorruptionDetectedException(os.str());
+  }
+  return slotUnchecked(i);
+}
+
+void SlotWriterTable::addFreeSlots(std::uint32_t start, std::uint32_t end) {
+  if (freeSlots() != noIndex) {
+    throw CorruptionDetectedException("SlotWriterTable::addFreeSlots() free-list is not empty");
+  }
+  if (start > end || end > numSlots_) {
+    std::ostringstream os;
+    os << "SlotWriterTable::addFreeSlots() bad index range, start: " << start << " end: " << end;
+    throw CorruptionDetectedException(os.str());
+  }
+  if (start == end) return;
+  for (std::uint32_t i = start; i < end; ++i) {
+    publishLink(slotUnchecked(i), i + 1 < end ? i + 1 : noIndex);
+  }
+  Mem::Atomics::store32(&header()->freeSlots, start);
+}
+
+bool SlotWriterTable::grow() {
+  std::uint32_t const n = numSlots_;
+  std::uint64_t target;
+  if (n < tableSize_) {
+    target = std::min<std::uint64_t>(2 * std::uint64_t(n), tableSize_);
+  } else {
+    target = static_cast<std::uint64_t>(std::ceil(static_cast<float>(n) * 1.1f));
+  }
+  if (target <= n) target = n + 1;
+  std::size_t bytes = SlotTable::fileSize(slotSize_, static_cast<std::uint32_t>(0)) +
+                      std::size_t(target) * slotSize_;
+  target += (Mem::roundUpToWholePage(bytes) - bytes) / slotSize_;
+  if (target >= noIndex) target = noIndex - 1;
+  if (target <= n) {
+    ++counters_.growFailures;
+    return false;
+  }
+  auto const grown = static_cast<std::uint32_t>(target);
+  if (grown > tableSize_) {
+    KIV_TRACE(dh_, 3, "SlotWriter::grow() overflowing by ", grown - tableSize_, " slots");
+  }
+  bytes = SlotTable::fileSize(slotSize_, grown);
+  char* const oldBase = mem_.base();
+  if (!mem_.resize(bytes)) {
+    KIV_TRACE(dh_, 0, "SlotWriter::grow() failed to resize shared memory to size ", bytes,
+              " - the system may be out of memory.");
+    ++counters_.growFailures;
+    return false;
+  }
+  if (mem_.base() != oldBase) {
+    KIV_TRACE(dh_, 5, "SlotWriter::grow() remap base address changed from ",
+              static_cast<void*>(oldBase), " to ", static_cast<void*>(mem_.base()));
+  }
+  for (std::uint32_t i = n; i < grown; ++i) SlotTable::initSlot(slotUnchecked(i), slotSize_);
+  // Readers learn of the new slots only through this store, after they were initialised.
+  std::uint32_t const version = header()->load(header()->numSlotsVersion);
+  Mem::Atomics::store64(&header()->numSlotsVersion, Mem::Atomics::pack(version + 1, grown));
+  numSlots_ = grown;
+  addFreeSlots(n, grown);
+  ++counters_.grows;
+  KIV_TRACE(dh_, 3, "SlotWriter::grow() ", mem_.name(), " from ", n, " slots to ", grown);
+  return true;
+}
+
+std::uint32_t SlotWriterTable::alloc() {
+  SlotTable::Header* const h = header();
+  if (h->load(h->freeSlots) == noIndex && !grow()) return noIndex;
+  SlotTable::Header* const hh = header();  // grow() may have moved the mapping
+  std::uint32_t const i = hh->load(hh->freeSlots);
+  char* const s = slot(i);
+  Mem::Atomics::store32(&hh->freeSlots, next(s));
+  Mem::Atomics::store32(&hh->occupiedSlots, hh->load(hh->occupiedSlots) + 1);
+  ++counters_.allocs;
+  return i;
+}
+
+void SlotWriterTable::pushFree(std::uint32_t i) noexcept {
+  SlotTable::Header* const h = header();
+  std::uint32_t const previous = h->load(h->freeSlots);
+  Mem::Atomics::store32(&h->freeSlots, i);
+  publishLink(slotUnchecked(i), previous);
+}
+
+void SlotWriterTable::cleanup() {
+  KIV_TRACE(dh_, 3, "SlotWriter::cleanup() removing file: ", mem_.name());
+  mem_.remove();
+  numSlots_ = 0;
+}
+
+// ---- BucketWriterTable
+
+BucketWriterTable::BucketWriterTable(Jorv::DebugHandler& dh, std::string const& rootPath,
+                                     bool local, std::uint32_t tableSize)
+    : dh_(dh),
+      mem_(dh, rootPath, "buckets", local),
+      numBuckets_(BucketTable::numBucketsFor(tableSize)) {}
+
+bool BucketWriterTable::attach(std::uint32_t fenix, bool force) {
+  static constexpr AttachTexts texts{"BucketWriter::attach() ", "cannot attach to shmem ",
+                                     " of size:", "failed to resize shared memory to size "};
+  bool const kept =
+      attachTableFile(dh_, mem_, BucketTable::fileSize(numBuckets_), fenix, force, texts,
+                      [&] { BucketTable::Header::format(mem_.base(), numBuckets_, fenix); });
+  // A file made for another configured size hashes keys differently: start afresh.
+  if (kept && header()->load(header()->numBuckets) != numBuckets_) return attach(fenix, true);
+  return kept;
+}
+
+char* BucketWriterTable::bucket(std::uint32_t b) const {
+  if (b >= numBuckets_ || BucketTable::fileSize(b + 1) > mem_.mappedSize()) {
+    std::ostringstream os;
+    os << "BucketWriter::getRef() out-of-range, index:" << b << " max:" << numBuckets_;
+    throw CorruptionDetectedException(os.str());
+  }
+  return BucketTable::bucket(mem_.base(), b);
+}
+
+void BucketWriterTable::cleanup() {
+  KIV_TRACE(dh_, 3, "BucketWriter::cleanup() removing file: ", mem_.name());
+  mem_.remove();
+}
+
+}  // namespace Quarn

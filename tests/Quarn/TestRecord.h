@@ -1,0 +1,66 @@
+#pragma once
+// A small key and record for engine tests, laid out like the real records (4-byte packed, key
+// first), plus helpers shared by the engine test files.
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <ostream>
+#include <string>
+
+#include "KivQuarn/KivQuarnMapValueWrapper.h"
+
+namespace QuarnTest {
+
+struct TestKey {
+  std::uint32_t id = 0;
+  // Keys with the same group collide into one bucket chain on purpose.
+  std::uint32_t group = 0;
+  std::uint32_t hash() const noexcept { return group * 2654435761u; }
+  friend bool operator==(TestKey const&, TestKey const&) = default;
+  friend bool operator<(TestKey const& a, TestKey const& b) {
+    return a.group != b.group ? a.group < b.group : a.id < b.id;
+  }
+  friend std::ostream& operator<<(std::ostream& os, TestKey const& k) {
+    return os << k.group << "/" << k.id;
+  }
+};
+
+struct TestRecord {
+  static constexpr char const* typeName = "QuarnTest::TestRecord";
+  TestKey key;
+  std::uint32_t value = 0;
+  std::uint32_t extra[4] = {};
+};
+
+using TestWrapper = KivQuarn::KivQuarnMapValueWrapper<TestRecord, TestKey>;
+static_assert(sizeof(TestWrapper) == 28);
+
+inline TestWrapper record(std::uint32_t group, std::uint32_t id, std::uint32_t value) {
+  TestWrapper w;
+  w.key = TestKey{id, group};
+  w.value = value;
+  return w;
+}
+
+// A private temporary root directory, removed with everything in it.
+class TempRoot {
+ public:
+  TempRoot() {
+    char pattern[] = "/dev/shm/quarn-test-XXXXXX";
+    char* dir = ::mkdtemp(pattern);
+    path_ = dir != nullptr ? dir : "";
+  }
+  ~TempRoot() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  TempRoot(TempRoot const&) = delete;
+  TempRoot& operator=(TempRoot const&) = delete;
+  std::string const& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace QuarnTest
