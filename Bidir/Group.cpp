@@ -1,0 +1,54 @@
+#include "Bidir/Group.h"
+
+#include "Bidir/Status.h"
+
+namespace Routing::Pim::Bidir {
+
+namespace {
+
+using Kind = Kiv::AttributeKind;
+using A = Group::Attr;
+
+constexpr Kiv::AttributeDecl kAttributes[] = {
+    {"groupAddr", A::groupAddr, "Lanx::IpGenAddr", Kind::key},
+    {"creationTime", A::creationTime, "F64", Kind::settable},
+    {"rpaRpf", A::rpaRpf, "Routing::Pim::Bidir::Df::Quarn::RpaRpf", Kind::computed},
+    {"rpf", A::rpf, "Routing::Pim::Rpf", Kind::computedInline},
+    {"prevRpf", A::prevRpf, "Routing::Pim::Rpf", Kind::settable},
+    {"prevRpaId", A::prevRpaId, "U16", Kind::settable},
+    {"rp", A::rp, "Lanx::IpGenAddr", Kind::computed},
+    {"rpaIndex", A::rpaIndex, "U16", Kind::computedInline},
+    {"upJoinState", A::upJoinState, "Routing::Pim::Bidir::Group::UpJoinState", Kind::settable},
+    {"groupIntf", A::groupIntf, "Routing::Pim::Bidir::GroupIntf", Kind::collection},
+    {"neighborGenIdChanged", A::neighborGenIdChanged, "U8", Kind::counter},
+    {"rpfChanged", A::rpfChanged, "U8", Kind::counter},
+    {"inactiveCount", A::inactiveCount, "U8", Kind::counter},
+    {"inactive", A::inactive, "Bool", Kind::settable},
+    {"initialized", A::initialized, "Bool", Kind::settable},
+    {"routeKey", A::routeKey, "Routing::Pim::RouteKey", Kind::computed},
+    {"bidirStatus", A::bidirStatus, "Routing::Pim::Bidir::Status", Kind::parentReference},
+    {"joinDesired", A::joinDesired, "Bool", Kind::computed},
+};
+
+constexpr Kiv::AttributeTable kTable{"Routing::Pim::Bidir::Group", kAttributes,
+                                     &Kiv::kEntityAttributeTable};
+
+}  // namespace
+
+Group::~Group() {
+  groupIntfDelAll();
+}
+
+Kiv::AttributeTable const& Group::attributeTable() const {
+  return kTable;
+}
+
+Kiv::Ptr<Status> Group::bidirStatus() const {
+  return dynamic_cast<Status*>(parent());
+}
+
+Kiv::Ptr<Group> groupFactory(Lanx::IpGenAddr const& groupAddr) {
+  return Kiv::validPtr(Kiv::Ptr<Group>(new Group(groupAddr)));
+}
+
+}  // namespace Routing::Pim::Bidir

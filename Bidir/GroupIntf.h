@@ -1,0 +1,79 @@
+#pragma once
+// GroupIntf: the state of one Bidir PIM group on one interface, a member of its Group's
+// `groupIntf` collection keyed by interface. The agent drives the RFC 5015 downstream state
+// (`joinState`); this entity stores it and tells its notifiees of each change. Setters store and
+// notify only when the value differs from the stored one.
+
+#include "Bidir/States.h"
+#include "Kiv/Entity.h"
+#include "Lanx/IntfId.h"
+
+namespace Routing::Pim::Bidir {
+
+class Group;
+
+class GroupIntf : public Kiv::Entity, public GroupIntfStates {
+ public:
+  struct Attr {
+    enum : Kiv::AttributeId {
+      intfId = Kiv::kFirstTypeAttributeId,
+      parentGroup,
+      joinState,
+      lastJoinReceived,
+      forward,
+      localReceiverInclude,
+      iAmDf,
+      oList,
+      pimInclude,
+      joins,
+    };
+  };
+
+  class NotifieeConst : public Kiv::NotifieeConstOf<GroupIntf, Kiv::Entity::NotifieeConst> {
+   public:
+    virtual void onJoinState() {}
+    virtual void onLastJoinReceived() {}
+    virtual void onForward() {}
+    virtual void onLocalReceiverInclude() {}
+    virtual void onIAmDf() {}
+  };
+  using Notifiee = Kiv::NotifieeOf<GroupIntf, NotifieeConst>;
+
+  explicit GroupIntf(Lanx::IntfId intfId) : intfId_(intfId) {}
+
+  Lanx::IntfId intfId() const noexcept { return intfId_; }
+  // The Group that holds this member; null once it has been removed.
+  Kiv::Ptr<Group> parentGroup() const;
+
+  JoinState joinState() const noexcept { return joinState_; }
+  void joinStateIs(JoinState v) {
+    attributeIs(joinState_, JoinStateInstance(v), Attr::joinState, &NotifieeConst::onJoinState);
+  }
+  double lastJoinReceived() const noexcept { return lastJoinReceived_; }
+  void lastJoinReceivedIs(double const& v) {
+    attributeIs(lastJoinReceived_, v, Attr::lastJoinReceived, &NotifieeConst::onLastJoinReceived);
+  }
+  bool forward() const noexcept { return forward_; }
+  void forwardIs(bool v) { attributeIs(forward_, v, Attr::forward, &NotifieeConst::onForward); }
+  bool localReceiverInclude() const noexcept { return localReceiverInclude_; }
+  void localReceiverIncludeIs(bool v) {
+    attributeIs(localReceiverInclude_, v, Attr::localReceiverInclude,
+                &NotifieeConst::onLocalReceiverInclude);
+  }
+  bool iAmDf() const noexcept { return iAmDf_; }
+  void iAmDfIs(bool v) { attributeIs(iAmDf_, v, Attr::iAmDf, &NotifieeConst::onIAmDf); }
+
+  Kiv::AttributeTable const& attributeTable() const override;
+
+ private:
+  Lanx::IntfId const intfId_;
+  JoinState joinState_ = noInfo;
+  double lastJoinReceived_ = 0.0;
+  bool forward_ = false;
+  bool localReceiverInclude_ = false;
+  bool iAmDf_ = false;
+};
+
+Kiv::Ptr<GroupIntf> groupIntfFactory(Lanx::IntfId intfId);
+
+}  // namespace Routing::Pim::Bidir

@@ -1,0 +1,168 @@
+#pragma once
+// Kiv::Collection: an entity's keyed collection of owned members, written once for every
+// collection attribute (an entity's `group(key)`, `groupIs`, `newGroup`, `groupDel`,
+// `groupDelAll`, `groupNotify` and iterators are each one call into it).
+//
+// Members are held by reference (Ptr) and ordered by (KeyHash(key), key): "map order", which is
+// deterministic and independent of insertion order. Each entity chooses its member key hash (for
+// example the bit-reversed address hash).
+//
+// Invariants: a member is in the collection exactly when its parent link names the owner with
+// this collection's attribute identifier. Insert sets the link; erase clears it before the owner's
+// notifiees hear of the removal, so a watcher that looks at the removed member sees no parent.
+// Removing an absent key changes nothing and notifies nothing. Iterators stay valid across the
+// insertion and removal of other members.
+
+#include <cstdint>
+#include <iterator>
+#include <map>
+#include <utility>
+
+#include "Kiv/Entity.h"
+
+namespace Kiv {
+
+// A begin/end pair, so that an entity can hand out its members for a range-for in one line.
+template <class It>
+struct IteratorRange {
+  It first;
+  It last;
+  It begin() const { return first; }
+  It end() const { return last; }
+};
+
+// Member:   the member entity type, constructible from `Key const&`.
+// OnMember: the owner's notifiee operation for a keyed change, e.g.
+// &Status::NotifieeConst::onGroup.
+template <class Key, class Member, class KeyHash, class OnMember>
+class Collection {
+  struct Slot {
+    std::uint32_t hash;
+    Key key;
+    bool operator<(Slot const& o) const {
+      if (hash != o.hash) return hash < o.hash;
+      return key < o.key;
+    }
+  };
+  using Map = std::map<Slot, Ptr<Member>>;
+
+  template <class MapIterator, class M>
+  class IteratorBase {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = M;
+    using difference_type = std::ptrdiff_t;
+    using pointer = M*;
+    using reference = M&;
+
+    IteratorBase() = default;
+    explicit IteratorBase(MapIterator it) : it_(it) {}
+    template <class OtherIt, class OtherM>
+    IteratorBase(IteratorBase<OtherIt, OtherM> const& o) : it_(o.mapIterator()) {}
+
+    M& operator*() const { return *it_->second; }
+    M* operator->() const { return it_->second.ptr(); }
+    Ptr<M> ptr() const { return it_->second.ptr(); }
+    Key const& key() const { return it_->first.key; }
+    IteratorBase& operator++() {
+      ++it_;
+      return *this;
+    }
+    IteratorBase operator++(int) {
+      auto old = *this;
+      ++it_;
+      return old;
+    }
+    bool operator==(IteratorBase const& o) const { return it_ == o.it_; }
+    MapIterator mapIterator() const { return it_; }
+
+   private:
+    MapIterator it_{};
+  };
+
+ public:
+  using Iterator = IteratorBase<typename Map::iterator, Member>;
+  using IteratorConst = IteratorBase<typename Map::const_iterator, Member const>;
+
+  Collection(Entity& owner, AttributeId id, OnMember onMember)
+      : owner_(owner), id_(id), onMember_(onMember) {}
+  Collection(Collection const&) = delete;
+  Collection& operator=(Collection const&) = delete;
+  // Members still present are detached silently (the owner is going away).
+  ~Collection() {
+    for (auto& [slot, member] : map_) member->parentIs(nullptr, 0);
+  }
+
+  AttributeId attributeId() const noexcept { return id_; }
+  std::size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+
+  Ptr<Member> member(Key const& key) const {
+    auto it = map_.find(slotOf(key));
+    return it == map_.end() ? Ptr<Member>() : it->second;
+  }
+
+  // The member under `key`, created (and notified) when absent.
+  Ptr<Member> memberIs(Key const& key) {
+    if (auto existing = member(key)) return existing;
+    auto created = newMember(key);
+    owner_.notify(id_, onMember_, key);
+    return created;
+  }
+
+  // Constructs a member from `key` and inserts it. A member already under `key` is detached and
+  // replaced, and that replacement is notified; a plain insertion is not (memberIs notifies it).
+  Ptr<Member> newMember(Key const& key) {
+    Ptr<Member> created = validPtr(Ptr<Member>(new Member(key)));
+    auto [it, inserted] = map_.try_emplace(slotOf(key), created);
+    Ptr<Member> replaced;
+    if (!inserted) replaced = std::exchange(it->second, created);
+    created->parentIs(&owner_, id_);
+    if (replaced) {
+      replaced->parentIs(nullptr, 0);
+      owner_.notify(id_, onMember_, key);
+    }
+    return created;
+  }
+
+  void memberDel(Key const& key) {
+    auto it = map_.find(slotOf(key));
+    if (it != map_.end()) erase(it);
+  }
+  void memberDel(Iterator it) {
+    if (it != end()) erase(it.mapIterator());
+  }
+  // Removes every member in map order, each as by memberDel. Re-reads the first member each time,
+  // so handlers that add or remove members meanwhile are tolerated.
+  void memberDelAll() {
+    while (!map_.empty()) erase(map_.begin());
+  }
+  void memberNotify(Key const& key) const { owner_.notify(id_, onMember_, key); }
+
+  Iterator begin() { return Iterator(map_.begin()); }
+  Iterator end() { return Iterator(map_.end()); }
+  IteratorConst begin() const { return IteratorConst(map_.begin()); }
+  IteratorConst end() const { return IteratorConst(map_.end()); }
+  IteratorRange<Iterator> range() { return {begin(), end()}; }
+  IteratorRange<IteratorConst> range() const { return {begin(), end()}; }
+  Iterator find(Key const& key) { return Iterator(map_.find(slotOf(key))); }
+  IteratorConst find(Key const& key) const { return IteratorConst(map_.find(slotOf(key))); }
+
+ private:
+  static Slot slotOf(Key const& key) { return Slot{KeyHash()(key), key}; }
+
+  void erase(typename Map::iterator it) {
+    Key const key = it->first.key;
+    Ptr<Member> removed = std::move(it->second);
+    map_.erase(it);
+    removed->parentIs(nullptr, 0);
+    owner_.notify(id_, onMember_, key);
+  }
+
+  Map map_;
+  Entity& owner_;
+  AttributeId const id_;
+  OnMember const onMember_;
+};
+
+}  // namespace Kiv

@@ -1,0 +1,273 @@
+// The entity framework: the notification walk, setter and counter helpers, the keyed collection,
+// parent links, attribute names and the reference-counted lifecycle. Uses a small test entity
+// (a Node with a value, a counter and a collection of child Nodes keyed by number).
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <vector>
+
+#include "Kiv/Collection.h"
+#include "Kiv/Entity.h"
+
+namespace {
+
+struct NumberKeyHash {
+  // Deliberately coarse (key / 10), so that several keys share a hash and the tie is broken by key.
+  std::uint32_t operator()(int key) const {
+    return Kiv::bitReverse(static_cast<std::uint32_t>(key / 10));
+  }
+};
+
+class Node : public Kiv::Entity {
+ public:
+  struct Attr {
+    enum : Kiv::AttributeId { number = Kiv::kFirstTypeAttributeId, value, counter, child };
+  };
+  class NotifieeConst : public Kiv::NotifieeConstOf<Node, Kiv::Entity::NotifieeConst> {
+   public:
+    virtual void onValue() {}
+    virtual void onCounter() {}
+    virtual void onChild(int const&) {}
+  };
+  using Notifiee = Kiv::NotifieeOf<Node, NotifieeConst>;
+  using ChildColl = Kiv::Collection<int, Node, NumberKeyHash, void (NotifieeConst::*)(int const&)>;
+
+  explicit Node(int number) : number_(number) {}
+  ~Node() override { children_.memberDelAll(); }
+
+  int number() const { return number_; }
+  int value() const { return value_; }
+  void valueIs(int v) { attributeIs(value_, v, Attr::value, &NotifieeConst::onValue); }
+  std::uint8_t counter() const { return counter_; }
+  void counterInc(std::uint8_t inc) {
+    Entity::counterInc(counter_, inc, Attr::counter, &NotifieeConst::onCounter);
+  }
+  ChildColl& children() { return children_; }
+  Kiv::AttributeTable const& attributeTable() const override;
+
+ private:
+  int const number_;
+  int value_ = 0;
+  std::uint8_t counter_ = 0;
+  ChildColl children_{*this, Attr::child, &NotifieeConst::onChild};
+};
+
+constexpr Kiv::AttributeDecl kNodeAttributes[] = {
+    {"number", Node::Attr::number, "I32", Kiv::AttributeKind::key},
+    {"value", Node::Attr::value, "I32", Kiv::AttributeKind::settable},
+    {"counter", Node::Attr::counter, "U8", Kiv::AttributeKind::counter},
+    {"child", Node::Attr::child, "Node", Kiv::AttributeKind::collection},
+};
+constexpr Kiv::AttributeTable kNodeTable{"Node", kNodeAttributes, &Kiv::kEntityAttributeTable};
+Kiv::AttributeTable const& Node::attributeTable() const {
+  return kNodeTable;
+}
+
+// A notifiee whose reactions are set per test; it logs what it hears as "<tag>:<event>".
+class Watcher : public Node::Notifiee {
+ public:
+  Watcher(std::vector<std::string>& log, std::string tag) : log_(log), tag_(std::move(tag)) {}
+  std::function<void()> onValueAction;
+  std::vector<Kiv::AttributeId> exceptions;
+
+  void onValue() override {
+    log_.push_back(tag_ + ":value");
+    if (onValueAction) onValueAction();
+  }
+  void onCounter() override { log_.push_back(tag_ + ":counter"); }
+  void onChild(int const& key) override { log_.push_back(tag_ + ":child" + std::to_string(key)); }
+  void onParent() override { log_.push_back(tag_ + ":parent"); }
+  void onNotificationException(Kiv::AttributeId id) override { exceptions.push_back(id); }
+
+ private:
+  std::vector<std::string>& log_;
+  std::string tag_;
+};
+
+struct WalkTest : ::testing::Test {
+  std::vector<std::string> log;
+  Kiv::Ptr<Node> node = new Node(1);
+  Kiv::Ptr<Watcher> watch(std::string tag, Kiv::Ptr<Node> const& on) {
+    Kiv::Ptr<Watcher> w = new Watcher(log, std::move(tag));
+    w->notifierIs(on);
+    return w;
+  }
+};
+
+TEST_F(WalkTest, NotifieesLeavingDuringTheWalkAreSkippedAndTheRestStillHear) {
+  auto a = watch("a", node), b = watch("b", node), c = watch("c", node);
+  a->onValueAction = [&] {
+    a->isRegisteredNotifieeIs(false);  // itself
+    c->notifierIs(nullptr);            // one not yet called
+  };
+  node->valueIs(5);
+  EXPECT_EQ(log, (std::vector<std::string>{"a:value", "b:value"}));
+  log.clear();
+  node->valueIs(6);
+  EXPECT_EQ(log, (std::vector<std::string>{"b:value"}));
+  a->onValueAction = nullptr;
+  a->isRegisteredNotifieeIs(true);  // switched back on, it hears again
+  log.clear();
+  node->valueIs(7);
+  EXPECT_EQ(log.size(), 2u);
+  EXPECT_EQ(node->notifieeCount(), 2u);
+}
+
+TEST_F(WalkTest, NotifieesJoiningDuringTheWalkHearOnlyTheNextNotification) {
+  auto a = watch("a", node);
+  Kiv::Ptr<Watcher> late;
+  a->onValueAction = [&] {
+    if (!late) late = watch("late", node);
+  };
+  node->valueIs(1);
+  EXPECT_EQ(log, (std::vector<std::string>{"a:value"}));
+  node->valueIs(2);
+  EXPECT_EQ(log, (std::vector<std::string>{"a:value", "a:value", "late:value"}));
+}
+
+TEST_F(WalkTest, ThrowingHandlerIsReportedWithTheAttributeAndTheWalkGoesOn) {
+  auto a = watch("a", node), b = watch("b", node);
+  a->onValueAction = [] { throw std::runtime_error("boom"); };
+  b->onValueAction = [&] {
+    // A handler that throws a non-standard object from onNotificationException is contained too.
+    throw 42;
+  };
+  node->valueIs(3);
+  EXPECT_EQ(log, (std::vector<std::string>{"a:value", "b:value"}));
+  EXPECT_EQ(a->exceptions, std::vector<Kiv::AttributeId>{Node::Attr::value});
+  EXPECT_EQ(b->exceptions, std::vector<Kiv::AttributeId>{Node::Attr::value});
+  EXPECT_EQ(node->value(), 3);
+}
+
+TEST_F(WalkTest, HandlerMayDropTheLastReferenceToTheNotifier) {
+  auto a = watch("a", node), b = watch("b", node);
+  Node* raw = node.ptr();
+  node = nullptr;  // only the watchers keep it now
+  a->onValueAction = [&] {
+    a->notifierIs(nullptr);
+    b->notifierIs(nullptr);  // last reference gone while the walk still runs
+  };
+  raw->valueIs(9);  // AddressSanitizer catches a use after free here
+  EXPECT_EQ(log, (std::vector<std::string>{"a:value"}));
+}
+
+TEST_F(WalkTest, ManyNotifieesAllHearBeyondTheInlineSnapshot) {
+  std::vector<Kiv::Ptr<Watcher>> watchers;
+  for (std::size_t i = 0; i < 3 * Kiv::Entity::kInlineNotifiees; ++i) {
+    watchers.push_back(watch("w", node));
+  }
+  watchers[0]->onValueAction = [&] { watchers.back()->isRegisteredNotifieeIs(false); };
+  node->valueIs(1);
+  EXPECT_EQ(log.size(), watchers.size() - 1);
+  watchers.clear();  // destroying notifiees unregisters them
+  EXPECT_EQ(node->notifieeCount(), 0u);
+}
+
+TEST_F(WalkTest, SettersAreSilentOnEqualValuesAndCountersWrap) {
+  auto a = watch("a", node);
+  node->valueIs(0);
+  EXPECT_TRUE(log.empty());
+  node->counterInc(0);
+  EXPECT_TRUE(log.empty());
+  node->counterInc(200);
+  node->counterInc(56);  // 256 == 0 mod 256: wraps to 0 and changes the value
+  EXPECT_EQ(node->counter(), 0);
+  node->counterInc(255);
+  node->counterInc(1);
+  EXPECT_EQ(node->counter(), 0);
+  EXPECT_EQ(log.size(), 4u);
+}
+
+TEST_F(WalkTest, CollectionKeepsMapOrderAndParentLinks) {
+  auto a = watch("a", node);
+  for (int k : {31, 5, 12, 3, 19}) node->children().memberIs(k);
+  std::vector<int> order;
+  for (auto& child : node->children().range()) order.push_back(child.number());
+  // Map order: by (hash, key), not by key: bitReverse(key / 10) is 0 for 3 and 5, 0x80000000 for
+  // 12 and 19, 0xc0000000 for 31; insertion order plays no part.
+  EXPECT_EQ(order, (std::vector<int>{3, 5, 12, 19, 31}));
+  log.clear();
+
+  auto child = node->children().member(12);
+  auto childWatch = watch("c12", child);
+  EXPECT_EQ(child->parent(), node.ptr());
+  EXPECT_EQ(child->memberAttributeId(), Node::Attr::child);
+  EXPECT_EQ(node->children().memberIs(12), child);  // existing: same member, nothing notified
+  EXPECT_TRUE(log.empty());
+
+  // The owner's watchers see the member already detached when they hear of its removal.
+  a->onValueAction = nullptr;
+  node->children().memberDel(12);
+  EXPECT_EQ(child->parent(), nullptr);
+  EXPECT_EQ(child->memberAttributeId(), 0u);
+  EXPECT_EQ(log, (std::vector<std::string>{"c12:parent", "a:child12"}));
+  log.clear();
+  node->children().memberDel(12);  // absent: harmless and silent
+  node->children().memberDel(node->children().end());
+  EXPECT_TRUE(log.empty());
+
+  auto it = node->children().find(31);
+  node->children().memberDel(it);
+  node->children().memberDelAll();
+  EXPECT_EQ(log, (std::vector<std::string>{"a:child31", "a:child3", "a:child5", "a:child19"}));
+  EXPECT_TRUE(node->children().empty());
+}
+
+TEST_F(WalkTest, NewMemberReplacesAnExistingOneAndSaysSo) {
+  auto a = watch("a", node);
+  auto first = node->children().newMember(4);
+  EXPECT_TRUE(log.empty());  // a plain insertion is left to the caller to announce
+  auto second = node->children().newMember(4);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(first->parent(), nullptr);
+  EXPECT_EQ(second->parent(), node.ptr());
+  EXPECT_EQ(log, (std::vector<std::string>{"a:child4"}));
+}
+
+TEST_F(WalkTest, DestroyedOwnerDetachesMembersStillReferencedElsewhere) {
+  auto child = node->children().memberIs(1);
+  auto grandchild = child->children().memberIs(2);
+  node = nullptr;
+  EXPECT_EQ(child->parent(), nullptr);
+  child = nullptr;
+  EXPECT_EQ(grandchild->parent(), nullptr);
+}
+
+TEST(EntityAttributes, NamesComeFromTheTableThenTheBaseThenUnknown) {
+  Kiv::Ptr<Node> node = new Node(1);
+  EXPECT_EQ(node->attributeString(Node::Attr::counter), "counter");
+  EXPECT_EQ(node->attributeString(Kiv::Entity::isNondestructingId), "isNondestructing");
+  EXPECT_EQ(node->attributeString(Kiv::Entity::zeroReferencesId), "zeroReferences");
+  EXPECT_EQ(node->attributeString(100), "unknown");
+  EXPECT_EQ(node->attributeString(Node::Attr::child + 1), "unknown");
+}
+
+TEST(EntityLifecycle, NondestructingEntitySurvivesZeroReferencesUntilReleased) {
+  static int destroyed = 0;
+  struct Probe : Node {
+    Probe() : Node(0) {}
+    ~Probe() override { ++destroyed; }
+  };
+  Kiv::Ptr<Probe> p = new Probe;
+  Probe* raw = p.ptr();
+  raw->isNondestructingIs(true);
+  p = nullptr;
+  EXPECT_EQ(destroyed, 0);
+  EXPECT_TRUE(raw->zeroReferences());
+  raw->isNondestructingIs(false);  // no reference left: it goes now
+  EXPECT_EQ(destroyed, 1);
+}
+
+TEST(EntityPtr, ConstConversionSharesTheCount) {
+  Kiv::Ptr<Node> n = new Node(1);
+  Kiv::Ptr<Node const> c = n;
+  EXPECT_EQ(n->references(), 2u);
+  EXPECT_TRUE(c == n);
+  n = nullptr;
+  EXPECT_EQ(c->references(), 1u);
+  EXPECT_THROW(Kiv::validPtr(Kiv::Ptr<Node>()), Kiv::RangeException);
+}
+
+}  // namespace
