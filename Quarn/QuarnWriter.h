@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -33,6 +34,19 @@
 #include "Quarn/WriterTables.h"
 
 namespace Quarn {
+
+// Prints a key in trace lines when the key type can be printed.
+template <class Key>
+struct KeyText {
+  Key const& key;
+  friend std::ostream& operator<<(std::ostream& os, KeyText const& text) {
+    if constexpr (requires { os << text.key; }) {
+      return os << text.key;
+    } else {
+      return os << "<key>";
+    }
+  }
+};
 
 template <class Key, class Wrapper>
 class QuarnWriter {
@@ -168,7 +182,8 @@ void QuarnWriter<Key, Wrapper>::attach() {
     if (fenix_ == 0) fenix_ = Util::encodeFenix(::getpid() & 0xffff, Util::nextInstanceId());
     Util::AutoLock lock(root_.str());  // records this process as the table's owner
   }
-  bool const kept = attachAll(fenix_, false);
+  // A local table is always new and nothing of it can survive: it keeps the pid as its fenix.
+  bool const kept = attachAll(fenix_, false) || local_;
   if (!kept || !validate()) {
     KIV_TRACE(dh_, 3, "QuarnWriter::attach() failed, all entries from ", root_.str(),
               " will be lost");
@@ -279,7 +294,7 @@ bool QuarnWriter<Key, Wrapper>::remove(Key const& key, Wrapper& out) {
   std::uint32_t const b = bucketOf(key);
   Found const f = find(key, b);
   if (!f.found) {
-    KIV_TRACE(dh_, 8, "QuarnWriter::remove() ", key, " bucket:", b, " not found");
+    KIV_TRACE(dh_, 8, "QuarnWriter::remove() ", KeyText<Key>{key}, " bucket:", b, " not found");
     return false;
   }
   char* const s = slots_.slot(f.slot);
@@ -360,8 +375,9 @@ Wrapper* QuarnWriter<Key, Wrapper>::directWrite(Key const& key) {
   }
   pendingKey_ = key;
   Mem::Atomics::copyToShared(target, &fresh, sizeof fresh);
-  KIV_TRACE(dh_, 8, "QuarnWriter::directWrite() ", key, pendingNew_ ? " new" : " existing",
-            " bucket:", b, " slot:", pending_, " next:", f.slot);
+  KIV_TRACE(dh_, 8, "QuarnWriter::directWrite() ", KeyText<Key>{key},
+            pendingNew_ ? " new" : " existing", " bucket:", b, " slot:", pending_,
+            " next:", f.slot);
   return reinterpret_cast<Wrapper*>(target);
 }
 

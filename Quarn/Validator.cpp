@@ -115,7 +115,8 @@ bool ValidatorBase::markOccupied(std::uint32_t s) {
        << " size:" << positionMarks_.size();
     return fail(os.str());
   }
-  if (std::uint32_t const named = conquer_.entrySlot(c); named != s) {
+  // A tombstone at c is left for the notification walk, which names it precisely.
+  if (std::uint32_t const named = conquer_.entrySlot(c); named != s && named != noIndex) {
     os << "Validator::markOccupied() slot:" << s << " bad notification:" << c << " slot:" << named;
     return fail(os.str());
   }
@@ -154,7 +155,7 @@ bool ValidatorBase::walkFreeSlots() {
            << " has out of range conquer slot: " << c;
         return fail(os.str());
       }
-      if (std::uint32_t const named = conquer_.entrySlot(c); named != i) {
+      if (std::uint32_t const named = conquer_.entrySlot(c); named != i && named != noIndex) {
         os << "Validator::walkFreeSlots() slot index:" << i << " has slot:" << named
            << " with wrong conquer slot:" << c;
         return fail(os.str());

@@ -64,3 +64,51 @@ class TempRoot {
 };
 
 }  // namespace QuarnTest
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "Kiv/Trace.h"
+
+namespace QuarnTest {
+
+// The bytes of a file, to check layouts at their offsets.
+inline std::vector<unsigned char> fileBytes(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+template <class T = std::uint32_t>
+T at(std::vector<unsigned char> const& bytes, std::size_t offset) {
+  T v{};
+  if (offset + sizeof v <= bytes.size()) std::memcpy(&v, bytes.data() + offset, sizeof v);
+  return v;
+}
+
+// Collects trace lines of every handle while installed.
+class TraceCapture : public Kiv::TraceSink {
+ public:
+  explicit TraceCapture(std::string const& handle, int level = 9) : handle_(handle) {
+    Kiv::traceLevelIs(handle, level);
+    previous_ = Kiv::traceSinkIs(this);
+  }
+  ~TraceCapture() override {
+    Kiv::traceSinkIs(previous_);
+    Kiv::traceLevelIs(handle_, -1);
+  }
+  void write(std::string_view, int, std::string_view text) override { lines_.emplace_back(text); }
+  bool contains(std::string_view needle) const {
+    for (auto const& line : lines_) {
+      if (line.find(needle) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+ private:
+  std::string handle_;
+  Kiv::TraceSink* previous_;
+  std::vector<std::string> lines_;
+};
+
+}  // namespace QuarnTest
