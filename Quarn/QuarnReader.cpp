@@ -1,0 +1,134 @@
+#include "Quarn/QuarnReader.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace Quarn {
+
+BucketReader::BucketReader(Jorv::DebugHandler& dh, std::string const& rootPath)
+    : dh_(dh), mem_("buckets", rootPath) {}
+
+bool BucketReader::attach(std::string& error) {
+  if (mem_.sizeOnDisk() == 0) {
+    error = "BucketReader::attach() no shared memory region " + mem_.path();
+    return false;
+  }
+  if (!mem_.attachReadOnly()) {
+    error =
+        "BucketReader::attach() cannot attach to shmem size:" + std::to_string(mem_.sizeOnDisk()) +
+        " " + mem_.path();
+    return false;
+  }
+  return true;
+}
+
+bool BucketReader::validate(std::uint32_t fenix, std::string& error) const {
+  auto const* h = BucketTable::header(mem_.base());
+  if (!h->validate(mem_.mappedSize(), fenix, error)) return false;
+  // Fixed when the file is formatted: read once, then the mapping covers every bucket.
+  const_cast<BucketReader*>(this)->numBuckets_ = h->load(h->numBuckets);
+  return true;
+}
+
+char const* BucketReader::bucket(std::uint32_t b) const {
+  if (b >= numBuckets_) {
+    std::ostringstream os;
+    os << "BucketReader::getRef() out-of-range, index:" << b << " max:" << numBuckets_;
+    KIV_TRACE(dh_, 0, os.str());
+    throw CorruptionDetectedException(os.str());
+  }
+  return BucketTable::bucket(mem_.base(), b);
+}
+
+SlotReader::SlotReader(Jorv::DebugHandler& dh, std::string const& rootPath)
+    : dh_(dh), mem_("slots", rootPath) {}
+
+bool SlotReader::attach(std::string& error) {
+  if (mem_.sizeOnDisk() == 0) {
+    error = "SlotReader::attach() no shared memory region " + mem_.path();
+    return false;
+  }
+  if (!mem_.attachReadOnly()) {
+    error =
+        "SlotReader::attach() cannot attach to shmem size:" + std::to_string(mem_.sizeOnDisk()) +
+        " " + mem_.path();
+    return false;
+  }
+  return true;
+}
+
+bool SlotReader::validate(std::uint32_t fenix, std::string& error) {
+  auto const* h = SlotTable::header(mem_.base());
+  if (!h->validate(mem_.mappedSize(), fenix, error)) return false;
+  slotSize_ = h->load(h->slotSize);
+  valueSize_ = h->load(h->valueSize);
+  fenix_ = h->load(h->fenix);
+  numSlots_ = Mem::Atomics::highWord(h->numSlotsUnit());
+  // The header may have grown since the file was mapped: map no more than it vouched for.
+  numSlots_ = std::uint32_t(std::min<std::size_t>(
+      numSlots_, (mem_.mappedSize() - SlotTable::headerSize) / slotSize_ - 1));
+  return true;
+}
+
+bool SlotReader::doResize() {
+  auto const* h = SlotTable::header(mem_.base());
+  std::uint32_t const n = Mem::Atomics::highWord(h->numSlotsUnit());
+  std::size_t const bytes = SlotTable::fileSize(slotSize_, n);
+  KIV_TRACE(dh_, 5, "SlotReader::doResize() requesting to map ", n,
+            " slots. Requested file resize to ", bytes);
+  char const* const oldBase = mem_.base();
+  if (bytes != mem_.mappedSize() && !mem_.remapReadOnly(bytes)) {
+    KIV_TRACE(dh_, 1, "SlotReader::doResize() failed to resize shared memory ", mem_.path(), " to ",
+              bytes, ": ", std::strerror(errno));
+    return false;
+  }
+  if (mem_.base() != oldBase) {
+    KIV_TRACE(dh_, 5, "SlotReader::doResize() changed base address mapping from ",
+              static_cast<void const*>(oldBase), " to ", static_cast<void const*>(mem_.base()));
+  }
+  std::string error;
+  h = SlotTable::header(mem_.base());
+  if (!h->validate(mem_.mappedSize(), fenix_, error)) {
+    std::string text = "SlotReader::doResize() header corruption, " + error;
+    KIV_TRACE(dh_, 0, text);
+    throw CorruptionDetectedException(text);
+  }
+  numSlots_ = n;
+  KIV_TRACE(dh_, 5, "SlotReader::doResize() successful");
+  return true;
+}
+
+void SlotReader::detach() noexcept {
+  mem_.detach();
+  numSlots_ = 0;
+}
+
+char const* SlotReader::slot(std::uint32_t i) const {
+  if (i >= numSlots_) {
+    std::ostringstream os;
+    os << "SlotReader::Slots::operator[] out-of-range index:" << i
+       << " max:" << std::int64_t(numSlots_) - 1;
+    KIV_TRACE(dh_, 0, os.str());
+    throw CorruptionDetectedException(os.str());
+  }
+  return SlotTable::slot(mem_.base(), slotSize_, i);
+}
+
+std::uint32_t SlotReader::readValue(char const* s, void* out, std::size_t bytes) {
+  char const* const flagsWord = s + offsetof(SlotTable::Slot, flags);
+  std::uint32_t f = Mem::Atomics::load32(flagsWord);
+  for (;;) {
+    char const* from = s;
+    if (f & SlotTable::LOOKASIDE) {
+      from = SlotTable::lookaside(mem_.base());
+      ++lookasideReads_;
+    }
+    Mem::Atomics::copyFromShared(out, from + SlotTable::valueOffset, bytes);
+    Mem::Atomics::fenceAcquire();
+    std::uint32_t const f2 = Mem::Atomics::load32Relaxed(flagsWord);
+    if (f2 == f) return f;
+    f = f2;
+  }
+}
+
+}  // namespace Quarn
