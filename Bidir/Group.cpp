@@ -48,7 +48,7 @@ Kiv::Ptr<Status> Group::bidirStatus() const {
 }
 
 Kiv::Ptr<Group> groupFactory(Lanx::IpGenAddr const& groupAddr) {
-  return Kiv::validPtr(Kiv::Ptr<Group>(new Group(groupAddr)));
+  return Kiv::newPtr<Group>(groupAddr);
 }
 
 }  // namespace Routing::Pim::Bidir

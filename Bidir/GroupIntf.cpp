@@ -36,7 +36,7 @@ Kiv::Ptr<Group> GroupIntf::parentGroup() const {
 }
 
 Kiv::Ptr<GroupIntf> groupIntfFactory(Lanx::IntfId intfId) {
-  return Kiv::validPtr(Kiv::Ptr<GroupIntf>(new GroupIntf(intfId)));
+  return Kiv::newPtr<GroupIntf>(intfId);
 }
 
 }  // namespace Routing::Pim::Bidir

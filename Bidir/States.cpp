@@ -9,53 +9,54 @@ namespace Routing::Pim::Bidir {
 
 namespace {
 
-// One table per enumeration, indexed by value; both conversions and the names read it.
-constexpr std::array<char const*, 2> kUpJoinStateNames = {"upNotJoined", "upJoined"};
-constexpr std::array<char const*, 3> kJoinStateNames = {"noInfo", "prunePending", "joined"};
-
+// One description per enumeration: its names indexed by value and the two error texts. Both
+// conversions and the name lookup read it.
 template <class Enum, std::size_t N>
-Enum byValue(std::array<char const*, N> const&, unsigned int value, char const* error) {
-  if (value >= N) Kiv::throwRangeException(error);
-  return static_cast<Enum>(value);
-}
+struct EnumText {
+  std::array<char const*, N> names;
+  char const* qualifiedName;    // numeric conversion error
+  char const* unqualifiedName;  // name conversion error
 
-template <class Enum, std::size_t N>
-Enum byName(std::array<char const*, N> const& names, Kiv::String8 const& name, char const* error) {
-  for (std::size_t i = 0; i < N; ++i) {
-    if (name.view() == names[i]) return static_cast<Enum>(i);
+  Enum byValue(unsigned int value) const {
+    if (value >= N) Kiv::throwRangeException(qualifiedName);
+    return static_cast<Enum>(value);
   }
-  Kiv::throwRangeException(error);
-}
+  Enum byName(Kiv::String8 const& name) const {
+    for (std::size_t i = 0; i < N; ++i) {
+      if (name.view() == names[i]) return static_cast<Enum>(i);
+    }
+    Kiv::throwRangeException(unqualifiedName);
+  }
+  char const* nameOf(std::uint32_t value) const noexcept {
+    return value < N ? names[value] : nullptr;
+  }
+};
 
-template <std::size_t N>
-char const* nameOf(std::array<char const*, N> const& names, std::uint32_t value) noexcept {
-  return value < N ? names[value] : nullptr;
-}
+constexpr EnumText<GroupStates::UpJoinState, 2> kUpJoinState{
+    {"upNotJoined", "upJoined"}, "Group::UpJoinState", "UpJoinState"};
+constexpr EnumText<GroupIntfStates::JoinState, 3> kJoinState{
+    {"noInfo", "prunePending", "joined"}, "GroupIntf::JoinState", "JoinState"};
 
 }  // namespace
 
-GroupStates::UpJoinState GroupStates::UpJoinStateInstance(unsigned int value) {
-  return byValue<UpJoinState>(kUpJoinStateNames, value, "Group::UpJoinState");
+auto GroupStates::UpJoinStateInstance(unsigned int v) -> UpJoinState {
+  return kUpJoinState.byValue(v);
+}
+auto GroupStates::UpJoinStateInstance(Kiv::String8 const& name) -> UpJoinState {
+  return kUpJoinState.byName(name);
+}
+char const* GroupStates::upJoinStateName(UpJoinState v) noexcept {
+  return kUpJoinState.nameOf(v);
 }
 
-GroupStates::UpJoinState GroupStates::UpJoinStateInstance(Kiv::String8 const& name) {
-  return byName<UpJoinState>(kUpJoinStateNames, name, "UpJoinState");
+auto GroupIntfStates::JoinStateInstance(unsigned int v) -> JoinState {
+  return kJoinState.byValue(v);
 }
-
-char const* GroupStates::upJoinStateName(UpJoinState value) noexcept {
-  return nameOf(kUpJoinStateNames, value);
+auto GroupIntfStates::JoinStateInstance(Kiv::String8 const& name) -> JoinState {
+  return kJoinState.byName(name);
 }
-
-GroupIntfStates::JoinState GroupIntfStates::JoinStateInstance(unsigned int value) {
-  return byValue<JoinState>(kJoinStateNames, value, "GroupIntf::JoinState");
-}
-
-GroupIntfStates::JoinState GroupIntfStates::JoinStateInstance(Kiv::String8 const& name) {
-  return byName<JoinState>(kJoinStateNames, name, "JoinState");
-}
-
-char const* GroupIntfStates::joinStateName(JoinState value) noexcept {
-  return nameOf(kJoinStateNames, value);
+char const* GroupIntfStates::joinStateName(JoinState v) noexcept {
+  return kJoinState.nameOf(v);
 }
 
 }  // namespace Routing::Pim::Bidir

@@ -29,7 +29,7 @@ Kiv::AttributeTable const& Status::attributeTable() const {
 }
 
 Kiv::Ptr<Status> statusFactory(Kiv::Name name) {
-  return Kiv::validPtr(Kiv::Ptr<Status>(new Status(std::move(name))));
+  return Kiv::newPtr<Status>(std::move(name));
 }
 
 }  // namespace Routing::Pim::Bidir

@@ -113,7 +113,7 @@ class Collection {
   // Constructs a member from `key` and inserts it. A member already under `key` is detached and
   // replaced, and that replacement is notified; a plain insertion is not (memberIs notifies it).
   Ptr<Member> newMember(Key const& key) {
-    Ptr<Member> created = validPtr(Ptr<Member>(new Member(key)));
+    Ptr<Member> created = newPtr<Member>(key);
     auto [it, inserted] = map_.try_emplace(slotOf(key), created);
     Ptr<Member> replaced;
     if (!inserted) replaced = std::exchange(it->second, created);

@@ -51,6 +51,18 @@ class NullArgumentException : public Jorv::Exception {
   using Jorv::Exception::Exception;
 };
 
+// No entity identifier could be obtained for an entity sent over the attribute log.
+class EntityIdUnavailableException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
+// An attribute-log record could not be written or read back.
+class AttrLogRecordException : public Jorv::Exception {
+ public:
+  using Jorv::Exception::Exception;
+};
+
 // Throws RangeException with `message`. Out of line so that callers' hot paths stay small.
 [[noreturn]] void throwRangeException(std::string const& message);
 

@@ -101,6 +101,12 @@ class Ptr {
 template <class T>
 Ptr<T> validPtr(Ptr<T> p);
 
+// Constructs a T and returns the first reference to it (validated as by validPtr).
+template <class T, class... Args>
+Ptr<T> newPtr(Args&&... args) {
+  return validPtr(Ptr<T>(new T(std::forward<Args>(args)...)));
+}
+
 }  // namespace Kiv
 
 #include "Kiv/Exception.h"

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "Kiv/Collection.h"
@@ -268,6 +270,26 @@ TEST(EntityPtr, ConstConversionSharesTheCount) {
   n = nullptr;
   EXPECT_EQ(c->references(), 1u);
   EXPECT_THROW(Kiv::validPtr(Kiv::Ptr<Node>()), Kiv::RangeException);
+}
+
+TEST(PtrConcurrent, ReferencesTakenAndDroppedOnManyThreadsFreeTheObjectOnce) {
+  static std::atomic<int> destroyed{0};
+  struct Counted : Kiv::PtrInterface {
+    ~Counted() override { destroyed.fetch_add(1); }
+  };
+  Kiv::Ptr<Counted const> shared = new Counted;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([copy = shared] {
+      for (int i = 0; i < 20000; ++i) {
+        Kiv::Ptr<Counted const> a = copy;
+        Kiv::Ptr<Counted const> b = std::move(a);
+      }
+    });
+  }
+  shared = nullptr;  // the threads' copies now decide when it goes
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(destroyed.load(), 1);
 }
 
 }  // namespace

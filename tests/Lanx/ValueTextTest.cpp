@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Kiv/Exception.h"
+#include "L3/VrfName.h"
 #include "Lanx/IntfId.h"
 #include "Lanx/IpGenAddr.h"
 #include "Lanx/IpGenPrefix.h"
@@ -111,6 +112,19 @@ TEST(LanxSequenceToValue, ReadsBareAndQuotedTokens) {
   auto c2 = open.cbegin();
   EXPECT_THROW(Lanx::sequenceToValue(c2, open.cend(), static_cast<IpGenAddr const*>(nullptr)),
                Kiv::RangeException);
+}
+
+TEST(VrfName, AtMostOneHundredBytes) {
+  std::string const longest(100, 'v');
+  EXPECT_EQ(L3::VrfName(longest).string(), longest);
+  try {
+    L3::VrfName name(longest + "x");
+    ADD_FAILURE() << "accepted 101 bytes";
+  } catch (Kiv::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "VrfName::bytes > 100 not allowed");
+  }
+  EXPECT_LT(L3::VrfName("blue"), L3::VrfName("red"));
+  EXPECT_EQ(L3::VrfName("red").hash(), L3::VrfName(std::string("red")).hash());
 }
 
 }  // namespace
