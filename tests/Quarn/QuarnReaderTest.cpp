@@ -1,0 +1,369 @@
+// The lock-free table reader and the notification queue reader, against a real writer on the
+// same files: in one thread, in two threads (ThreadSanitizer), and in two processes.
+
+#include "Quarn/QuarnReader.h"
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <map>
+#include <optional>
+#include <set>
+#include <thread>
+
+#include "Quarn/ConquerReader.h"
+#include "Quarn/WriterKickSm.h"
+#include "TestRecord.h"
+#include "support/ActivityWait.h"
+
+using namespace QuarnTest;
+using Writer = Quarn::QuarnWriter<TestKey, TestWrapper>;
+using Reader = Quarn::QuarnReader<TestKey, TestWrapper>;
+
+namespace {
+
+Jorv::DebugHandler& dh() {
+  return Jorv::Platform::getDebugHandler("QuarnReaderTest");
+}
+
+// A shared writer whose readers connect through the wake-up channel of `activity`.
+struct Table {
+  std::string root;
+  std::unique_ptr<Writer> writer;
+  std::unique_ptr<Quarn::WriterKickSm> kick;
+
+  Table(std::string const& dir, Kiv::Activity* activity, std::uint32_t size = 1000)
+      : root(dir + "/t") {
+    std::filesystem::create_directories(root);
+    if (activity != nullptr) {
+      kick = std::make_unique<Quarn::WriterKickSm>(
+          root, [this] { return writer->conquer().sequence(); },
+          [this](std::uint32_t) { writer->conquer().updateNumReaders(); }, *activity);
+    }
+    writer = std::make_unique<Writer>(dh(), "t", size, false, "TestRecord", kick.get(), dir);
+    writer->attach();
+  }
+};
+
+std::map<TestKey, std::uint32_t> readAll(Reader& r) {
+  std::map<TestKey, std::uint32_t> out;
+  TestWrapper v;
+  Quarn::IterHint hint;
+  for (bool more = r.first(0, v, hint); more; more = r.doNext(TestKey(v.key), v, hint)) {
+    EXPECT_TRUE(out.emplace(v.key, v.value).second) << "key delivered twice";
+  }
+  return out;
+}
+
+TEST(QuarnReader, LookupAndIterationFollowTheWriterThroughGrowth) {
+  TempRoot tmp;
+  Table t(tmp.path(), nullptr);
+  Reader r(dh(), t.root);
+  std::string error;
+  ASSERT_TRUE(r.initialize(t.writer->fenix(), error)) << error;
+  std::uint32_t const initialSlots = r.numSlots();
+
+  std::map<TestKey, std::uint32_t> model;
+  for (std::uint32_t i = 0; i < 400; ++i) {  // several keys per chain (group = i % 37)
+    t.writer->write(record(i % 37, i, i * 7));
+    model[TestKey{i, i % 37}] = i * 7;
+  }
+  for (std::uint32_t i = 0; i < 400; i += 3) {
+    TestWrapper gone;
+    ASSERT_TRUE(t.writer->remove(TestKey{i, i % 37}, gone));
+    model.erase(TestKey{i, i % 37});
+  }
+  bool found = false;
+  TestWrapper v = r.doLookup(TestKey{398, 398 % 37}, found);  // beyond the first mapping
+  EXPECT_TRUE(found);
+  EXPECT_EQ(v.value, 398u * 7);
+  EXPECT_GT(r.numSlots(), initialSlots);
+  for (std::uint32_t i = 0; i < 410; ++i) {
+    r.doLookup(TestKey{i, i % 37}, found);
+    EXPECT_EQ(found, model.count(TestKey{i, i % 37}) == 1) << i;
+  }
+  EXPECT_EQ(readAll(r), model);
+  // Iteration resumes after a key that was removed meanwhile: at the next greater key of its
+  // bucket, else at the first key of a later bucket.
+  TestKey const removed{0, 0};
+  auto bucket = [&](TestKey const& k) { return k.hash() % r.numBuckets(); };
+  std::optional<TestKey> expected;
+  for (auto const& [k, value] : model) {
+    bool const later = bucket(k) > bucket(removed) || (bucket(k) == bucket(removed) && removed < k);
+    bool const better = !expected || bucket(k) < bucket(*expected) ||
+                        (bucket(k) == bucket(*expected) && k < *expected);
+    if (later && better) expected = k;
+  }
+  TestWrapper next;
+  Quarn::IterHint hint;
+  ASSERT_TRUE(r.doNext(removed, next, hint));
+  ASSERT_TRUE(expected.has_value());
+  EXPECT_EQ(TestKey(next.key), *expected);
+}
+
+TEST(QuarnReader, StagedUpdateIsReadFromTheLookasideSlot) {
+  TempRoot tmp;
+  Table t(tmp.path(), nullptr);
+  t.writer->write(record(1, 1, 10));
+  Reader r(dh(), t.root);
+  std::string error;
+  ASSERT_TRUE(r.initialize(0, error)) << error;
+  // Freeze the writer between its two flag updates: new value staged, LOOKASIDE set, old value
+  // still in place.
+  auto f = t.writer->find(TestKey{1, 1}, t.writer->bucketOf(TestKey{1, 1}));
+  char* slot = t.writer->slots().slot(f.slot);
+  TestWrapper staged = record(1, 1, 20);
+  Mem::Atomics::copyToShared(t.writer->slots().lookasideValue(), &staged, sizeof staged);
+  Quarn::SlotWriterTable::flagsIs(slot, Quarn::SlotWriterTable::flags(slot) + 2);
+  bool found = false;
+  EXPECT_EQ(r.doLookup(TestKey{1, 1}, found).value, 20u);
+  EXPECT_TRUE(found);
+  EXPECT_EQ(r.slots().lookasideReads(), 1u);
+}
+
+TEST(QuarnReader, PersistentContradictionsAreCorruption) {
+  TempRoot tmp;
+  Table t(tmp.path(), nullptr);
+  t.writer->write(record(5, 1, 1));
+  t.writer->write(record(5, 2, 2));
+  Reader r(dh(), t.root);
+  std::string error;
+  ASSERT_TRUE(r.initialize(0, error)) << error;
+  auto f = t.writer->find(TestKey{2, 5}, t.writer->bucketOf(TestKey{2, 5}));
+  char* last = t.writer->slots().slot(f.slot);
+
+  // The chain's last slot loses OCCUPIED while still linked.
+  auto flags = Quarn::SlotWriterTable::flags(last);
+  Quarn::SlotWriterTable::flagsIs(last, flags & ~Quarn::SlotTable::OCCUPIED);
+  bool found;
+  try {
+    r.doLookup(TestKey{3, 5}, found);
+    ADD_FAILURE() << "no corruption reported";
+  } catch (Quarn::CorruptionDetectedException const& e) {
+    EXPECT_NE(std::string(e.what()).find("QuarnReader::doLookup() slot:"), std::string::npos);
+    EXPECT_NE(std::string(e.what()).find("not marked as occupied"), std::string::npos);
+  }
+  Quarn::SlotWriterTable::flagsIs(last, flags);
+
+  // The chain's last slot links back to itself.
+  Quarn::publishLink(last, f.slot);
+  try {
+    r.doLookup(TestKey{3, 5}, found);
+    ADD_FAILURE() << "no corruption reported";
+  } catch (Quarn::CorruptionDetectedException const& e) {
+    EXPECT_EQ(std::string(e.what()).rfind("QuarnReader::doLookup() hash chain cycle detected, ", 0),
+              0u)
+        << e.what();
+  }
+}
+
+TEST(QuarnReader, InitializeRefusesMissingOrForeignFiles) {
+  TempRoot tmp;
+  Reader missing(dh(), tmp.path() + "/t");
+  std::string error;
+  EXPECT_FALSE(missing.initialize(0, error));
+  EXPECT_EQ(error.rfind("QuarnReader::initialize() buckets.attach() failed BucketReader::attach() "
+                        "no shared memory region",
+                        0),
+            0u)
+      << error;
+  Table t(tmp.path(), nullptr);
+  EXPECT_FALSE(missing.initialize(t.writer->fenix() + 1, error));
+  EXPECT_EQ(error.rfind("QuarnReader::initialize() buckets.validate() failed", 0), 0u) << error;
+  EXPECT_FALSE(missing.attached());
+  bool found = true;
+  missing.doLookup(TestKey{1, 1}, found);
+  EXPECT_FALSE(found);
+}
+
+// ---- notification queue
+
+struct Follower {
+  Quarn::ConquerReader conquer;
+  std::vector<std::uint32_t> slots;
+  int notified = 0;
+  Follower(std::string const& root, Kiv::Activity* activity)
+      : conquer(dh(), root, activity, [this] { ++notified; }) {}
+  std::uint64_t drain() {
+    return conquer.conquer([this](std::uint32_t s) { slots.push_back(s); });
+  }
+};
+
+TEST(ConquerReader, EveryChangeArrivesInOrderAcrossCompactionsAndPruningWaitsForIt) {
+  TempRoot tmp;
+  Kiv::Activity activity;
+  Table t(tmp.path(), &activity);
+  Follower f(t.root, &activity);
+  std::string error;
+  ASSERT_TRUE(f.conquer.initialize(t.writer->fenix(), error)) << error;
+  ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return t.kick->numReaders() == 1; }));
+
+  std::uint32_t const capacity = t.writer->conquer().capacity(0);
+  std::set<std::uint32_t> changed;
+  for (std::uint32_t round = 0; round < 8; ++round) {
+    for (std::uint32_t i = 0; i < capacity / 2; ++i) {
+      std::uint32_t key = (round * 31 + i * 7) % 60;
+      t.writer->write(record(key % 9, key, round * 1000 + i));
+      TestKey const k{key, key % 9};
+      changed.insert(t.writer->find(k, t.writer->bucketOf(k)).slot);
+    }
+    f.slots.clear();
+    EXPECT_EQ(f.drain(), t.writer->conquer().sequence());
+    EXPECT_TRUE(f.conquer.drained());
+    EXPECT_EQ(std::set<std::uint32_t>(f.slots.begin(), f.slots.end()), changed);
+    changed.clear();
+    ASSERT_TRUE(TestSupport::runUntil(
+        activity, [&] { return t.kick->lowestSequence() == f.conquer.lastSequence(); }));
+  }
+  EXPECT_GT(t.writer->conquer().counters().compactions, 2u);
+  EXPECT_FALSE(f.conquer.outOfSync());
+  // Drained and asleep: the next write wakes it.
+  ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return t.kick->numSleepers() == 1; }));
+  int const notified = f.notified;
+  t.writer->write(record(1, 1, 1));
+  ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return f.notified == notified + 1; }));
+  f.slots.clear();
+  f.drain();
+  EXPECT_EQ(f.slots.size(), 1u);
+  f.slots.clear();
+  f.drain();  // nothing new: nothing delivered
+  EXPECT_TRUE(f.slots.empty());
+}
+
+TEST(ConquerReader, UncountedReaderLearnsItWasPrunedPast) {
+  TempRoot tmp;
+  Table t(tmp.path(), nullptr);  // no wake-up channel: the writer prunes freely
+  Follower f(t.root, nullptr);
+  std::string error;
+  ASSERT_TRUE(f.conquer.initialize(t.writer->fenix(), error)) << error;
+  std::uint32_t const capacity = t.writer->conquer().capacity(0);
+  for (std::uint32_t i = 0; i < capacity + 10; ++i) t.writer->write(record(1, i % 5, i));
+  f.drain();
+  EXPECT_TRUE(f.conquer.outOfSync());
+  EXPECT_EQ(f.conquer.lastSequence(), t.writer->conquer().sequence());
+}
+
+// A writer thread changes records whose words must always agree; a reader thread looks them up
+// and follows the queue. Torn copies or broken chains would show up as disagreeing words,
+// corruption exceptions, or sequences out of order.
+TEST(QuarnReaderConcurrent, ReaderSeesOnlyWholeRecordsWhileWriterChurns) {
+  TempRoot tmp;
+  std::string const root = tmp.path() + "/t";
+  std::atomic<bool> ready{false}, done{false};
+  std::atomic<std::uint64_t> finalSequence{0};
+  std::uint32_t fenix = 0;
+  std::thread writerThread([&] {
+    Kiv::Activity activity;
+    Table t(tmp.path(), &activity, 2000);
+    fenix = t.writer->fenix();
+    ready = true;
+    TestSupport::runUntil(activity, [&] { return t.kick->numReaders() == 1; });
+    for (std::uint32_t i = 0; i < 20000; ++i) {
+      std::uint32_t key = (i * 7919) % 700;
+      TestWrapper w = record(key % 13, key, i);
+      for (auto& x : w.extra) x = i;
+      if (i % 5 == 4) {
+        TestWrapper gone;
+        t.writer->remove(w.key, gone);
+      } else {
+        t.writer->write(w);
+      }
+      if (i % 64 == 0) activity.runOnce(0);
+    }
+    finalSequence = t.writer->conquer().sequence();
+    done = true;
+    // Serve the reader's last acknowledgements until it has caught up.
+    TestSupport::runUntil(
+        activity, [&] { return t.kick->numReaders() == 0; }, 30);
+  });
+  while (!ready) std::this_thread::yield();
+  {
+    Kiv::Activity activity;
+    Reader r(dh(), root);
+    Quarn::ConquerReader conquer(dh(), root, &activity);
+    std::string error;
+    ASSERT_TRUE(r.initialize(fenix, error)) << error;
+    ASSERT_TRUE(conquer.initialize(fenix, error)) << error;
+    conquer.sampleIs(100);
+    std::uint64_t delivered = 0;
+    auto check = [&](std::uint32_t) { ++delivered; };
+    for (std::uint32_t i = 0; !done || conquer.lastSequence() < finalSequence; ++i) {
+      std::uint32_t key = (i * 31) % 700;
+      bool found = false;
+      TestWrapper v = r.doLookup(TestKey{key, key % 13}, found);
+      if (found) {
+        for (auto x : v.extra) ASSERT_EQ(x, v.value) << "torn record for key " << key;
+      }
+      if (i % 16 == 0) {
+        conquer.conquer(check);
+        activity.runOnce(0);
+      }
+    }
+    EXPECT_EQ(conquer.lastSequence(), finalSequence.load());
+    EXPECT_FALSE(conquer.outOfSync());
+    EXPECT_GT(delivered, 0u);
+    std::map<TestKey, std::uint32_t> all = readAll(r);
+    EXPECT_FALSE(all.empty());
+  }
+  writerThread.join();
+}
+
+// The writer is another process; the reader is woken through the channel and sees every write.
+TEST(QuarnReader, FollowsAWriterProcess) {
+  TempRoot tmp;
+  std::string const root = tmp.path() + "/t";
+  int go[2];
+  ASSERT_EQ(::pipe(go), 0);
+  pid_t child = ::fork();
+  if (child == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    Kiv::Activity activity;
+    Table t(tmp.path(), &activity);
+    Quarn::FenixFile::write(t.root, t.writer->fenix());
+    // Wait for the reader to connect, then write, serving the channel in between.
+    TestSupport::runUntil(
+        activity, [&] { return t.kick->numReaders() == 1; }, 20);
+    for (std::uint32_t i = 0; i < 500; ++i) {
+      t.writer->write(record(i % 11, i, i));
+      activity.runOnce(0);
+    }
+    char byte = 1;
+    (void)!::write(go[1], &byte, 1);
+    TestSupport::runUntil(
+        activity, [&] { return t.kick->numReaders() == 0; }, 20);
+    std::_Exit(0);
+  }
+  ::close(go[1]);
+  Kiv::Activity activity;
+  ASSERT_TRUE(TestSupport::runUntil(
+      activity, [&] { return Quarn::FenixFile::read(root) != 0; }, 20));
+  std::uint32_t const fenix = Quarn::FenixFile::read(root);
+  Reader r(dh(), root);
+  Follower f(root, &activity);
+  std::string error;
+  ASSERT_TRUE(r.initialize(fenix, error)) << error;
+  ASSERT_TRUE(f.conquer.initialize(fenix, error)) << error;
+  std::set<std::uint32_t> slots;
+  ASSERT_TRUE(TestSupport::runUntil(
+      activity,
+      [&] {
+        f.drain();
+        slots.insert(f.slots.begin(), f.slots.end());
+        return slots.size() == 500;
+      },
+      20));
+  char byte;
+  ASSERT_EQ(::read(go[0], &byte, 1), 1);
+  ::close(go[0]);
+  EXPECT_EQ(readAll(r).size(), 500u);
+  f.conquer.detach();
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+}  // namespace
