@@ -1,0 +1,168 @@
+// Shared and private memory regions: creation, read-only mapping, growth with a moving base,
+// removal; and the table library's file helpers.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "Mem/Shared.h"
+#include "Quarn/Util.h"
+
+namespace {
+
+class TempDir {
+ public:
+  TempDir() {
+    char pattern[] = "/dev/shm/mem-test-XXXXXX";
+    path_ = ::mkdtemp(pattern);
+  }
+  ~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  std::string const& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+TEST(MemShared, WriterAndReadOnlyMappingsShareContentAcrossGrowth) {
+  TempDir dir;
+  std::string const root = dir.path() + "/nested/table";
+  Mem::Shared writer("data", root);
+  EXPECT_EQ(writer.name(), root + "/data");
+  EXPECT_EQ(writer.sizeOnDisk(), 0u);
+  Mem::Shared reader("data", root);
+  EXPECT_FALSE(reader.attachReadOnly());  // no file yet
+
+  std::size_t const page = Mem::pageSize();
+  ASSERT_TRUE(writer.attach(page));  // creates the directories and the file
+  EXPECT_EQ(writer.sizeOnDisk(), page);
+  std::strcpy(writer.base(), "hello");
+  ASSERT_TRUE(reader.attachReadOnly());
+  EXPECT_TRUE(reader.readOnly());
+  EXPECT_EQ(reader.mappedSize(), page);
+  EXPECT_STREQ(reader.base(), "hello");
+  EXPECT_FALSE(reader.resize(2 * page));  // a read-only mapping never changes the file
+
+  // Growth far enough that the mapping usually moves; the content travels with it.
+  ASSERT_TRUE(writer.resize(64 * page));
+  EXPECT_EQ(writer.sizeOnDisk(), 64 * page);
+  std::strcpy(writer.base() + 63 * page, "tail");
+  EXPECT_STREQ(writer.base(), "hello");
+  EXPECT_FALSE(reader.remapReadOnly(65 * page));  // never past the end of the file
+  ASSERT_TRUE(reader.remapReadOnly(64 * page));
+  EXPECT_STREQ(reader.base() + 63 * page, "tail");
+
+  // Attaching an existing, larger file never shrinks it.
+  Mem::Shared again("data", root);
+  ASSERT_TRUE(again.attach(page));
+  EXPECT_EQ(again.sizeOnDisk(), 64 * page);
+  EXPECT_STREQ(again.base(), "hello");
+
+  EXPECT_TRUE(writer.remove());
+  EXPECT_EQ(writer.sizeOnDisk(), 0u);
+  EXPECT_FALSE(writer.attached());
+  EXPECT_STREQ(reader.base(), "hello");  // an unlinked file stays mapped where it is
+  EXPECT_FALSE(writer.resize(page));
+}
+
+TEST(MemShared, DefaultRootFollowsEnvironment) {
+  char const* old = std::getenv("QUARN_ROOT");
+  std::string const saved = old != nullptr ? old : "";
+  ::setenv("QUARN_ROOT", "/tmp/elsewhere", 1);
+  EXPECT_EQ(Mem::defaultRootDir(), "/tmp/elsewhere");
+  EXPECT_EQ(Mem::Shared("x").name(), "/tmp/elsewhere/x");
+  ::unsetenv("QUARN_ROOT");
+  EXPECT_EQ(Mem::defaultRootDir(), "/dev/shm/quarn");
+  if (old != nullptr) ::setenv("QUARN_ROOT", saved.c_str(), 1);
+}
+
+TEST(MemLocal, AnonymousRegionGrowsKeepingContent) {
+  Mem::Local local;
+  EXPECT_EQ(local.name(), "[ANONYMOUS]");
+  EXPECT_EQ(local.sizeOnDisk(), 0u);
+  EXPECT_FALSE(local.resize(100));
+  ASSERT_TRUE(local.attach(Mem::pageSize()));
+  std::strcpy(local.base(), "kept");
+  ASSERT_TRUE(local.resize(32 * Mem::pageSize()));
+  EXPECT_STREQ(local.base(), "kept");
+  EXPECT_EQ(local.base()[31 * Mem::pageSize()], 0);
+  EXPECT_TRUE(local.remove());
+  EXPECT_FALSE(local.attached());
+}
+
+TEST(MemShared, PageRounding) {
+  std::size_t const page = Mem::pageSize();
+  EXPECT_GE(page, 4096u);
+  EXPECT_EQ(Mem::roundUpToWholePage(0), 0u);
+  EXPECT_EQ(Mem::roundUpToWholePage(1), page);
+  EXPECT_EQ(Mem::roundUpToWholePage(page), page);
+  EXPECT_EQ(Mem::roundUpToWholePage(page + 1), 2 * page);
+}
+
+TEST(QuarnUtil, FenixFileAndCorruptionMarker) {
+  TempDir dir;
+  std::string const root = dir.path() + "/t";
+  EXPECT_EQ(Quarn::FenixFile::read(root), 0u);
+  ASSERT_TRUE(Quarn::FenixFile::write(root, 0x12340001));
+  EXPECT_EQ(Quarn::FenixFile::read(root), 0x12340001u);
+  EXPECT_EQ(Quarn::Util::memSize(root + "/fenix"), 4u);
+  ASSERT_TRUE(Quarn::Util::fileWriteAtomic(root + "/fenix", "abc"));
+  EXPECT_EQ(Quarn::FenixFile::read(root), 0u);  // malformed
+
+  ASSERT_TRUE(Quarn::Util::writeCorruptionFile(root, "QuarnReader::doLookup() bad"));
+  EXPECT_EQ(Quarn::Util::fileRead(root + "/corruption-detected"), "QuarnReader::doLookup() bad");
+  EXPECT_EQ(Quarn::Util::fileRead(root + "/missing"), "");
+  // No temporary file is left behind.
+  std::size_t files = 0;
+  for ([[maybe_unused]] auto const& e : std::filesystem::directory_iterator(root)) ++files;
+  EXPECT_EQ(files, 2u);
+}
+
+TEST(QuarnUtil, WriterLockExcludesAndRecordsOwner) {
+  TempDir dir;
+  std::string const root = dir.path() + "/locked";
+  Quarn::RootPath const path("locked", dir.path());
+  EXPECT_EQ(path.str(), root);
+  EXPECT_EQ(path.file("fenix"), root + "/fenix");
+  {
+    Quarn::Util::AutoLock lock(root);
+    ASSERT_TRUE(lock.locked());
+    EXPECT_EQ(Quarn::Util::fileRead(root + "/last-owner"), std::to_string(::getpid()) + "\n");
+    // Another process cannot take the lock while it is held.
+    pid_t const child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      int const fd = ::open((root + "/last-owner").c_str(), O_RDWR);
+      ::_exit(::flock(fd, LOCK_EX | LOCK_NB) == 0 ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+  }
+  int const fd = Quarn::Util::acquireWriterLock(root);
+  EXPECT_GE(fd, 0);
+  Quarn::Util::releaseWriterLock(fd);
+}
+
+TEST(QuarnUtil, HashAndFenixIds) {
+  char const text[] = "Routing::Pim::Bidir::Quarn::Group";
+  EXPECT_EQ(Quarn::Util::hash(text, sizeof text), Quarn::Util::hash(text, sizeof text));
+  EXPECT_NE(Quarn::Util::hash(text, 10), Quarn::Util::hash(text, 11));
+  EXPECT_NE(Quarn::Util::hash("group"), Quarn::Util::hash("groupIntf"));
+  EXPECT_NE(Quarn::Util::encodeFenix(0, 0), 0u);
+  EXPECT_NE(Quarn::Util::encodeFenix(0, 0xfffe), 0u);
+  EXPECT_NE(Quarn::Util::encodeFenix(7, 1), Quarn::Util::encodeFenix(7, 2));
+  EXPECT_EQ(Quarn::Util::encodeFenix(0x12345, 0) >> 16, 0x2345u);
+  std::uint32_t const a = Quarn::Util::nextInstanceId();
+  EXPECT_EQ(Quarn::Util::nextInstanceId(), a + 1);
+}
+
+}  // namespace

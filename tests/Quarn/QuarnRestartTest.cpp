@@ -1,0 +1,141 @@
+// A writer killed with SIGKILL leaves its files; the next writer keeps them when they validate and
+// re-formats them under a new fenix when they do not.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+
+#include "Quarn/QuarnWriter.h"
+#include "TestRecord.h"
+
+using namespace QuarnTest;
+using Writer = Quarn::QuarnWriter<TestKey, TestWrapper>;
+
+namespace {
+
+constexpr std::uint32_t kRecords = 300;
+
+Jorv::DebugHandler& dh() {
+  return Jorv::Platform::getDebugHandler("QuarnRestartTest");
+}
+
+// Runs a writer in a child process that writes kRecords records (growing the table, compacting
+// notifications), removes every tenth, reports readiness through a pipe and waits to be killed.
+void writeAndKill(std::string const& root) {
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  pid_t const child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(ready[0]);
+    Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root);
+    w.attach();
+    for (std::uint32_t round = 0; round < 3; ++round) {
+      for (std::uint32_t i = 0; i < kRecords; ++i) w.write(record(i % 17, i, i + round));
+    }
+    TestWrapper out;
+    for (std::uint32_t i = 0; i < kRecords; i += 10) w.remove(TestKey{i, i % 17}, out);
+    char const byte = 1;
+    (void)!::write(ready[1], &byte, 1);
+    for (;;) ::pause();
+  }
+  ::close(ready[1]);
+  char byte = 0;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  ::close(ready[0]);
+  ::kill(child, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status));
+}
+
+void flipBits(std::string const& path, std::size_t offset, char mask) {
+  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+  f.seekg(static_cast<std::streamoff>(offset));
+  char c = 0;
+  f.read(&c, 1);
+  c ^= mask;
+  f.seekp(static_cast<std::streamoff>(offset));
+  f.write(&c, 1);
+}
+
+TEST(QuarnRestart, KilledWritersEntriesSurvive) {
+  TempRoot root;
+  writeAndKill(root.path());
+  std::string const dir = root.path() + "/restart";
+  std::uint32_t const fenix = Quarn::FenixFile::read(dir);
+  ASSERT_NE(fenix, 0u);
+
+  TraceCapture trace("QuarnRestartTest");
+  Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
+  w.attach();
+  EXPECT_FALSE(trace.contains("will be lost"));
+  EXPECT_EQ(w.fenix(), fenix);
+  EXPECT_EQ(w.size(), kRecords - kRecords / 10);
+  for (std::uint32_t i = 0; i < kRecords; ++i) {
+    bool found = false;
+    TestWrapper const v = w.lookup(TestKey{i, i % 17}, found);
+    EXPECT_EQ(found, i % 10 != 0) << i;
+    if (found) {
+      EXPECT_EQ(v.value, i + 2);
+    }
+  }
+  // The notification sequence goes on from where the killed writer stopped.
+  std::uint64_t const before = w.conquer().sequence();
+  EXPECT_GE(before, 3 * kRecords + kRecords / 10);
+  w.write(record(0, 5000, 1));
+  EXPECT_EQ(w.conquer().sequence(), before + 1);
+  EXPECT_TRUE(w.validate());
+  EXPECT_EQ(std::stoi(Quarn::Util::fileRead(dir + "/last-owner")), ::getpid());
+
+  w.cleanup();
+  for (char const* name : {"slots", "buckets", "conquer.1", "conquer.2", "fenix", "last-owner"}) {
+    EXPECT_EQ(Quarn::Util::memSize(dir + "/" + name), 0u) << name;
+  }
+}
+
+TEST(QuarnRestart, DamagedFilesAreReformattedUnderNextFenix) {
+  struct Case {
+    char const* name;
+    std::function<void(std::string const& dir)> damage;
+  };
+  std::vector<Case> const cases{
+      {"class name byte", [](std::string const& dir) { flipBits(dir + "/slots", 85, 0x10); }},
+      {"stuck LOOKASIDE",
+       // Slot 1 holds key 1 (slot 0 held key 0, removed): its flags word sits at +12.
+       [](std::string const& dir) { flipBits(dir + "/slots", 176 + 48 * 2 + 12, 0x02); }},
+      {"truncated notification table",
+       [](std::string const& dir) { ASSERT_EQ(::truncate((dir + "/conquer.1").c_str(), 60), 0); }},
+      {"missing bucket file",
+       [](std::string const& dir) { ASSERT_EQ(::unlink((dir + "/buckets").c_str()), 0); }},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempRoot root;
+    writeAndKill(root.path());
+    std::string const dir = root.path() + "/restart";
+    std::uint32_t const fenix = Quarn::FenixFile::read(dir);
+    c.damage(dir);
+
+    TraceCapture trace("QuarnRestartTest");
+    Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
+    w.attach();
+    EXPECT_TRUE(
+        trace.contains("QuarnWriter::attach() failed, all entries from " + dir + " will be lost"));
+    EXPECT_TRUE(trace.contains("QuarnWriter::attach(): re-formatted successfully"));
+    EXPECT_EQ(w.fenix(), fenix + 1);
+    EXPECT_EQ(Quarn::FenixFile::read(dir), fenix + 1);
+    EXPECT_EQ(w.size(), 0u);
+    EXPECT_EQ(w.capacity(), (Mem::pageSize() - 224) / 48);
+    auto const slots = fileBytes(dir + "/slots");
+    EXPECT_EQ(at(slots, 12), fenix + 1);
+    EXPECT_EQ(slots.size(), 176 + 48 * (w.capacity() + 1));
+    EXPECT_TRUE(w.validate());
+    EXPECT_TRUE(w.validateFiles());
+  }
+}
+
+}  // namespace
