@@ -4,29 +4,36 @@
 #include <cstring>
 
 namespace Quarn {
+namespace {
 
-BucketReader::BucketReader(Jorv::DebugHandler& dh, std::string const& rootPath)
-    : dh_(dh), mem_("buckets", rootPath) {}
-
-bool BucketReader::attach(std::string& error) {
-  if (mem_.sizeOnDisk() == 0) {
-    error = "BucketReader::attach() no shared memory region " + mem_.path();
+// Maps the whole file read-only; `who` starts the failure message.
+bool attachWholeFile(Mem::Shared& mem, char const* who, std::string& error) {
+  if (mem.sizeOnDisk() == 0) {
+    error = std::string(who) + "no shared memory region " + mem.path();
     return false;
   }
-  if (!mem_.attachReadOnly()) {
-    error =
-        "BucketReader::attach() cannot attach to shmem size:" + std::to_string(mem_.sizeOnDisk()) +
-        " " + mem_.path();
+  if (!mem.attachReadOnly()) {
+    error = std::string(who) + "cannot attach to shmem size:" + std::to_string(mem.sizeOnDisk()) +
+            " " + mem.path();
     return false;
   }
   return true;
 }
 
-bool BucketReader::validate(std::uint32_t fenix, std::string& error) const {
+}  // namespace
+
+BucketReader::BucketReader(Jorv::DebugHandler& dh, std::string const& rootPath)
+    : dh_(dh), mem_("buckets", rootPath) {}
+
+bool BucketReader::attach(std::string& error) {
+  return attachWholeFile(mem_, "BucketReader::attach() ", error);
+}
+
+bool BucketReader::validate(std::uint32_t fenix, std::string& error) {
   auto const* h = BucketTable::header(mem_.base());
   if (!h->validate(mem_.mappedSize(), fenix, error)) return false;
   // Fixed when the file is formatted: read once, then the mapping covers every bucket.
-  const_cast<BucketReader*>(this)->numBuckets_ = h->load(h->numBuckets);
+  numBuckets_ = h->load(h->numBuckets);
   return true;
 }
 
@@ -44,17 +51,7 @@ SlotReader::SlotReader(Jorv::DebugHandler& dh, std::string const& rootPath)
     : dh_(dh), mem_("slots", rootPath) {}
 
 bool SlotReader::attach(std::string& error) {
-  if (mem_.sizeOnDisk() == 0) {
-    error = "SlotReader::attach() no shared memory region " + mem_.path();
-    return false;
-  }
-  if (!mem_.attachReadOnly()) {
-    error =
-        "SlotReader::attach() cannot attach to shmem size:" + std::to_string(mem_.sizeOnDisk()) +
-        " " + mem_.path();
-    return false;
-  }
-  return true;
+  return attachWholeFile(mem_, "SlotReader::attach() ", error);
 }
 
 bool SlotReader::validate(std::uint32_t fenix, std::string& error) {

@@ -39,7 +39,8 @@ class BucketReader {
 
   // Maps the whole file. False with a message when it is missing or cannot be mapped.
   bool attach(std::string& error);
-  bool validate(std::uint32_t fenix, std::string& error) const;
+  // Header checks against the mapping; also fixes the number of buckets.
+  bool validate(std::uint32_t fenix, std::string& error);
   void detach() noexcept { mem_.detach(); }
   bool attached() const noexcept { return mem_.attached(); }
 

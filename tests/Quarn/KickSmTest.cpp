@@ -18,6 +18,7 @@
 #include "Quarn/MounterSm.h"
 #include "Quarn/ReaderKickSm.h"
 #include "Quarn/WriterKickSm.h"
+#include "TestRecord.h"
 #include "support/ActivityWait.h"
 
 extern char** environ;
@@ -58,7 +59,7 @@ int readerChild(std::string const& root) {
 
 struct KickFixture : ::testing::Test {
   Kiv::Activity activity;
-  TestSupport::TempRoot tmp;
+  QuarnTest::TempRoot tmp;
   std::uint64_t writerSequence = 0;
   std::vector<std::uint32_t> counts;  // as reported to the writer's handler
   std::vector<pid_t> children;
@@ -132,7 +133,7 @@ TEST_F(KickFixture, ReadersAreCountedWokenAndDroppedWhenKilled) {
 }
 
 TEST_F(KickFixture, ReaderStartedBeforeWriterAndAcrossWriterRestart) {
-  std::string root = tmp / "table";
+  std::string root = tmp.path() + "/table";
   bool readerUp = false;
   Quarn::MounterSm mounter(
       root, [&](std::string const& e) { readerUp = readerUp || e == "reader-started"; }, activity);

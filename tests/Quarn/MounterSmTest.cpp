@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Jorv/Exception.h"
+#include "TestRecord.h"
 #include "support/ActivityWait.h"
 
 namespace {
@@ -20,7 +21,7 @@ using TestSupport::runUntil;
 
 struct MounterFixture : ::testing::Test {
   Kiv::Activity activity;
-  TestSupport::TempRoot tmp;
+  QuarnTest::TempRoot tmp;
   std::vector<std::string> events;
 
   std::unique_ptr<MounterSm> mounter(std::string const& root) {
@@ -47,25 +48,25 @@ TEST_F(MounterFixture, ExistingRootReportsWatchedThenEachWriterFile) {
   auto m = mounter(tmp.path());
   EXPECT_TRUE(events.empty());  // never from inside the constructor
   ASSERT_TRUE(waitFor(MounterSm::rootWatched));
-  writeFile(tmp / "slots", "s");
-  writeByRename(tmp / "fenix", "1");
-  writeFile(tmp / "corruption-detected", "bad link");
+  writeFile(tmp.path() + "/slots", "s");
+  writeByRename(tmp.path() + "/fenix", "1");
+  writeFile(tmp.path() + "/corruption-detected", "bad link");
   ASSERT_TRUE(waitFor("corruption-detected"));
   EXPECT_TRUE(seen("slots"));
   EXPECT_TRUE(seen("fenix"));
   // A rewrite in place (no rename) is reported too, when the writer closes the file.
   events.clear();
-  writeFile(tmp / "fenix", "2");
+  writeFile(tmp.path() + "/fenix", "2");
   ASSERT_TRUE(waitFor("fenix"));
 }
 
 TEST_F(MounterFixture, RootCreatedLaterSeveralLevelsDown) {
-  std::string root = tmp / "a/b/table";
+  std::string root = tmp.path() + "/a/b/table";
   auto m = mounter(root);
   EXPECT_FALSE(m->watchingRoot());
   EXPECT_EQ(m->watchedPath(), tmp.path());
-  fs::create_directory(tmp / "a");
-  ASSERT_TRUE(runUntil(activity, [&] { return m->watchedPath() == tmp / "a"; }));
+  fs::create_directory(tmp.path() + "/a");
+  ASSERT_TRUE(runUntil(activity, [&] { return m->watchedPath() == tmp.path() + "/a"; }));
   fs::create_directories(root);  // b and table at once: the watch must not stop at b
   ASSERT_TRUE(waitFor(MounterSm::rootWatched));
   EXPECT_TRUE(m->watchingRoot());
@@ -74,7 +75,7 @@ TEST_F(MounterFixture, RootCreatedLaterSeveralLevelsDown) {
 }
 
 TEST_F(MounterFixture, RootRemovedAndRecreated) {
-  std::string root = tmp / "table";
+  std::string root = tmp.path() + "/table";
   fs::create_directory(root);
   auto m = mounter(root);
   ASSERT_TRUE(waitFor(MounterSm::rootWatched));
@@ -88,12 +89,12 @@ TEST_F(MounterFixture, RootRemovedAndRecreated) {
   ASSERT_TRUE(waitFor("slots"));
   // Moved away and a new directory moved in under the same name.
   events.clear();
-  fs::rename(root, tmp / "old");
-  fs::create_directory(tmp / "new");
-  fs::rename(tmp / "new", root);
+  fs::rename(root, tmp.path() + "/old");
+  fs::create_directory(tmp.path() + "/new");
+  fs::rename(tmp.path() + "/new", root);
   ASSERT_TRUE(
       runUntil(activity, [&] { return m->watchingRoot() && seen(MounterSm::rootWatched); }));
-  writeFile(tmp / "old/slots", "ignored");  // the old directory is no longer watched
+  writeFile(tmp.path() + "/old/slots", "ignored");  // the old directory is no longer watched
   writeFile(root + "/buckets", "b");
   ASSERT_TRUE(waitFor("buckets"));
   EXPECT_EQ(std::count(events.begin(), events.end(), "slots"), 0);
@@ -109,8 +110,9 @@ TEST_F(MounterFixture, HandlerMayDestroyTheMounter) {
         if (e == "slots") m.reset();
       },
       activity);
-  writeFile(tmp / "slots", "s");
-  writeFile(tmp / "buckets", "b");  // queued in the same read: must not reach a dead mounter
+  writeFile(tmp.path() + "/slots", "s");
+  writeFile(tmp.path() + "/buckets",
+            "b");  // queued in the same read: must not reach a dead mounter
   ASSERT_TRUE(runUntil(activity, [&] { return m == nullptr; }));
   activity.runOnce(0.01);
   EXPECT_EQ(activity.numFds(), 0u);
