@@ -73,6 +73,7 @@ class Group : public Kiv::Entity, public GroupStates {
   ~Group() override;
 
   Lanx::IpGenAddr const& groupAddr() const noexcept { return groupAddr_; }
+  Lanx::IpGenAddr const& fwkKey() const noexcept { return groupAddr_; }
   // The Status that holds this group; null once it has been removed.
   Kiv::Ptr<Status> bidirStatus() const;
 

@@ -42,6 +42,7 @@ class GroupIntf : public Kiv::Entity, public GroupIntfStates {
   explicit GroupIntf(Lanx::IntfId intfId) : intfId_(intfId) {}
 
   Lanx::IntfId intfId() const noexcept { return intfId_; }
+  Lanx::IntfId fwkKey() const noexcept { return intfId_; }
   // The Group that holds this member; null once it has been removed.
   Kiv::Ptr<Group> parentGroup() const;
 
