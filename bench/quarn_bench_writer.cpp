@@ -1,0 +1,193 @@
+// Table writer against std::unordered_map on the group-interface record: update, remove +
+// re-insert, and lookup in a 500,000-entry table (file-backed, under a private root in /dev/shm).
+// A counting global operator new reports heap allocations per iteration ("allocs/iter").
+
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <new>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Bidir/Quarn/GroupIntf.h"
+#include "KivQuarn/KivQuarnMapValueWrapper.h"
+#include "Quarn/QuarnWriter.h"
+
+// GCC cannot see that the replaced operator new below allocates with malloc.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+namespace {
+
+std::atomic<std::uint64_t> allocations{0};
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+  std::free(p);
+}
+
+namespace {
+
+using Routing::Pim::Bidir::GroupIntfKey;
+using Record = Routing::Pim::Bidir::Quarn::GroupIntf;
+using Wrapper = KivQuarn::KivQuarnMapValueWrapper<Record, GroupIntfKey>;
+using Writer = Quarn::QuarnWriter<GroupIntfKey, Wrapper>;
+
+struct KeyHash {
+  std::size_t operator()(GroupIntfKey const& key) const noexcept { return key.hash(); }
+};
+using Baseline = std::unordered_map<GroupIntfKey, Wrapper, KeyHash>;
+
+// n distinct keys (5000 groups x n/5000 VLAN interfaces) in a shuffled order shared by all runs.
+std::vector<GroupIntfKey> const& keys(std::size_t n) {
+  static std::vector<GroupIntfKey> cache;
+  if (cache.size() != n) {
+    cache.clear();
+    std::size_t const groups = 5000;
+    std::vector<Lanx::IntfId> intfs;
+    for (std::size_t v = 1; v <= (n + groups - 1) / groups; ++v) {
+      intfs.emplace_back("Vlan" + std::to_string(v));
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+      auto const group =
+          Lanx::IpGenAddr::ipv4Addr(0xef000000u + static_cast<std::uint32_t>(i % groups));
+      cache.emplace_back(group, intfs[i / groups]);
+    }
+    std::shuffle(cache.begin(), cache.end(), std::mt19937(42));
+  }
+  return cache;
+}
+
+Wrapper recordFor(GroupIntfKey const& key, std::uint64_t n) {
+  Wrapper r;
+  r.key = key;
+  r.forward = (n & 1) != 0;
+  r.joinState = Record::JoinState::joined;
+  r.lastJoinReceived = static_cast<double>(n);
+  r.iAmDf = true;
+  return r;
+}
+
+class TempRoot {
+ public:
+  TempRoot() {
+    char pattern[] = "/dev/shm/quarn-bench-XXXXXX";
+    path_ = ::mkdtemp(pattern);
+  }
+  ~TempRoot() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  std::string const& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// A shared writer filled with every key.
+struct FilledWriter {
+  explicit FilledWriter(std::size_t n)
+      : writer(Jorv::Platform::getDebugHandler("QuarnBench"), "groupIntf",
+               static_cast<std::uint32_t>(n), false, "GroupIntf", nullptr, root.path()) {
+    writer.attach();
+    for (auto const& key : keys(n)) writer.write(recordFor(key, 0));
+  }
+  TempRoot root;
+  Writer writer;
+};
+
+struct FilledBaseline {
+  explicit FilledBaseline(std::size_t n) {
+    map.reserve(n);
+    for (auto const& key : keys(n)) map.insert_or_assign(key, recordFor(key, 0));
+  }
+  Baseline map;
+};
+
+// Runs `op(key, n)` over the shuffled keys and reports allocations per iteration.
+template <class Op>
+void run(benchmark::State& state, Op&& op) {
+  auto const& ks = keys(static_cast<std::size_t>(state.range(0)));
+  std::size_t i = 0;
+  std::uint64_t n = 0;
+  std::uint64_t const before = allocations.load(std::memory_order_relaxed);
+  for (auto _ : state) {
+    op(ks[i], ++n);
+    if (++i == ks.size()) i = 0;
+  }
+  state.counters["allocs/iter"] =
+      benchmark::Counter(static_cast<double>(allocations.load(std::memory_order_relaxed) - before),
+                         benchmark::Counter::kAvgIterations);
+}
+
+void BM_QuarnWriterUpdate(benchmark::State& state) {
+  FilledWriter t(static_cast<std::size_t>(state.range(0)));
+  run(state, [&](GroupIntfKey const& key, std::uint64_t n) {
+    benchmark::DoNotOptimize(t.writer.write(recordFor(key, n)));
+  });
+}
+
+void BM_BaselineMapUpdate(benchmark::State& state) {
+  FilledBaseline t(static_cast<std::size_t>(state.range(0)));
+  run(state, [&](GroupIntfKey const& key, std::uint64_t n) {
+    benchmark::DoNotOptimize(t.map.insert_or_assign(key, recordFor(key, n)));
+  });
+}
+
+void BM_QuarnWriterInsertRemove(benchmark::State& state) {
+  FilledWriter t(static_cast<std::size_t>(state.range(0)));
+  Wrapper out;
+  run(state, [&](GroupIntfKey const& key, std::uint64_t n) {
+    benchmark::DoNotOptimize(t.writer.remove(key, out));
+    benchmark::DoNotOptimize(t.writer.write(recordFor(key, n)));
+  });
+}
+
+void BM_BaselineMapInsertRemove(benchmark::State& state) {
+  FilledBaseline t(static_cast<std::size_t>(state.range(0)));
+  run(state, [&](GroupIntfKey const& key, std::uint64_t n) {
+    benchmark::DoNotOptimize(t.map.erase(key));
+    benchmark::DoNotOptimize(t.map.insert_or_assign(key, recordFor(key, n)));
+  });
+}
+
+void BM_QuarnWriterLookup(benchmark::State& state) {
+  FilledWriter t(static_cast<std::size_t>(state.range(0)));
+  bool found = false;
+  run(state, [&](GroupIntfKey const& key, std::uint64_t) {
+    benchmark::DoNotOptimize(t.writer.lookup(key, found));
+  });
+}
+
+void BM_BaselineMapLookup(benchmark::State& state) {
+  FilledBaseline t(static_cast<std::size_t>(state.range(0)));
+  run(state, [&](GroupIntfKey const& key, std::uint64_t) {
+    auto it = t.map.find(key);
+    benchmark::DoNotOptimize(it);
+  });
+}
+
+}  // namespace
+
+BENCHMARK(BM_QuarnWriterUpdate)->Arg(500000);
+BENCHMARK(BM_BaselineMapUpdate)->Arg(500000);
+BENCHMARK(BM_QuarnWriterInsertRemove)->Arg(500000);
+BENCHMARK(BM_BaselineMapInsertRemove)->Arg(500000);
+BENCHMARK(BM_QuarnWriterLookup)->Arg(500000);
+BENCHMARK(BM_BaselineMapLookup)->Arg(500000);
+
+BENCHMARK_MAIN();
