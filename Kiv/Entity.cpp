@@ -92,23 +92,37 @@ void Entity::walk(AttributeId id, Call call, void const* context) const {
   std::size_t const count = notifiees_.size();
   if (count == 0) return;
   // Keep this entity alive across the walk (a handler may drop the last outside reference). An
-  // entity being destroyed has no reference left and no notifiee either, so it never gets here
-  // with a count of zero unless it was never referenced.
+  // entity that has no reference left (it is being destroyed) has no notifiee either, since every
+  // registered notifiee holds a reference to it.
   Ptr<Entity const> self = references() > 0 ? this : nullptr;
-  std::array<Ptr<NotifieeConst>, kInlineNotifiees> inlineSnapshot;
-  std::vector<Ptr<NotifieeConst>> heapSnapshot;
-  std::span<Ptr<NotifieeConst>> snapshot;
+  // The snapshot keeps every reference-counted notifiee alive for the walk. A notifiee that is not
+  // reference counted (a plain member of its owner) is not referenced here, which is why each
+  // entry is looked up in the live list before it is called: one that left the list, or was
+  // destroyed (destruction leaves the list), is skipped without being touched.
+  struct Entry {
+    NotifieeConst* notifiee = nullptr;
+    Ptr<NotifieeConst> keep;
+  };
+  std::array<Entry, kInlineNotifiees> inlineSnapshot;
+  std::vector<Entry> heapSnapshot;
+  std::span<Entry> snapshot;
   if (count <= kInlineNotifiees) {
-    std::copy(notifiees_.begin(), notifiees_.end(), inlineSnapshot.begin());
     snapshot = std::span(inlineSnapshot.data(), count);
   } else {
-    heapSnapshot.assign(notifiees_.begin(), notifiees_.end());
+    heapSnapshot.resize(count);
     snapshot = heapSnapshot;
   }
-  for (Ptr<NotifieeConst>& n : snapshot) {
-    if (!n->inList_ || n->notifier_.ptr() != this) continue;  // left during the walk
+  for (std::size_t i = 0; i < count; ++i) {
+    snapshot[i].notifiee = notifiees_[i];
+    if (notifiees_[i]->references() > 0) snapshot[i].keep = notifiees_[i];
+  }
+  for (Entry const& entry : snapshot) {
+    if (std::find(notifiees_.begin(), notifiees_.end(), entry.notifiee) == notifiees_.end()) {
+      continue;
+    }
+    NotifieeConst& n = *entry.notifiee;
     try {
-      call(context, *n);
+      call(context, n);
     } catch (...) {
       if (notificationTrace().enabled(1)) {
         char const* what = "non-standard exception";
@@ -118,13 +132,13 @@ void Entity::walk(AttributeId id, Call call, void const* context) const {
           what = e.what();
         } catch (...) {
         }
-        KIV_TRACE(notificationTrace(), 1, "notifiee ", n->name(), " threw on attribute ", id, ": ",
+        KIV_TRACE(notificationTrace(), 1, "notifiee ", n.name(), " threw on attribute ", id, ": ",
                   what);
       }
       try {
-        n->onNotificationException(id);
+        n.onNotificationException(id);
       } catch (...) {
-        KIV_TRACE(notificationTrace(), 1, "notifiee ", n->name(),
+        KIV_TRACE(notificationTrace(), 1, "notifiee ", n.name(),
                   " threw from onNotificationException(", id, ")");
       }
     }

@@ -13,8 +13,9 @@
 // (Entity::walk), whose invariants are:
 //   - nothing is walked, and nothing is allocated, when no notifiee is registered;
 //   - the walk visits a snapshot of the registration list taken before the first call, holding a
-//     reference to each notifiee and to the notifier for the duration, so handlers may register,
-//     unregister or drop references freely; an entry that left the list meanwhile is skipped;
+//     reference to the notifier and to each reference-counted notifiee for the duration, so
+//     handlers may register, unregister or drop references freely; an entry that left the list
+//     meanwhile (or was destroyed: destruction leaves the list) is skipped;
 //   - each call runs under a guard: if the handler throws, that notifiee's
 //     onNotificationException(attributeId) is called and the walk goes on with the next one;
 //   - up to kInlineNotifiees snapshot entries live on the stack (no heap allocation).
@@ -123,7 +124,9 @@ class Entity : public PtrInterface {
 };
 
 // The watcher base of every entity. Operations are empty by default; in slot order the framework's
-// own come first, each entity type's NotifieeConst appends its own.
+// own come first, each entity type's NotifieeConst appends its own. A notifiee is usually held by
+// Ptr; it may also be a plain member of its owner (never referenced by a Ptr), in which case the
+// owner's destruction of it unregisters it, including in the middle of a walk.
 class Entity::NotifieeConst : public PtrInterface {
  public:
   virtual void onParent() {}

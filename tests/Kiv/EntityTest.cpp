@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -153,6 +154,27 @@ TEST_F(WalkTest, HandlerMayDropTheLastReferenceToTheNotifier) {
   };
   raw->valueIs(9);  // AddressSanitizer catches a use after free here
   EXPECT_EQ(log, (std::vector<std::string>{"a:value"}));
+}
+
+TEST_F(WalkTest, PlainMemberNotifieeDestroyedByAnEarlierHandlerIsSkipped) {
+  // Notifiees held as plain members (never by Ptr) are not referenced by the walk; destroying one
+  // mid-walk must unregister it so that the walk does not call into freed memory.
+  struct Owner {
+    explicit Owner(std::vector<std::string>& log) : watcher(log, "member") {}
+    Watcher watcher;
+  };
+  auto first = watch("first", node);
+  auto owner = std::make_unique<Owner>(log);
+  owner->watcher.notifierIs(node);
+  first->onValueAction = [&] { owner.reset(); };
+  node->valueIs(1);
+  EXPECT_EQ(log, (std::vector<std::string>{"first:value"}));
+  EXPECT_EQ(node->notifieeCount(), 1u);
+  first->onValueAction = nullptr;
+  Owner kept(log);
+  kept.watcher.notifierIs(node);
+  node->valueIs(2);  // a plain member survives being walked (it is never released by the walk)
+  EXPECT_EQ(log.back(), "member:value");
 }
 
 TEST_F(WalkTest, ManyNotifieesAllHearBeyondTheInlineSnapshot) {
