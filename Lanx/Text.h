@@ -3,6 +3,7 @@
 
 #include <string_view>
 
+#include "Kiv/Exception.h"
 #include "Kiv/String8.h"
 
 namespace Lanx::Text {
@@ -19,11 +20,7 @@ bool parseDecimal(std::string_view text, unsigned maxDigits, unsigned long& out)
 
 [[noreturn]] void throwBadText(char const* what, std::string_view text);
 
-}  // namespace Lanx::Text
-
-#include "Kiv/Exception.h"
-
-namespace Lanx::Text {
+// ---- implementation ----
 
 template <class Pred>
 std::string_view readToken(Kiv::String8::IteratorConst& cursor, Kiv::String8::IteratorConst end,
