@@ -59,6 +59,22 @@ std::string defaultRootDir() {
   return "/dev/shm/quarn";
 }
 
+// ---- Region
+
+bool Region::remap(std::size_t bytes) noexcept {
+  void* p = ::mremap(base_, size_, bytes, MREMAP_MAYMOVE);
+  if (p == MAP_FAILED) return false;
+  base_ = static_cast<char*>(p);
+  size_ = bytes;
+  return true;
+}
+
+void Region::unmap() noexcept {
+  if (base_ != nullptr) ::munmap(base_, size_);
+  base_ = nullptr;
+  size_ = 0;
+}
+
 // ---- Shared
 
 Shared::Shared(std::string fileName, std::string rootDir)
@@ -102,16 +118,11 @@ bool Shared::resize(std::size_t bytes) {
   if (fd.get() < 0) return false;
   std::size_t const oldFile = fileSize(fd.get());
   if (::ftruncate(fd.get(), static_cast<off_t>(bytes)) != 0) return false;
-  void* p = ::mremap(base_, size_, bytes, MREMAP_MAYMOVE);
-  if (p == MAP_FAILED) {
-    int const saved = errno;
-    (void)::ftruncate(fd.get(), static_cast<off_t>(oldFile));
-    errno = saved;
-    return false;
-  }
-  base_ = static_cast<char*>(p);
-  size_ = bytes;
-  return true;
+  if (remap(bytes)) return true;
+  int const saved = errno;
+  (void)::ftruncate(fd.get(), static_cast<off_t>(oldFile));
+  errno = saved;
+  return false;
 }
 
 bool Shared::attachReadOnly(std::size_t bytes) {
@@ -126,17 +137,11 @@ bool Shared::attachReadOnly(std::size_t bytes) {
 bool Shared::remapReadOnly(std::size_t bytes) {
   if (base_ == nullptr || !readOnly_ || bytes == 0) return false;
   if (bytes > sizeOnDisk()) return false;
-  void* p = ::mremap(base_, size_, bytes, MREMAP_MAYMOVE);
-  if (p == MAP_FAILED) return false;
-  base_ = static_cast<char*>(p);
-  size_ = bytes;
-  return true;
+  return remap(bytes);
 }
 
 void Shared::detach() noexcept {
-  if (base_ != nullptr) ::munmap(base_, size_);
-  base_ = nullptr;
-  size_ = 0;
+  unmap();
   readOnly_ = false;
 }
 
@@ -163,17 +168,11 @@ bool Local::attach(std::size_t bytes) {
 
 bool Local::resize(std::size_t bytes) {
   if (base_ == nullptr || bytes == 0) return false;
-  void* p = ::mremap(base_, size_, bytes, MREMAP_MAYMOVE);
-  if (p == MAP_FAILED) return false;
-  base_ = static_cast<char*>(p);
-  size_ = bytes;
-  return true;
+  return remap(bytes);
 }
 
 void Local::detach() noexcept {
-  if (base_ != nullptr) ::munmap(base_, size_);
-  base_ = nullptr;
-  size_ = 0;
+  unmap();
 }
 
 bool Local::remove() noexcept {

@@ -57,6 +57,10 @@ class Region {
   bool attached() const noexcept { return base_ != nullptr; }
 
  protected:
+  // Moves the mapping to `bytes` (the base may change); false leaves it as it was.
+  bool remap(std::size_t bytes) noexcept;
+  void unmap() noexcept;
+
   char* base_ = nullptr;
   std::size_t size_ = 0;
 };

@@ -12,25 +12,12 @@
 #include <filesystem>
 
 #include "Mem/Shared.h"
+#include "Quarn/TestRecord.h"
 #include "Quarn/Util.h"
 
 namespace {
 
-class TempDir {
- public:
-  TempDir() {
-    char pattern[] = "/dev/shm/mem-test-XXXXXX";
-    path_ = ::mkdtemp(pattern);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using TempDir = QuarnTest::TempRoot;
 
 TEST(MemShared, WriterAndReadOnlyMappingsShareContentAcrossGrowth) {
   TempDir dir;
