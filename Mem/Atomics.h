@@ -25,6 +25,26 @@
 
 namespace Mem::Atomics {
 
+// ThreadSanitizer does not model stand-alone fences. Under it the fences become no-ops and the
+// word-wise copies use release stores and acquire loads instead, which give the same guarantee
+// (a reader whose copy saw any new value word also sees the flags store that preceded it) in a
+// form the sanitizer understands. Production builds keep the cheaper relaxed copies and fences.
+#if defined(__SANITIZE_THREAD__)
+inline constexpr bool modelFencesAsOrderedCopies = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+inline constexpr bool modelFencesAsOrderedCopies = true;
+#else
+inline constexpr bool modelFencesAsOrderedCopies = false;
+#endif
+#else
+inline constexpr bool modelFencesAsOrderedCopies = false;
+#endif
+inline constexpr std::memory_order copyStoreOrder =
+    modelFencesAsOrderedCopies ? std::memory_order_release : std::memory_order_relaxed;
+inline constexpr std::memory_order copyLoadOrder =
+    modelFencesAsOrderedCopies ? std::memory_order_acquire : std::memory_order_relaxed;
+
 static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free &&
                   std::atomic_ref<std::uint32_t>::is_always_lock_free,
               "Hardware does not support Atomics");
@@ -66,8 +86,12 @@ constexpr std::uint64_t pack(std::uint32_t low, std::uint32_t high) noexcept {
 constexpr std::uint32_t lowWord(std::uint64_t v) noexcept { return std::uint32_t(v); }
 constexpr std::uint32_t highWord(std::uint64_t v) noexcept { return std::uint32_t(v >> 32); }
 
-inline void fenceAcquire() noexcept { std::atomic_thread_fence(std::memory_order_acquire); }
-inline void fenceRelease() noexcept { std::atomic_thread_fence(std::memory_order_release); }
+inline void fenceAcquire() noexcept {
+  if constexpr (!modelFencesAsOrderedCopies) std::atomic_thread_fence(std::memory_order_acquire);
+}
+inline void fenceRelease() noexcept {
+  if constexpr (!modelFencesAsOrderedCopies) std::atomic_thread_fence(std::memory_order_release);
+}
 
 // Word-wise relaxed copies between private and shared memory. `bytes` must be a multiple of 4
 // and both addresses 4-byte aligned (every record of the engine is laid out that way).
@@ -77,14 +101,14 @@ inline void copyToShared(void* shared, void const* local, std::size_t bytes) noe
   for (std::size_t i = 0; i < bytes / 4; ++i) {
     std::uint32_t w;
     std::memcpy(&w, src + 4 * i, 4);
-    std::atomic_ref<std::uint32_t>(dst[i]).store(w, std::memory_order_relaxed);
+    std::atomic_ref<std::uint32_t>(dst[i]).store(w, copyStoreOrder);
   }
 }
 inline void copyFromShared(void* local, void const* shared, std::size_t bytes) noexcept {
   auto* dst = static_cast<unsigned char*>(local);
   auto* src = static_cast<std::uint32_t*>(const_cast<void*>(shared));
   for (std::size_t i = 0; i < bytes / 4; ++i) {
-    std::uint32_t w = std::atomic_ref<std::uint32_t>(src[i]).load(std::memory_order_relaxed);
+    std::uint32_t w = std::atomic_ref<std::uint32_t>(src[i]).load(copyLoadOrder);
     std::memcpy(dst + 4 * i, &w, 4);
   }
 }
