@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
 
 namespace Quarn {
@@ -46,12 +47,17 @@ bool ReaderKickSm::tryConnect() {
     ::close(fd);
     return false;
   }
-  connection_ = std::make_unique<Kick::Connection>(
-      fd, activity_,
-      [this](Kick::Message const& m) {
-        if (m.type == Kick::Type::kick && handlers_.onKicked) handlers_.onKicked(m.sequence);
-      },
-      [this] { handleHangup(); });
+  try {
+    connection_ = std::make_unique<Kick::Connection>(
+        fd, activity_,
+        [this](Kick::Message const& m) {
+          if (m.type == Kick::Type::kick && handlers_.onKicked) handlers_.onKicked(m.sequence);
+        },
+        [this] { handleHangup(); });
+  } catch (Jorv::Exception const& e) {  // the connection closed its fd
+    KIV_TRACE(trace(), 1, "ReaderKickSm::tryConnect() ", e.what());
+    return false;
+  }
   ++connections_;
   retryInterval_ = minRetryInterval;
   retry_.cancel();

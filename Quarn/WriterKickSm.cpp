@@ -20,6 +20,7 @@ Kiv::TraceHandle& trace() {
 }
 
 constexpr int listenBacklog = 128;
+constexpr double acceptRetryInterval = 0.1;  // seconds
 
 }  // namespace
 
@@ -28,7 +29,8 @@ WriterKickSm::WriterKickSm(std::string rootPath, SequenceFn writerSequence,
     : socketPath_(Kick::socketPath(rootPath)),
       writerSequence_(std::move(writerSequence)),
       onNumReaders_(std::move(onNumReaders)),
-      activity_(activity) {
+      activity_(activity),
+      acceptRetry_([this] { listenWatch_.eventsIs(EPOLLIN); }, activity) {
   auto failure = [this](char const* what) {
     std::string text = std::string("WriterKickSm::WriterKickSm() ") + what + " " + socketPath_ +
                        ": " + std::strerror(errno);
@@ -74,20 +76,32 @@ void WriterKickSm::handleAccept() {
     int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
-      // EAGAIN: all accepted. EMFILE and the like: the reader stays in the backlog and is
-      // accepted on a later event; nothing is lost.
-      break;
+      if (errno != EAGAIN) pauseAccepting(std::strerror(errno));
+      break;  // EAGAIN: all accepted
     }
     std::uint64_t id = nextReaderId_++;
     Reader reader;
-    reader.connection = std::make_unique<Kick::Connection>(
-        fd, activity_, [this, id](Kick::Message const& m) { handleMessage(id, m); },
-        [this, id] { handleHangup(id); });
+    try {
+      reader.connection = std::make_unique<Kick::Connection>(
+          fd, activity_, [this, id](Kick::Message const& m) { handleMessage(id, m); },
+          [this, id] { handleHangup(id); });
+    } catch (Jorv::Exception const& e) {  // the connection closed its fd
+      pauseAccepting(e.what());
+      break;
+    }
     readers_.emplace(id, std::move(reader));
     changed = true;
     KIV_TRACE(trace(), 3, "WriterKickSm::handleAccept() reader:", id, " numReaders:", numReaders());
   }
   if (changed && onNumReaders_) onNumReaders_(numReaders());
+}
+
+// Out of descriptors or memory: the listening socket stays readable, so stop watching it for a
+// moment instead of spinning; waiting readers stay in the backlog and nothing is lost.
+void WriterKickSm::pauseAccepting(char const* why) {
+  KIV_TRACE(trace(), 1, "WriterKickSm::handleAccept() cannot accept a reader: ", why);
+  listenWatch_.eventsIs(0);
+  acceptRetry_.armIn(acceptRetryInterval);
 }
 
 void WriterKickSm::handleHangup(std::uint64_t readerId) {

@@ -22,6 +22,7 @@
 #include <unordered_map>
 
 #include "Kiv/Activity.h"
+#include "Kiv/Timer.h"
 #include "Quarn/KickChannel.h"
 #include "Quarn/WriterKick.h"
 
@@ -56,6 +57,7 @@ class WriterKickSm final : public WriterKick {
   void handleAccept();
   void handleMessage(std::uint64_t readerId, Kick::Message const& message);
   void handleHangup(std::uint64_t readerId);
+  void pauseAccepting(char const* why);
   void kick(Reader& reader);
 
   std::string socketPath_;
@@ -66,6 +68,7 @@ class WriterKickSm final : public WriterKick {
   dev_t socketDev_ = 0;
   ino_t socketIno_ = 0;
   Kiv::FdWatch listenWatch_;
+  Kiv::Timer acceptRetry_;
   std::uint64_t nextReaderId_ = 1;
   std::unordered_map<std::uint64_t, Reader> readers_;
   std::uint32_t sleepers_ = 0;
