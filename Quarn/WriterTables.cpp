@@ -1,6 +1,7 @@
 #include "Quarn/WriterTables.h"
 
 #include <cmath>
+#include <cstring>
 #include <sstream>
 
 #include "Jorv/Exception.h"
@@ -75,6 +76,7 @@ bool SlotWriterTable::attach(std::uint32_t fenix, bool force) {
         numSlots_ = initial;
         addFreeSlots(0, initial);
       });
+  if (kept && !sameRecordLayout()) return attach(fenix, true);  // another record type's file
   if (kept) {
     // Trust the header only as far as the mapping reaches; validation reports the rest.
     std::uint32_t const n = Mem::Atomics::highWord(header()->numSlotsUnit());
@@ -85,6 +87,20 @@ bool SlotWriterTable::attach(std::uint32_t fenix, bool force) {
             : std::min<std::size_t>(n, (mapped - SlotTable::fileSize(slotSize_, 0)) / slotSize_);
   }
   return kept;
+}
+
+bool SlotWriterTable::sameRecordLayout() const {
+  if (mem_.mappedSize() < SlotTable::headerSize) return false;
+  SlotTable::Header const* const h = header();
+  char names[2 * SlotTable::nameSize];
+  Mem::Atomics::copyFromShared(names, h->valueTypeName, sizeof names);
+  return h->load(h->valueSize) == valueSize_ && h->load(h->slotSize) == slotSize_ &&
+         h->load(h->tableSize) == tableSize_ &&
+         strnlen(names, SlotTable::nameSize) == valueTypeName_.size() &&
+         valueTypeName_.compare(0, std::string::npos, names, valueTypeName_.size()) == 0 &&
+         strnlen(names + SlotTable::nameSize, SlotTable::nameSize) == className_.size() &&
+         className_.compare(0, std::string::npos, names + SlotTable::nameSize, className_.size()) ==
+             0;
 }
 
 char* SlotWriterTable::slot(std::uint32_t i) const {

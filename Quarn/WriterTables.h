@@ -113,6 +113,9 @@ class SlotWriterTable {
   SlotCounters const& counters() const noexcept { return counters_; }
 
  private:
+  // The mapped header describes this writer's record type and configured size.
+  bool sameRecordLayout() const;
+
   Jorv::DebugHandler& dh_;
   QuarnMem mem_;
   std::string valueTypeName_;

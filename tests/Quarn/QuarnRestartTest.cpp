@@ -138,4 +138,21 @@ TEST(QuarnRestart, DamagedFilesAreReformattedUnderNextFenix) {
   }
 }
 
+TEST(QuarnRestart, FilesOfAnotherRecordClassAreReformatted) {
+  TempRoot root;
+  std::uint32_t fenix = 0;
+  {
+    Writer first(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
+    first.attach();
+    first.write(record(1, 1, 1));
+    fenix = first.fenix();
+  }
+  Writer second(dh(), "restart", 100, false, "OtherRecord", nullptr, root.path());
+  second.attach();
+  EXPECT_EQ(second.fenix(), fenix + 1);
+  EXPECT_EQ(second.size(), 0u);
+  auto const slots = fileBytes(root.path() + "/restart/slots");
+  EXPECT_STREQ(reinterpret_cast<char const*>(&slots[80]), "OtherRecord");
+}
+
 }  // namespace

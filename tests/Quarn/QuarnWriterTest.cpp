@@ -96,6 +96,8 @@ TEST(QuarnWriter, RandomOperationsMatchModel) {
 TEST(QuarnWriter, UpdateKeepsSlotAndChain) {
   Writer w(dh(), "update", 16, true, "TestRecord");
   w.attach();
+  EXPECT_EQ(w.fenix(), static_cast<std::uint32_t>(::getpid()));  // a local table's fenix
+  EXPECT_EQ(w.slots().mem().name(), "[ANONYMOUS]");
   for (std::uint32_t id = 0; id < 5; ++id) w.write(record(3, id, id));
   auto const before = w.find(TestKey{2, 3}, w.bucketOf(TestKey{2, 3}));
   auto const chainBefore = iterate(w);
@@ -110,22 +112,6 @@ TEST(QuarnWriter, UpdateKeepsSlotAndChain) {
     EXPECT_EQ(chainAfter[i].key, chainBefore[i].key);
   // Two writes of the counter, OCCUPIED set, LOOKASIDE clear.
   EXPECT_EQ(Quarn::SlotWriterTable::flags(w.slots().slot(after.slot)), 9u);
-}
-
-TEST(QuarnWriter, DescendingInsertsYieldAscendingChain) {
-  Writer w(dh(), "descending", 16, true, "TestRecord");
-  w.attach();
-  for (std::uint32_t id = 20; id-- > 0;) w.write(record(7, id, id));
-  std::uint32_t const bucket = w.bucketOf(TestKey{0, 7});
-  std::vector<std::uint32_t> ids;
-  for (std::uint32_t i = Quarn::linkTarget(w.buckets().bucket(bucket)); i != Quarn::noIndex;
-       i = Quarn::SlotWriterTable::next(w.slots().slot(i))) {
-    TestWrapper v;
-    Mem::Atomics::copyFromShared(&v, Quarn::SlotWriterTable::value(w.slots().slot(i)), sizeof v);
-    ids.push_back(v.key.id);
-  }
-  ASSERT_EQ(ids.size(), 20u);
-  for (std::uint32_t i = 0; i < 20; ++i) EXPECT_EQ(ids[i], i);
 }
 
 TEST(QuarnWriter, IterationSurvivesRemovalOfCurrentEntry) {
