@@ -12,11 +12,14 @@
 #include <limits>
 #include <vector>
 
+#include "Kiv/Ptr.h"
 #include "Kiv/Timer.h"
 
 namespace Kiv {
 
-class Clock {
+// Reference counted like every framework object (`Kiv::Ptr<Kiv::Clock const>`); may also live on
+// the stack or in a member when nothing takes a reference to it.
+class Clock : public PtrInterface {
  public:
   static constexpr double never = std::numeric_limits<double>::infinity();
 
@@ -30,6 +33,7 @@ class Clock {
 
     // Registers with `clock` (nullptr: unregisters); a notifiee hears one clock at a time.
     void notifierIs(Clock const* clock);
+    void notifierIs(Ptr<Clock const> const& clock) { notifierIs(clock.ptr()); }
     Clock const* notifier() const noexcept { return clock_; }
     virtual void onTime() = 0;
 
@@ -38,7 +42,7 @@ class Clock {
   };
 
   Clock() = default;
-  virtual ~Clock();  // unregisters the remaining notifiees
+  ~Clock() override;  // unregisters the remaining notifiees
   Clock(Clock const&) = delete;
   Clock& operator=(Clock const&) = delete;
 

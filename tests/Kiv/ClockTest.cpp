@@ -83,8 +83,10 @@ TEST(Clock, ClockDestroyedBeforeItsNotifiees) {
 
 TEST(ActivityClock, SlicesYieldThroughTheActivity) {
   Kiv::Activity activity;
-  Kiv::ActivityClock clock(activity);
-  Reactor r(&clock);
+  Kiv::Ptr<Clock const> held = Kiv::newPtr<Kiv::ActivityClock>(activity);
+  Clock const& clock = *held;
+  Reactor r(nullptr);
+  r.notifierIs(held);
   std::vector<double> times;
   double const start = clock.now() + 0.01;
   r.action = [&] {
