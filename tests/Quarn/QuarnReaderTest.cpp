@@ -234,6 +234,48 @@ TEST(ConquerReader, EveryChangeArrivesInOrderAcrossCompactionsAndPruningWaitsFor
   EXPECT_TRUE(f.slots.empty());
 }
 
+// A reader stopped in the middle of table 0 while the writer compacts twice, so that table 0
+// is reused under it: the reader must notice, find its place again and still deliver every
+// change once more or later, in sequence order, without calling it corruption.
+TEST(ConquerReader, SlowReaderSurvivesTheReuseOfItsTable) {
+  TempRoot tmp;
+  Kiv::Activity activity;
+  Table t(tmp.path(), &activity);
+  Follower f(t.root, &activity);
+  std::string error;
+  ASSERT_TRUE(f.conquer.initialize(t.writer->fenix(), error)) << error;
+  ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return t.kick->numReaders() == 1; }));
+  std::uint64_t previous = 0;
+  std::set<std::uint32_t> delivered;
+  auto consumer = [&](std::uint32_t slot) {
+    EXPECT_GT(f.conquer.lastSequence(), previous);
+    previous = f.conquer.lastSequence();
+    delivered.insert(slot);
+  };
+  std::set<std::uint32_t> changed;
+  auto writeKey = [&](std::uint32_t key, std::uint32_t value) {
+    t.writer->write(record(key % 3, key, value));
+    TestKey const k{key, key % 3};
+    changed.insert(t.writer->find(k, t.writer->bucketOf(k)).slot);
+  };
+  for (std::uint32_t i = 0; i < 40; ++i) writeKey(i, i);
+  f.conquer.sampleIs(10);
+  std::uint32_t count = 0;
+  EXPECT_FALSE(f.conquer.doConquer(count, consumer));  // parked at position 10 of table 0
+  EXPECT_EQ(f.conquer.position(), 10u);
+  std::uint64_t const compactions = t.writer->conquer().counters().compactions;
+  for (std::uint32_t i = 0; t.writer->conquer().counters().compactions < compactions + 2; ++i) {
+    writeKey(i % 25, 1000 + i);  // rewrites the first keys: their old entries disappear
+  }
+  ASSERT_EQ(t.writer->conquer().currentTable(), 0u);  // table 0 again, refilled
+  f.conquer.sampleIs(100000);
+  while (!f.conquer.doConquer(count, consumer)) {
+  }
+  EXPECT_EQ(f.conquer.lastSequence(), t.writer->conquer().sequence());
+  EXPECT_EQ(delivered, changed);
+  EXPECT_FALSE(f.conquer.outOfSync());
+}
+
 TEST(ConquerReader, UncountedReaderLearnsItWasPrunedPast) {
   TempRoot tmp;
   Table t(tmp.path(), nullptr);  // no wake-up channel: the writer prunes freely
