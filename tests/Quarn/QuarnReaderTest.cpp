@@ -49,6 +49,21 @@ struct Table {
   }
 };
 
+// A writer without readers' channel and a reader mounted on its files.
+struct Mounted : ::testing::Test {
+  TempRoot tmp;
+  Table t{tmp.path(), nullptr};
+  Reader r{dh(), t.root};
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(r.initialize(t.writer->fenix(), error)) << error;
+  }
+  // The slot of `key` on the writer's side.
+  char* slotOf(TestKey const& key) {
+    return t.writer->slots().slot(t.writer->find(key, t.writer->bucketOf(key)).slot);
+  }
+};
+
 std::map<TestKey, std::uint32_t> readAll(Reader& r) {
   std::map<TestKey, std::uint32_t> out;
   TestWrapper v;
@@ -59,12 +74,7 @@ std::map<TestKey, std::uint32_t> readAll(Reader& r) {
   return out;
 }
 
-TEST(QuarnReader, LookupAndIterationFollowTheWriterThroughGrowth) {
-  TempRoot tmp;
-  Table t(tmp.path(), nullptr);
-  Reader r(dh(), t.root);
-  std::string error;
-  ASSERT_TRUE(r.initialize(t.writer->fenix(), error)) << error;
+TEST_F(Mounted, LookupAndIterationFollowTheWriterThroughGrowth) {
   std::uint32_t const initialSlots = r.numSlots();
 
   std::map<TestKey, std::uint32_t> model;
@@ -105,17 +115,11 @@ TEST(QuarnReader, LookupAndIterationFollowTheWriterThroughGrowth) {
   EXPECT_EQ(TestKey(next.key), *expected);
 }
 
-TEST(QuarnReader, StagedUpdateIsReadFromTheLookasideSlot) {
-  TempRoot tmp;
-  Table t(tmp.path(), nullptr);
+TEST_F(Mounted, StagedUpdateIsReadFromTheLookasideSlot) {
   t.writer->write(record(1, 1, 10));
-  Reader r(dh(), t.root);
-  std::string error;
-  ASSERT_TRUE(r.initialize(0, error)) << error;
   // Freeze the writer between its two flag updates: new value staged, LOOKASIDE set, old value
   // still in place.
-  auto f = t.writer->find(TestKey{1, 1}, t.writer->bucketOf(TestKey{1, 1}));
-  char* slot = t.writer->slots().slot(f.slot);
+  char* slot = slotOf(TestKey{1, 1});
   TestWrapper staged = record(1, 1, 20);
   Mem::Atomics::copyToShared(t.writer->slots().lookasideValue(), &staged, sizeof staged);
   Quarn::SlotWriterTable::flagsIs(slot, Quarn::SlotWriterTable::flags(slot) + 2);
@@ -136,16 +140,12 @@ std::string corruptionOfLookup(Reader& r, TestKey const& key) {
   return "";
 }
 
-TEST(QuarnReader, PersistentContradictionsAreCorruption) {
-  TempRoot tmp;
-  Table t(tmp.path(), nullptr);
+TEST_F(Mounted, PersistentContradictionsAreCorruption) {
   t.writer->write(record(5, 1, 1));
   t.writer->write(record(5, 2, 2));
-  Reader r(dh(), t.root);
-  std::string error;
-  ASSERT_TRUE(r.initialize(0, error)) << error;
-  auto f = t.writer->find(TestKey{2, 5}, t.writer->bucketOf(TestKey{2, 5}));
-  char* last = t.writer->slots().slot(f.slot);
+  char* last = slotOf(TestKey{2, 5});
+  std::uint32_t const lastIndex =
+      t.writer->find(TestKey{2, 5}, t.writer->bucketOf(TestKey{2, 5})).slot;
 
   // The chain's last slot loses OCCUPIED while still linked.
   auto flags = Quarn::SlotWriterTable::flags(last);
@@ -155,7 +155,7 @@ TEST(QuarnReader, PersistentContradictionsAreCorruption) {
   Quarn::SlotWriterTable::flagsIs(last, flags);
 
   // The chain's last slot links back to itself.
-  Quarn::publishLink(last, f.slot);
+  Quarn::publishLink(last, lastIndex);
   EXPECT_EQ(corruptionOfLookup(r, TestKey{3, 5})
                 .rfind("QuarnReader::doLookup() hash chain cycle detected, ", 0),
             0u);
@@ -193,15 +193,20 @@ struct Follower {
   }
 };
 
-TEST(ConquerReader, EveryChangeArrivesInOrderAcrossCompactionsAndPruningWaitsForIt) {
+// A writer with its readers' channel and one follower, connected, on one activity.
+struct Following : ::testing::Test {
   TempRoot tmp;
   Kiv::Activity activity;
-  Table t(tmp.path(), &activity);
-  Follower f(t.root, &activity);
-  std::string error;
-  ASSERT_TRUE(f.conquer.initialize(t.writer->fenix(), error)) << error;
-  ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return t.kick->numReaders() == 1; }));
+  Table t{tmp.path(), &activity};
+  Follower f{t.root, &activity};
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(f.conquer.initialize(t.writer->fenix(), error)) << error;
+    ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return t.kick->numReaders() == 1; }));
+  }
+};
 
+TEST_F(Following, EveryChangeArrivesInOrderAcrossCompactionsAndPruningWaitsForIt) {
   std::uint32_t const capacity = t.writer->conquer().capacity(0);
   std::set<std::uint32_t> changed;
   for (std::uint32_t round = 0; round < 8; ++round) {
@@ -237,14 +242,7 @@ TEST(ConquerReader, EveryChangeArrivesInOrderAcrossCompactionsAndPruningWaitsFor
 // A reader stopped in the middle of table 0 while the writer compacts twice, so that table 0
 // is reused under it: the reader must notice, find its place again and still deliver every
 // change once more or later, in sequence order, without calling it corruption.
-TEST(ConquerReader, SlowReaderSurvivesTheReuseOfItsTable) {
-  TempRoot tmp;
-  Kiv::Activity activity;
-  Table t(tmp.path(), &activity);
-  Follower f(t.root, &activity);
-  std::string error;
-  ASSERT_TRUE(f.conquer.initialize(t.writer->fenix(), error)) << error;
-  ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return t.kick->numReaders() == 1; }));
+TEST_F(Following, SlowReaderSurvivesTheReuseOfItsTable) {
   std::uint64_t previous = 0;
   std::set<std::uint32_t> delivered;
   auto consumer = [&](std::uint32_t slot) {
