@@ -54,8 +54,9 @@ Activity::~Activity() {
 }
 
 Activity& Activity::current() {
-  static Activity activity;
-  return activity;
+  // Never destroyed: objects destroyed at exit may still unregister from it.
+  static Activity* activity = new Activity;
+  return *activity;
 }
 
 double Activity::now() noexcept {

@@ -139,6 +139,7 @@ void ConquerReader::search(std::uint32_t t) {
 }
 
 void ConquerReader::findPosition() {
+  if (!attached()) return;
   std::uint32_t t = currentTable();
   if (t == table_) return;
   for (;;) {
@@ -152,6 +153,7 @@ void ConquerReader::findPosition() {
 }
 
 bool ConquerReader::doConquer(std::uint32_t& count, Consumer const& consumer) {
+  if (!attached()) return true;  // nothing to read until initialized again
   findPosition();
   std::uint32_t const t = table_;
   bool researched = false;

@@ -53,7 +53,7 @@ class ConquerReader {
   bool attached() const noexcept { return mem_[0].attached() && mem_[1].attached(); }
 
   // Consumes until the queue is drained or the yield time is spent; returns the last sequence
-  // consumed. Then acknowledges it, announcing sleep if drained.
+  // consumed. Then acknowledges it, announcing sleep if drained. Detached: consumes nothing.
   std::uint64_t conquer(Consumer const& consumer);
   // One bounded pass (at most `sample` entries); true when it reached the end of the queue.
   bool doConquer(std::uint32_t& count, Consumer const& consumer);

@@ -237,6 +237,10 @@ TEST_F(Following, EveryChangeArrivesInOrderAcrossCompactionsAndPruningWaitsForIt
   f.slots.clear();
   f.drain();  // nothing new: nothing delivered
   EXPECT_TRUE(f.slots.empty());
+  f.conquer.detach();
+  t.writer->write(record(1, 1, 2));
+  f.drain();  // detached: nothing to read, nothing to crash on
+  EXPECT_TRUE(f.slots.empty());
 }
 
 // A reader stopped in the middle of table 0 while the writer compacts twice, so that table 0
