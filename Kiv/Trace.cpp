@@ -20,11 +20,11 @@ struct Registry {
   Registry() {
     char const* env = std::getenv("KIV_TRACE");
     if (env == nullptr) return;
-    std::string_view spec(env);
-    while (!spec.empty()) {
-      auto comma = spec.find(',');
-      std::string_view item = spec.substr(0, comma);
-      spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+    std::string_view settings(env);
+    while (!settings.empty()) {
+      auto comma = settings.find(',');
+      std::string_view item = settings.substr(0, comma);
+      settings = comma == std::string_view::npos ? std::string_view() : settings.substr(comma + 1);
       auto eq = item.find('=');
       if (eq == std::string_view::npos) continue;
       patterns.emplace_back(std::string(item.substr(0, eq)),
