@@ -261,6 +261,10 @@ template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::writeValue(char* s, void const* value) {
   std::uint32_t const f = SlotWriterTable::flags(s);
   if (f & SlotTable::OCCUPIED) {
+    // A reader may still be copying the lookaside value of the previous update; the fence
+    // guarantees that if its copy sees any word staged here, its re-read of that earlier slot's
+    // flags sees the write completed, so it retries instead of keeping a mixed value.
+    Mem::Atomics::fenceRelease();
     Mem::Atomics::copyToShared(slots_.lookasideValue(), value, sizeof(Wrapper));
   }
   SlotWriterTable::flagsIs(s, f + 2);
@@ -374,6 +378,7 @@ Wrapper* QuarnWriter<Key, Wrapper>::directWrite(Key const& key) {
     target = SlotWriterTable::value(slots_.slot(pending_));
   }
   pendingKey_ = key;
+  Mem::Atomics::fenceRelease();  // as in writeValue: the lookaside may be under a reader's copy
   Mem::Atomics::copyToShared(target, &fresh, sizeof fresh);
   KIV_TRACE(dh_, 8, "QuarnWriter::directWrite() ", KeyText<Key>{key},
             pendingNew_ ? " new" : " existing", " bucket:", b, " slot:", pending_,
