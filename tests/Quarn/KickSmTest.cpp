@@ -212,24 +212,6 @@ TEST_F(KickFixture, SplitMessagesAreFramedAndProtocolErrorsDropTheReader) {
   EXPECT_EQ(w->lowestSequence(), WriterKick::noReaders);
 }
 
-TEST_F(KickFixture, OutOfDescriptorsPausesAcceptingWithoutSpinning) {
-  auto w = writer(tmp.path());
-  RawPeer early(w->socketPath());   // the client side's fd exists before the limit drops
-  int const lowestFree = ::dup(0);  // descriptor numbers, not counts, meet the limit
-  ::close(lowestFree);
-  rlimit old{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
-  rlimit low = old;
-  low.rlim_cur = rlim_t(lowestFree);  // no descriptor left: accept4 gets EMFILE
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-  std::size_t dispatched = 0;
-  for (int i = 0; i < 5; ++i) dispatched += activity.runOnce(0.01);
-  ::setrlimit(RLIMIT_NOFILE, &old);
-  EXPECT_LE(dispatched, 2u);  // one failed accept, perhaps one retry: no busy loop
-  EXPECT_EQ(w->numReaders(), 0u);
-  ASSERT_TRUE(runUntil(activity, [&] { return w->numReaders() == 1; }));  // retried later
-}
-
 TEST_F(KickFixture, LongRootPathAndInProcessReader) {
   std::string root = tmp.path();
   while (root.size() < 150) root += "/long-directory-name";
