@@ -4,10 +4,10 @@
 all:
 	cmake --preset default >/dev/null && cmake --build --preset default
 
-# The main job: the demonstration program.
+# The main job: the demonstration program (writer and readers of one table across processes).
 demo:
-	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_demo
-	./build/release/examples/bidir_demo
+	cmake --preset release >/dev/null && cmake --build --preset release --target quarn_demo
+	./build/release/examples/quarn_demo
 
 # The whole test suite.
 test:

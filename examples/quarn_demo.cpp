@@ -1,0 +1,857 @@
+// The shared-memory table engine across processes, in a private temporary root under /dev/shm:
+// one writer process churns a 500,000-record group-interface table while two reader processes
+// (a direct reader of the shared files and a shadow copy) look records up and follow every
+// change. Halfway through, the writer is killed with SIGKILL and started again; the readers
+// re-attach by themselves. At the end the writer validates its files and both readers must show
+// exactly the writer's final table. Run it with `make demo`; Ctrl-C stops it cleanly.
+//
+// Options: --seconds S (run time, default 30), --restart-at S (default 12), --rate N (writer
+// updates per second, 0 = as fast as it can; default 300000), --records N (default 500000).
+//
+// Processes talk over pipes: each child sends fixed-size `Report`s (each one write, below
+// PIPE_BUF, so never interleaved) and receives fixed-size `Command`s. Every clock reading is
+// CLOCK_MONOTONIC, one clock for all processes, so a write stamp taken by the writer can be
+// compared with the time a reader hears of it.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Bidir/Quarn/GroupIntf.h"
+#include "Kiv/Activity.h"
+#include "Kiv/Timer.h"
+#include "KivQuarn/KivQuarnMapValueWrapper.h"
+#include "Quarn/ConquerReader.h"
+#include "Quarn/MounterSm.h"
+#include "Quarn/QuarnReader.h"
+#include "Quarn/QuarnWriter.h"
+#include "Quarn/Util.h"
+#include "Quarn/WriterKickSm.h"
+
+namespace {
+
+using Key = Routing::Pim::Bidir::GroupIntfKey;
+using Record = Routing::Pim::Bidir::Quarn::GroupIntf;
+using Value = KivQuarn::KivQuarnMapValueWrapper<Record, Key>;
+
+char const* const tableName = "groupIntf";
+
+struct Options {
+  double seconds = 30;
+  double restartAt = 12;
+  double rate = 300000;
+  std::uint32_t records = 500000;
+};
+
+double monotonic() {
+  timespec ts{};
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
+}
+
+Jorv::DebugHandler& dh() {
+  return Jorv::Platform::getDebugHandler("QuarnDemo");
+}
+
+// The table's keys: 100 interfaces for each group from 239.1.0.0 on, the same in every process.
+std::vector<Key> demoKeys(std::uint32_t count) {
+  std::vector<Lanx::IntfId> intfs;
+  for (int e = 1; e <= 100; ++e) intfs.emplace_back("Ethernet" + std::to_string(e));
+  std::vector<Key> keys;
+  keys.reserve(count);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    keys.emplace_back(Lanx::IpGenAddr::ipv4Addr(0xef010000u + i / 100), intfs[i % 100]);
+  }
+  return keys;
+}
+
+// Change number n of a record, stamped with its write time. The three flags always agree
+// (forward = localReceiverInclude = !iAmDf), and they sit at both ends of the record: a copy that
+// mixed two versions would show it.
+Value valueOf(Key const& key, std::uint64_t n, double stamp) {
+  Value v;
+  v.key = key;
+  v.forward = (n & 1) != 0;
+  v.localReceiverInclude = v.forward;
+  v.iAmDf = !v.forward;
+  v.joinState = (n & 2) != 0 ? Record::JoinState::joined : Record::JoinState::noInfo;
+  v.lastJoinReceived = stamp;
+  return v;
+}
+
+bool wellFormed(Value const& v) {
+  return v.forward == v.localReceiverInclude && v.iAmDf != v.forward;
+}
+
+// Order-independent digest of a set of records: the sum of a 64-bit hash of each record's bytes.
+std::uint64_t recordHash(Value const& v) {
+  unsigned char bytes[sizeof(Value)];
+  std::memcpy(bytes, &v, sizeof bytes);
+  std::uint64_t h = 1469598103934665603ull;
+  for (unsigned char b : bytes) h = (h ^ b) * 1099511628211ull;
+  return h ^ (h >> 29);
+}
+
+struct Digest {
+  std::uint64_t sum = 0;
+  std::uint64_t count = 0;
+  bool operator==(Digest const&) const = default;
+};
+
+// Iterates any table handle with first(out) / next(key, out).
+template <class Table>
+Digest digestOf(Table& table) {
+  Digest d;
+  Value v;
+  for (bool more = table.first(v); more; more = table.next(Key(v.key), v)) {
+    d.sum += recordHash(v);
+    ++d.count;
+  }
+  return d;
+}
+
+// Notification lag in microseconds: exact below 100 ms, then a single overflow bucket.
+class LagHistogram {
+ public:
+  void add(double seconds) {
+    double const us = std::max(0.0, seconds * 1e6);
+    ++total_;
+    max_ = std::max(max_, us);
+    if (us >= double(counts_.size())) {
+      ++overflow_;
+    } else {
+      ++counts_[std::size_t(us)];
+    }
+  }
+  double percentile(double p) const {
+    if (total_ == 0) return 0;
+    std::uint64_t const rank = std::uint64_t(std::ceil(p * double(total_)));
+    std::uint64_t seen = 0;
+    for (std::size_t i = 0; i < counts_.size(); ++i) {
+      seen += counts_[i];
+      if (seen >= rank) return double(i);
+    }
+    return max_;
+  }
+  double max() const { return max_; }
+  std::uint64_t total() const { return total_; }
+
+ private:
+  std::vector<std::uint32_t> counts_ = std::vector<std::uint32_t>(100000, 0);
+  std::uint64_t overflow_ = 0;
+  std::uint64_t total_ = 0;
+  double max_ = 0;
+};
+
+// ---- messages between the processes
+
+enum class Role : std::uint32_t { writer = 0, direct = 1, shadow = 2 };
+char const* roleName(Role role) {
+  switch (role) {
+    case Role::writer:
+      return "writer";
+    case Role::direct:
+      return "direct reader";
+    case Role::shadow:
+      return "shadow reader";
+  }
+  return "?";
+}
+
+struct Report {
+  enum Kind : std::uint32_t { attached, ready, progress, finished, failed };
+  Kind kind = progress;
+  Role role = Role::writer;
+  std::uint32_t fenix = 0;
+  std::uint32_t isAttached = 0;
+  std::uint32_t kept = 0;        // writer: entries that survived its restart
+  std::uint32_t valid = 0;       // writer: validation result; reader: digest matched
+  double time = 0;               // when it was sent (or when the state it reports began)
+  double attachSeconds = 0;      // writer: time spent in attach()
+  std::uint64_t records = 0;     // entries in the table (as this process sees it)
+  std::uint64_t operations = 0;  // writer: updates; reader: lookups
+  std::uint64_t notifications = 0;
+  std::uint64_t malformed = 0;  // reader: copies that failed the record's consistency check
+  Digest digest;
+  double lagP50 = 0, lagP99 = 0, lagMax = 0;
+  char text[96] = {};
+};
+static_assert(sizeof(Report) < PIPE_BUF);
+
+struct Command {
+  enum Op : std::uint32_t { stop, verify };
+  Op op = stop;
+  Digest digest;
+};
+
+template <class T>
+void send(int fd, T const& message) {
+  (void)!::write(fd, &message, sizeof message);
+}
+
+// Reads one whole message; false at end of file or on a short read.
+template <class T>
+bool receive(int fd, T& message) {
+  return ::read(fd, &message, sizeof message) == ssize_t(sizeof message);
+}
+
+// ---- the writer process
+
+class WriterProcess {
+ public:
+  WriterProcess(std::string root, Options const& options, int reportFd, int commandFd)
+      : root_(std::move(root)),
+        tableRoot_(root_ + "/" + tableName),
+        options_(options),
+        reportFd_(reportFd),
+        keys_(demoKeys(options.records)),
+        commands_(activity_, commandFd, EPOLLIN, [this, commandFd](std::uint32_t) {
+          Command c;
+          if (!receive(commandFd, c)) {
+            activity_.stop();  // the parent went away
+            stopped_ = true;
+          } else if (c.op == Command::stop) {
+            stopped_ = true;
+          }
+        }) {}
+
+  void run();
+
+ private:
+  Report report(Report::Kind kind) const {
+    Report r;
+    r.kind = kind;
+    r.role = Role::writer;
+    r.fenix = writer_->fenix();
+    r.isAttached = 1;
+    r.time = monotonic();
+    r.records = writer_->size();
+    r.operations = updates_;
+    return r;
+  }
+  void churn();
+  friend Digest digestOf<WriterProcess>(WriterProcess&);
+  bool first(Value& out) const { return writer_->first(out); }
+  bool next(Key const& key, Value& out) const {
+    Quarn::IterHint hint;
+    return writer_->next(key, out, hint);
+  }
+
+  std::string root_;
+  std::string tableRoot_;
+  Options options_;
+  int reportFd_;
+  std::vector<Key> keys_;
+  Kiv::Activity& activity_ = Kiv::Activity::current();
+  Kiv::FdWatch commands_;
+  std::unique_ptr<Quarn::WriterKickSm> kick_;
+  std::unique_ptr<Quarn::QuarnWriter<Key, Value>> writer_;
+  std::uint64_t updates_ = 0;
+  bool stopped_ = false;
+};
+
+void WriterProcess::run() {
+  std::filesystem::create_directories(tableRoot_);
+  kick_ = std::make_unique<Quarn::WriterKickSm>(
+      tableRoot_, [this] { return writer_->conquer().sequence(); },
+      [this](std::uint32_t) { writer_->conquer().updateNumReaders(); }, activity_);
+  double const start = monotonic();
+  writer_ = std::make_unique<Quarn::QuarnWriter<Key, Value>>(
+      dh(), tableName, options_.records, false, "GroupIntf", kick_.get(), root_);
+  writer_->attach();
+  Report attached = report(Report::attached);
+  attached.attachSeconds = monotonic() - start;
+  attached.kept = writer_->size();
+  send(reportFd_, attached);
+  // Fill what the table lacks (everything on a first start or after a re-format).
+  double const now = monotonic();
+  bool found = false;
+  for (std::size_t i = 0; i < keys_.size(); ++i) {
+    writer_->lookup(keys_[i], found);
+    if (!found) writer_->write(valueOf(keys_[i], i, now));
+    if (i % 4096 == 0) activity_.runOnce(0);
+  }
+  send(reportFd_, report(Report::ready));
+  churn();
+  Report last = report(Report::finished);
+  last.valid = writer_->validate() && writer_->validateFiles();
+  last.digest = digestOf(*this);
+  send(reportFd_, last);
+  // Keep serving the readers' wake-up channel until the parent closes the command pipe.
+  activity_.run();
+}
+
+// Updates random records at the configured rate: seven in eight in place, one in eight removed
+// and inserted again (so slots are freed and reused under the readers).
+void WriterProcess::churn() {
+  std::mt19937_64 rng(std::uint64_t(::getpid()));
+  double const start = monotonic();
+  double nextReport = start;
+  Value gone;
+  while (!stopped_) {
+    double const now = monotonic();
+    std::uint64_t batch = 2000;
+    if (options_.rate > 0) {
+      double const due = (now - start) * options_.rate - double(updates_);
+      batch = due <= 0 ? 0 : std::min<std::uint64_t>(batch, std::uint64_t(due) + 1);
+    }
+    for (std::uint64_t i = 0; i < batch; ++i) {
+      Key const& key = keys_[rng() % keys_.size()];
+      if (++updates_ % 8 == 0) writer_->remove(key, gone);
+      writer_->write(valueOf(key, updates_, monotonic()));
+    }
+    activity_.runOnce(batch == 0 ? 0.001 : 0);
+    if (now >= nextReport) {
+      send(reportFd_, report(Report::progress));
+      nextReport = now + 0.25;
+    }
+  }
+}
+
+// ---- the reader processes
+
+// The reading side of the table for one reader process: mounts when the writer's files appear
+// and mounts again when the writer starts a new incarnation (a new fenix id), and hands every
+// changed record to `onChange`.
+class ReadTable {
+ public:
+  using OnChange = std::function<void(Value const&)>;
+
+  ReadTable(std::string tableRoot, Kiv::Activity& activity, OnChange onChange)
+      : tableRoot_(std::move(tableRoot)),
+        activity_(activity),
+        onChange_(std::move(onChange)),
+        mounter_(
+            tableRoot_, [this](std::string const&) { remount(); }, activity) {}
+
+  bool attached() const { return reader_ != nullptr; }
+  std::uint32_t fenix() const { return reader_ != nullptr ? reader_->fenix() : 0; }
+  Value lookup(Key const& key, bool& found) {
+    found = false;
+    return reader_ != nullptr ? reader_->doLookup(key, found) : Value{};
+  }
+  bool first(Value& out) {
+    Quarn::IterHint hint;
+    return reader_ != nullptr && reader_->first(0, out, hint);
+  }
+  bool next(Key const& key, Value& out) {
+    Quarn::IterHint hint;
+    return reader_ != nullptr && reader_->doNext(key, out, hint);
+  }
+  std::uint64_t notifications() const { return notifications_; }
+
+ private:
+  void remount() {
+    std::uint32_t const fenix = Quarn::FenixFile::read(tableRoot_);
+    if (fenix == 0 || (reader_ != nullptr && reader_->fenix() == fenix)) return;
+    conquer_.reset();
+    reader_.reset();
+    auto reader = std::make_unique<Quarn::QuarnReader<Key, Value>>(dh(), tableRoot_);
+    auto conquer =
+        std::make_unique<Quarn::ConquerReader>(dh(), tableRoot_, &activity_, [this] { drain(); });
+    std::string error;
+    if (!reader->initialize(fenix, error) || !conquer->initialize(fenix, error)) return;
+    reader_ = std::move(reader);
+    conquer_ = std::move(conquer);
+    drain();
+  }
+  void drain() {
+    if (conquer_ == nullptr) return;
+    conquer_->conquer([this](std::uint32_t slot) {
+      Quarn::SlotReader& slots = reader_->slots();
+      if (slot >= slots.numSlots() && !slots.doResize()) return;
+      Value v;
+      if (slots.readValue(slots.slot(slot), &v, sizeof v) & Quarn::SlotTable::OCCUPIED) {
+        ++notifications_;
+        onChange_(v);
+      }
+    });
+  }
+
+  std::string tableRoot_;
+  Kiv::Activity& activity_;
+  OnChange onChange_;
+  Quarn::MounterSm mounter_;
+  std::unique_ptr<Quarn::QuarnReader<Key, Value>> reader_;
+  std::unique_ptr<Quarn::ConquerReader> conquer_;
+  std::uint64_t notifications_ = 0;
+};
+
+class ReaderProcess {
+ public:
+  ReaderProcess(Role role, std::string const& root, Options const& options, int reportFd,
+                int commandFd)
+      : role_(role),
+        reportFd_(reportFd),
+        keys_(demoKeys(options.records)),
+        table_(root + "/" + tableName, activity_,
+               [this](Value const& v) {
+                 if (v.lastJoinReceived >= attachedAt_) lag_.add(monotonic() - v.lastJoinReceived);
+               }),
+        commands_(activity_, commandFd, EPOLLIN, [this, commandFd](std::uint32_t) {
+          Command c;
+          if (!receive(commandFd, c)) {
+            done_ = true;
+          } else if (c.op == Command::verify) {
+            verify_ = true;
+            target_ = c.digest;
+          }
+        }) {}
+
+  void run();
+
+ private:
+  Report report(Report::Kind kind) {
+    Report r;
+    r.kind = kind;
+    r.role = role_;
+    r.fenix = table_.fenix();
+    r.isAttached = table_.attached();
+    r.time = monotonic();
+    r.operations = lookups_;
+    r.records = found_;
+    r.notifications = table_.notifications();
+    r.malformed = malformed_;
+    r.lagP50 = lag_.percentile(0.5);
+    r.lagP99 = lag_.percentile(0.99);
+    r.lagMax = lag_.max();
+    return r;
+  }
+  void lookups();
+  void finish();
+
+  Role role_;
+  int reportFd_;
+  std::vector<Key> keys_;
+  Kiv::Activity& activity_ = Kiv::Activity::current();
+  LagHistogram lag_;
+  double attachedAt_ = 0;
+  ReadTable table_;
+  Kiv::FdWatch commands_;
+  std::uint64_t lookups_ = 0;
+  std::uint64_t found_ = 0;
+  std::uint64_t malformed_ = 0;
+  bool done_ = false;
+  bool verify_ = false;
+  Digest target_;
+};
+
+void ReaderProcess::run() {
+  double nextReport = 0;
+  std::uint32_t reportedFenix = 0;
+  bool reportedAttached = false;
+  while (!done_ && !verify_) {
+    lookups();
+    activity_.runOnce(table_.attached() ? 0 : 0.01);
+    double const now = monotonic();
+    if (table_.fenix() != reportedFenix || table_.attached() != reportedAttached) {
+      // Sent at once: the parent times re-attachment from it.
+      reportedFenix = table_.fenix();
+      reportedAttached = table_.attached();
+      if (reportedAttached) attachedAt_ = now;
+      send(reportFd_, report(Report::attached));
+    } else if (now >= nextReport) {
+      send(reportFd_, report(Report::progress));
+      nextReport = now + 0.25;
+    }
+  }
+  if (verify_) finish();
+}
+
+void ReaderProcess::lookups() {
+  if (!table_.attached()) return;
+  std::uint64_t const start = lookups_;
+  for (; lookups_ < start + 256; ++lookups_) {
+    Key const& key = keys_[(lookups_ * 2654435761u) % keys_.size()];
+    bool found = false;
+    Value const v = table_.lookup(key, found);
+    if (!found) continue;
+    ++found_;
+    if (!(Key(v.key) == key) || !wellFormed(v)) ++malformed_;
+  }
+}
+
+// The writer has stopped: wait (bounded) until this process's view is the writer's final table.
+void ReaderProcess::finish() {
+  double const deadline = monotonic() + 15;
+  Digest seen;
+  do {
+    activity_.runOnce(0.01);
+    seen = digestOf(table_);
+  } while (!(seen == target_) && monotonic() < deadline && !done_);
+  Report r = report(Report::finished);
+  r.digest = seen;
+  r.valid = seen == target_;
+  send(reportFd_, r);
+  while (!done_) activity_.runOnce(-1);
+}
+
+// ---- the parent: starts, watches, restarts and stops the children
+
+std::atomic<Kiv::Activity*> loopForSignals{nullptr};
+volatile std::sig_atomic_t interrupted = 0;
+
+void onSignal(int) {
+  interrupted = 1;
+  if (Kiv::Activity* loop = loopForSignals.load()) loop->stop();
+}
+
+struct ChildProcess {
+  Role role;
+  pid_t pid = -1;
+  int reportFd = -1;
+  int commandFd = -1;
+  Kiv::FdWatch watch;
+  Report last;
+};
+
+class Demo {
+ public:
+  Demo(std::string root, Options const& options)
+      : root_(std::move(root)),
+        options_(options),
+        progress_([this] { progress(); }, loop_),
+        restart_([this] { restartWriter(); }, loop_),
+        stop_([this] { stopWriter(); }, loop_),
+        giveUp_([this] { fail("the demonstration did not finish in time"); }, loop_) {}
+  ~Demo() { reapAll(); }
+
+  // 0 on success.
+  int run();
+
+ private:
+  ChildProcess& start(Role role);
+  void handleReport(ChildProcess& child);
+  void progress();
+  void restartWriter();
+  void stopWriter();
+  void fail(std::string const& why) {
+    if (error_.empty()) error_ = why;
+    loop_.stop();
+  }
+  void stopChild(ChildProcess& child);
+  void reapAll();
+  void summary() const;
+  double since() const { return monotonic() - start_; }
+
+  std::string root_;
+  Options options_;
+  Kiv::Activity loop_;
+  Kiv::Timer progress_, restart_, stop_, giveUp_;
+  std::vector<std::unique_ptr<ChildProcess>> children_;
+  ChildProcess* writer_ = nullptr;
+  double start_ = 0;
+  // Restart bookkeeping.
+  double killedAt_ = 0;
+  double restartedAttachAt_ = 0;
+  std::uint32_t oldFenix_ = 0;
+  Report restarted_;
+  double reattached_[3] = {0, 0, 0};
+  // Rates over the run, from progress reports.
+  std::uint64_t updatesBefore_ = 0;
+  Report writerFinal_;
+  Report readerFinal_[3];
+  int finals_ = 0;
+  std::string error_;
+};
+
+ChildProcess& Demo::start(Role role) {
+  int reports[2], commands[2];
+  if (::pipe2(reports, O_CLOEXEC) != 0 || ::pipe2(commands, O_CLOEXEC) != 0) {
+    throw Jorv::RuntimeException("pipe2() failed");
+  }
+  std::cout.flush();
+  pid_t const pid = ::fork();
+  if (pid < 0) throw Jorv::RuntimeException("fork() failed");
+  if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::signal(SIGINT, SIG_IGN);  // Ctrl-C reaches the whole group: the parent handles it
+    ::signal(SIGTERM, SIG_DFL);
+    ::close(reports[0]);
+    ::close(commands[1]);
+    for (auto const& other : children_) {
+      ::close(other->reportFd);
+      ::close(other->commandFd);
+    }
+    int status = 0;
+    try {
+      if (role == Role::writer) {
+        WriterProcess(root_, options_, reports[1], commands[0]).run();
+      } else {
+        ReaderProcess(role, root_, options_, reports[1], commands[0]).run();
+      }
+    } catch (std::exception const& e) {
+      Report r;
+      r.kind = Report::failed;
+      r.role = role;
+      std::snprintf(r.text, sizeof r.text, "%s", e.what());
+      send(reports[1], r);
+      status = 1;
+    }
+    std::_Exit(status);
+  }
+  ::close(reports[1]);
+  ::close(commands[0]);
+  auto child = std::make_unique<ChildProcess>();
+  child->role = role;
+  child->pid = pid;
+  child->reportFd = reports[0];
+  child->commandFd = commands[1];
+  ChildProcess* c = child.get();
+  child->watch =
+      Kiv::FdWatch(loop_, reports[0], EPOLLIN, [this, c](std::uint32_t) { handleReport(*c); });
+  children_.push_back(std::move(child));
+  return *c;
+}
+
+void Demo::handleReport(ChildProcess& child) {
+  Report r;
+  if (!receive(child.reportFd, r)) {
+    child.watch.reset();
+    fail(std::string(roleName(child.role)) + " process ended unexpectedly");
+    return;
+  }
+  child.last = r;
+  int const index = int(r.role);
+  switch (r.kind) {
+    case Report::failed:
+      fail(std::string(roleName(r.role)) + " failed: " + r.text);
+      break;
+    case Report::attached:
+      if (r.role == Role::writer) {
+        std::printf("[%5.1fs] writer attached: fenix 0x%08x, %u entries kept, attach %.1f ms\n",
+                    since(), r.fenix, r.kept, r.attachSeconds * 1e3);
+        if (killedAt_ != 0) {
+          restarted_ = r;
+          restartedAttachAt_ = r.time;
+        }
+      } else if (r.isAttached) {
+        std::printf("[%5.1fs] %s attached to fenix 0x%08x\n", since(), roleName(r.role), r.fenix);
+        if (restartedAttachAt_ != 0 && r.fenix == restarted_.fenix) {
+          reattached_[index] = r.time;
+        }
+      } else {
+        std::printf("[%5.1fs] %s detached\n", since(), roleName(r.role));
+      }
+      break;
+    case Report::ready:
+      std::printf("[%5.1fs] writer ready: %llu records\n", since(),
+                  static_cast<unsigned long long>(r.records));
+      break;
+    case Report::progress:
+      break;
+    case Report::finished:
+      if (r.role == Role::writer) {
+        writerFinal_ = r;
+        std::printf("[%5.1fs] writer stopped: %llu records, validation %s\n", since(),
+                    static_cast<unsigned long long>(r.records), r.valid ? "passed" : "FAILED");
+        Command verify;
+        verify.op = Command::verify;
+        verify.digest = r.digest;
+        for (auto const& c : children_) {
+          if (c->role != Role::writer && c->pid > 0) send(c->commandFd, verify);
+        }
+      } else {
+        readerFinal_[index] = r;
+        if (++finals_ == 2) loop_.stop();
+      }
+      break;
+  }
+}
+
+void Demo::progress() {
+  auto line = [](Report const& r) {
+    char buf[160];
+    if (r.role == Role::writer) {
+      std::snprintf(buf, sizeof buf, "writer %06x %7llu rec %9llu upd", r.fenix & 0xffffff,
+                    static_cast<unsigned long long>(r.records),
+                    static_cast<unsigned long long>(r.operations));
+    } else {
+      std::snprintf(buf, sizeof buf, "%s %s %6.2fM lookups %7llu notif p50 %.0fus",
+                    r.role == Role::direct ? "direct" : "shadow", r.isAttached ? "up" : "--",
+                    double(r.operations) / 1e6, static_cast<unsigned long long>(r.notifications),
+                    r.lagP50);
+    }
+    return std::string(buf);
+  };
+  std::string text;
+  for (auto const& c : children_) {
+    if (c->pid > 0) text += (text.empty() ? "" : " | ") + line(c->last);
+  }
+  std::printf("[%5.1fs] %s\n", since(), text.c_str());
+  std::fflush(stdout);
+  progress_.armIn(1);
+}
+
+void Demo::restartWriter() {
+  oldFenix_ = writer_->last.fenix;
+  updatesBefore_ = writer_->last.operations;
+  std::printf("[%5.1fs] killing the writer (SIGKILL) in the middle of its churn\n", since());
+  killedAt_ = monotonic();
+  stopChild(*writer_);
+  writer_ = &start(Role::writer);
+}
+
+void Demo::stopWriter() {
+  std::printf("[%5.1fs] stopping the writer's churn\n", since());
+  Command stop;
+  send(writer_->commandFd, stop);
+}
+
+void Demo::stopChild(ChildProcess& child) {
+  if (child.pid <= 0) return;
+  ::kill(child.pid, SIGKILL);
+  ::waitpid(child.pid, nullptr, 0);
+  child.pid = -1;
+  child.watch.reset();
+  ::close(child.reportFd);
+  ::close(child.commandFd);
+}
+
+void Demo::reapAll() {
+  for (auto& c : children_) stopChild(*c);
+}
+
+int Demo::run() {
+  loopForSignals = &loop_;
+  start_ = monotonic();
+  std::printf("quarn demo: %u records, %.0f s, writer restart at %.0f s, root %s\n",
+              options_.records, options_.seconds, options_.restartAt, root_.c_str());
+  // The readers start first: they wait for the writer's files to appear.
+  start(Role::direct);
+  start(Role::shadow);
+  writer_ = &start(Role::writer);
+  progress_.armIn(1);
+  restart_.armIn(options_.restartAt);
+  stop_.armIn(options_.seconds);
+  giveUp_.armIn(options_.seconds + 60);
+  loop_.run();
+  loopForSignals = nullptr;
+  double const elapsed = since();
+  reapAll();
+  if (interrupted) {
+    std::printf("\ninterrupted after %.1f s: children stopped, files removed\n", elapsed);
+    return 130;
+  }
+  if (!error_.empty()) {
+    std::printf("FAILED: %s\n", error_.c_str());
+    return 1;
+  }
+  summary();
+  bool const ok = writerFinal_.valid && readerFinal_[1].valid && readerFinal_[2].valid &&
+                  readerFinal_[1].malformed == 0 && readerFinal_[2].malformed == 0;
+  return ok ? 0 : 1;
+}
+
+void Demo::summary() const {
+  double const churnSeconds = options_.seconds - 2;  // roughly: fill and restart excluded
+  std::uint64_t const updates = updatesBefore_ + writerFinal_.operations;
+  std::printf("\n==== summary ====\n");
+  std::printf("records at the end        %llu\n",
+              static_cast<unsigned long long>(writerFinal_.records));
+  std::printf("writer updates            %llu (%.0f per second)\n",
+              static_cast<unsigned long long>(updates), double(updates) / churnSeconds);
+  for (int i = 1; i <= 2; ++i) {
+    Report const& r = readerFinal_[i];
+    std::printf(
+        "%-25s %.2f M lookups (%.2f M per second), %llu notifications, "
+        "%llu malformed copies\n",
+        roleName(Role(i)), double(r.operations) / 1e6,
+        double(r.operations) / 1e6 / options_.seconds,
+        static_cast<unsigned long long>(r.notifications),
+        static_cast<unsigned long long>(r.malformed));
+    std::printf("%-25s notification lag p50 %.0f us, p99 %.0f us, max %.1f ms\n", "", r.lagP50,
+                r.lagP99, r.lagMax / 1e3);
+  }
+  std::printf(
+      "writer restart            fenix 0x%08x -> 0x%08x, %u entries kept, "
+      "back up %.1f ms after SIGKILL\n",
+      oldFenix_, restarted_.fenix, restarted_.kept, (restartedAttachAt_ - killedAt_) * 1e3);
+  for (int i = 1; i <= 2; ++i) {
+    if (reattached_[i] != 0) {
+      std::printf("%-25s re-attached %.1f ms after the writer\n", roleName(Role(i)),
+                  std::max(0.0, reattached_[i] - restartedAttachAt_) * 1e3);
+    } else {
+      std::printf("%-25s stayed attached (same incarnation)\n", roleName(Role(i)));
+    }
+  }
+  std::printf("validation                %s\n", writerFinal_.valid ? "passed" : "FAILED");
+  for (int i = 1; i <= 2; ++i) {
+    std::printf("%-25s %s the writer's final table (%llu entries)\n", roleName(Role(i)),
+                readerFinal_[i].valid ? "matches" : "DIFFERS FROM",
+                static_cast<unsigned long long>(readerFinal_[i].digest.count));
+  }
+}
+
+bool parse(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    std::string const arg = argv[i];
+    if (i + 1 >= argc) return false;
+    double const value = std::atof(argv[++i]);
+    if (arg == "--seconds" && value >= 5) {
+      options.seconds = value;
+    } else if (arg == "--restart-at" && value > 0) {
+      options.restartAt = value;
+    } else if (arg == "--rate" && value >= 0) {
+      options.rate = value;
+    } else if (arg == "--records" && value >= 1000 && value <= 5000000) {
+      options.records = std::uint32_t(value);
+    } else {
+      return false;
+    }
+  }
+  return options.restartAt < options.seconds;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parse(argc, argv, options)) {
+    std::fprintf(stderr, "usage: %s [--seconds S] [--restart-at S] [--rate N] [--records N]\n",
+                 argv[0]);
+    return 2;
+  }
+  char pattern[] = "/dev/shm/quarn-demo-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) {
+    std::perror("mkdtemp");
+    return 1;
+  }
+  std::string const root = pattern;
+  struct sigaction sa {};
+  sa.sa_handler = onSignal;
+  ::sigemptyset(&sa.sa_mask);
+  ::sigaction(SIGINT, &sa, nullptr);
+  ::sigaction(SIGTERM, &sa, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  int status = 1;
+  try {
+    Demo demo(root, options);
+    status = demo.run();
+  } catch (std::exception const& e) {
+    std::fprintf(stderr, "quarn demo: %s\n", e.what());
+  }
+  std::error_code ec;
+  std::filesystem::remove_all(root, ec);
+  return status;
+}
