@@ -61,6 +61,8 @@ class QuarnBase {
   // Counters of a reading back end / of the writer, as text.
   virtual std::string readerCounters() const = 0;
   virtual std::string writerCounters() const = 0;
+  // The last notification sequence written (writer) or consumed (reader); 0 when unknown.
+  virtual std::uint64_t sequence() const { return 0; }
 
   // Writer only (the front refuses them on a reading back end before calling in).
   virtual bool validate() = 0;

@@ -22,13 +22,26 @@ class QuarnMem {
   std::size_t sizeOnDisk() const { return region_->sizeOnDisk(); }
   bool attach(std::size_t bytes) { return region_->attach(bytes); }
   bool resize(std::size_t bytes) { return region_->resize(bytes); }
+  // Replacing a shared file instead of resizing it under readers that map it (a reader touching
+  // a page beyond a shrunk file's end dies of SIGBUS): `stageReplacement` maps a fresh file of
+  // `bytes` under a temporary name in place of the current mapping; once the caller has
+  // formatted it, `commitReplacement` renames it over the file's name. A reader's mapping of the
+  // old file stays valid (that inode is no longer written) until it re-attaches. A local region
+  // is simply resized. Both return false on failure (errno kept); nothing was renamed then.
+  bool stageReplacement(std::size_t bytes);
+  bool commitReplacement();
   void detach() noexcept { region_->detach(); }
   bool remove() noexcept { return region_->remove(); }
   char* base() const noexcept { return region_->base(); }
   std::size_t mappedSize() const noexcept { return region_->mappedSize(); }
 
  private:
+  std::string stagedName() const;
+
   bool local_;
+  std::string rootPath_;
+  std::string fileName_;
+  bool staged_ = false;
   std::unique_ptr<Mem::Region> region_;
 };
 

@@ -72,6 +72,8 @@ class SlotReader {
   std::uint32_t valueSize() const noexcept { return valueSize_; }
   std::uint32_t fenix() const noexcept { return fenix_; }
   std::uint64_t lookasideReads() const noexcept { return lookasideReads_; }
+  // The mapped header (occupancy and configured size); only while attached.
+  SlotTable::Header const* header() const noexcept { return SlotTable::header(mem_.base()); }
   // Range-checked slot address ("SlotReader::Slots::operator[] out-of-range index:").
   char const* slot(std::uint32_t i) const;
 

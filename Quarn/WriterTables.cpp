@@ -38,8 +38,11 @@ bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t init
   // Every table file carries its fenix at offset 12.
   if (!force && existing >= 16 && Mem::Atomics::load32(mem.base() + 12) == fenix) return true;
   if (existing != initialSize) {
-    KIV_TRACE(dh, 5, texts.prefix, "resize from ", existing, " to ", initialSize, " bytes");
-    if (!mem.resize(initialSize)) {
+    // Readers may still map the old file: a new file takes its name once formatted
+    // (attachTableFile commits it), so no reader's page vanishes under it.
+    KIV_TRACE(dh, 5, texts.prefix, "replace ", existing, " bytes by a new file of ", initialSize,
+              " bytes");
+    if (!mem.stageReplacement(initialSize)) {
       std::ostringstream os;
       os << texts.prefix << texts.resizeFailure << initialSize;
       throw Jorv::MemoryResourceException(os.str());

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 
+#include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
 #include "Mem/Atomics.h"
 #include "Quarn/BucketTable.h"
@@ -49,8 +50,9 @@ struct AttachTexts {
 
 // Maps `mem` for a writer and decides between keeping and formatting it: a missing file is
 // created at `initialSize` and formatted; an existing one is kept when its header's fenix (offset
-// 12 of every table file) equals `fenix` and `force` is false, else resized to `initialSize` and
-// re-formatted. Returns true when the contents were kept. Throws Jorv::MemoryResourceException.
+// 12 of every table file) equals `fenix` and `force` is false, else re-formatted at `initialSize`
+// (a file of another size is replaced by a new one, see QuarnMem::stageReplacement).
+// Returns true when the contents were kept. Throws Jorv::MemoryResourceException.
 template <class Format>
 bool attachTableFile(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t initialSize,
                      std::uint32_t fenix, bool force, AttachTexts const& texts, Format&& format);
@@ -153,6 +155,10 @@ bool attachTableFile(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t initialS
                      std::uint32_t fenix, bool force, AttachTexts const& texts, Format&& format) {
   if (attachTableFileImpl(dh, mem, initialSize, fenix, force, texts)) return true;
   format();
+  if (!mem.commitReplacement()) {
+    throw Jorv::MemoryResourceException(std::string(texts.prefix) + texts.resizeFailure +
+                                        std::to_string(initialSize));
+  }
   return false;
 }
 

@@ -98,11 +98,11 @@ class TraceCapture : public Kiv::TraceSink {
     Kiv::traceLevelIs(handle_, -1);
   }
   void write(std::string_view, int, std::string_view text) override { lines_.emplace_back(text); }
-  bool contains(std::string_view needle) const {
-    for (auto const& line : lines_) {
-      if (line.find(needle) != std::string::npos) return true;
-    }
-    return false;
+  bool contains(std::string_view needle) const { return count(needle) > 0; }
+  std::size_t count(std::string_view needle) const {
+    std::size_t n = 0;
+    for (auto const& line : lines_) n += line.find(needle) != std::string::npos;
+    return n;
   }
 
  private:

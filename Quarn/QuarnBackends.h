@@ -1,0 +1,235 @@
+#pragma once
+// The back ends a table front creates for its mode (see Quarn/QuarnBase.h):
+// - `WriterBackend`: the table's single writer; a shared one also owns the writer's end of the
+//   wake-up channel, whose reader count it feeds to the notification queue.
+// - `ReaderBackend`: a direct, lock-free reader of the shared files plus the notification queue
+//   reader; it reports the key of every notified slot to its notifier.
+// - `makeShadowBackend`: the private shadow copy ("shadow", "keyshadow").
+//
+// All run on the owning activity's thread. A notifier must not destroy the table front from
+// inside `onKey`.
+
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "Jorv/Exception.h"
+#include "Jorv/Platform.h"
+#include "Kiv/Activity.h"
+#include "Kiv/Timer.h"
+#include "Mem/Shared.h"
+#include "Quarn/ConquerReader.h"
+#include "Quarn/Exceptions.h"
+#include "Quarn/QuarnBase.h"
+#include "Quarn/QuarnReader.h"
+#include "Quarn/QuarnWriter.h"
+#include "Quarn/Util.h"
+#include "Quarn/WriterKickSm.h"
+
+namespace Quarn {
+
+template <class Key, class Wrapper>
+class WriterBackend final : public QuarnBase<Key, Wrapper> {
+ public:
+  // A shared writer creates its root directory and listens for readers at once; raises
+  // Jorv::Exception when that fails.
+  WriterBackend(Jorv::DebugHandler& dh, std::string const& name, std::uint32_t size, bool isLocal,
+                std::string const& className, std::string const& rootDir, Kiv::Activity& activity)
+      : dh_(dh),
+        kick_(isLocal ? nullptr : makeKick(RootPath(name, rootDir).str(), activity)),
+        writer_(dh, name, size, isLocal, className, kick_.get(), rootDir) {}
+
+  QuarnWriter<Key, Wrapper>& writer() noexcept { return writer_; }
+
+  QuarnType type() const override { return QuarnType::writer; }
+  bool initialize() override {
+    try {
+      writer_.attach();
+      return true;
+    } catch (Jorv::Exception const& e) {
+      KIV_TRACE(dh_, 0, "QuarnWriter::attach() failed: ", e.what());
+      return false;
+    }
+  }
+  // The files stay for the next writer; this object is dropped by its front.
+  void detach() override {}
+  bool fullyAttached() const override { return true; }
+  std::uint32_t fenixId() const override { return writer_.fenix(); }
+  Wrapper lookup(Key const& key, bool& found) override { return writer_.lookup(key, found); }
+  bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) override {
+    return writer_.first(bucket, out, hint);
+  }
+  bool next(Key const& key, Wrapper& out, IterHint& hint) override {
+    return writer_.next(key, out, hint);
+  }
+  std::uint32_t members() const override { return writer_.size(); }
+  std::uint32_t maxSize() const override { return writer_.slots().tableSize(); }
+  std::uint32_t capacity() const override { return writer_.capacity(); }
+  std::string mountStatus() const override { return writer_.mountStatus(); }
+  std::string readerCounters() const override { return {}; }
+  std::string writerCounters() const override { return writer_.writerCounters().str(); }
+  std::uint64_t sequence() const override { return writer_.conquer().sequence(); }
+  bool validate() override { return writer_.validate(); }
+  bool validateFiles() override { return writer_.validateFiles(); }
+  void cleanup() override { writer_.cleanup(); }
+
+ private:
+  std::unique_ptr<WriterKickSm> makeKick(std::string const& rootPath, Kiv::Activity& activity) {
+    if (!Mem::makeDirs(rootPath)) {
+      throw Jorv::RuntimeException("WriterBackend() cannot create " + rootPath);
+    }
+    // The writer is constructed after the channel; the handlers run later, on the activity.
+    return std::make_unique<WriterKickSm>(
+        rootPath, [this] { return writer_.conquer().sequence(); },
+        [this](std::uint32_t) { writer_.conquer().updateNumReaders(); }, activity);
+  }
+
+  Jorv::DebugHandler& dh_;
+  std::unique_ptr<WriterKickSm> kick_;
+  mutable QuarnWriter<Key, Wrapper> writer_;  // its read accessors are not const
+};
+
+template <class Key, class Wrapper>
+class ReaderBackend final : public QuarnBase<Key, Wrapper> {
+ public:
+  using CorruptionHandler = std::function<void(std::string const& text)>;
+
+  ReaderBackend(Jorv::DebugHandler& dh, std::string const& rootPath, KeyNotifier<Key>& notifier,
+                CorruptionHandler onCorruption, Kiv::Activity& activity)
+      : dh_(dh),
+        notifier_(notifier),
+        onCorruption_(std::move(onCorruption)),
+        reader_(dh, rootPath),
+        conquer_(dh, rootPath, &activity, [this] { drain(); }),
+        more_([this] { drain(); }, activity) {}
+
+  QuarnType type() const override { return QuarnType::reader; }
+
+  // Attaches to the incarnation named by the fenix file, reports every key it holds (a
+  // re-attach may follow a new writer whose entries differ), then follows the queue.
+  bool initialize() override {
+    std::string const& root = reader_.rootPath();
+    std::uint32_t const fenix = FenixFile::read(root);
+    std::string error;
+    if (fenix == 0) {
+      error = "QuarnReader::initialize() no fenix in " + root;
+    } else if (reader_.initialize(fenix, error) && conquer_.initialize(fenix, error)) {
+      reportAll();
+      drain();
+      return reader_.attached();
+    }
+    KIV_TRACE(dh_, 3, error);
+    detach();
+    return false;
+  }
+  void detach() override {
+    more_.cancel();
+    conquer_.detach();
+    reader_.detach();
+  }
+  bool fullyAttached() const override { return reader_.attached(); }
+  std::uint32_t fenixId() const override { return reader_.attached() ? reader_.fenix() : 0; }
+  Wrapper lookup(Key const& key, bool& found) override { return reader_.doLookup(key, found); }
+  bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) override {
+    return reader_.first(bucket, out, hint);
+  }
+  bool next(Key const& key, Wrapper& out, IterHint& hint) override {
+    return reader_.doNext(key, out, hint);
+  }
+  std::uint32_t members() const override { return headerField(&SlotTable::Header::occupiedSlots); }
+  std::uint32_t maxSize() const override { return headerField(&SlotTable::Header::tableSize); }
+  std::uint32_t capacity() const override { return reader_.numSlots(); }
+  std::string mountStatus() const override {
+    std::ostringstream os;
+    os << "reader " << reader_.rootPath() << " fenix:" << fenixId() << " slots:" << capacity()
+       << " sequence:" << conquer_.lastSequence()
+       << " connected:" << (conquer_.kick() != nullptr && conquer_.kick()->connected());
+    return os.str();
+  }
+  std::string readerCounters() const override {
+    std::ostringstream os;
+    os << "lookasideReads:" << reader_.slots().lookasideReads() << " notifications:" << notified_
+       << " lastSequence:" << conquer_.lastSequence() << " resyncs:" << resyncs_;
+    return os.str();
+  }
+  std::string writerCounters() const override { return {}; }
+  std::uint64_t sequence() const override { return conquer_.lastSequence(); }
+  bool validate() override { return false; }
+  bool validateFiles() override { return false; }
+  void cleanup() override {}
+  void yieldTimeIs(double seconds) override { conquer_.yieldTimeIs(seconds); }
+  void sampleIs(std::uint32_t sample) override { conquer_.sampleIs(sample); }
+
+  // Lets the wake-up channel try at once (the writer's files just appeared).
+  void connectNow() {
+    if (conquer_.kick() != nullptr && !conquer_.kick()->connected()) conquer_.kick()->connectNow();
+  }
+
+ private:
+  std::uint32_t headerField(std::uint32_t const SlotTable::Header::*field) const {
+    if (!reader_.attached()) return 0;
+    SlotTable::Header const* h = reader_.slots().header();
+    return h->load(h->*field);
+  }
+
+  void reportAll() {
+    Wrapper w;
+    IterHint hint;
+    for (bool more = reader_.first(0, w, hint); more; more = reader_.doNext(w.key, w, hint)) {
+      notifier_.onKey(w.key);
+    }
+  }
+
+  // Reports the key of a notified slot: the key stays in a freed slot, so removals are reported
+  // too (the notifier looks the key up to learn which).
+  void onSlot(std::uint32_t i) {
+    SlotReader& slots = reader_.slots();
+    if (i >= slots.numSlots() && !slots.doResize()) return;
+    Wrapper w;
+    slots.readValue(slots.slot(i), &w, sizeof w);
+    ++notified_;
+    notifier_.onKey(w.key);
+  }
+
+  // Consumes the queue (bounded by the yield time; the rest is continued from a timer). A
+  // reader that fell behind a prune re-reports the whole table.
+  void drain() {
+    if (!reader_.attached()) return;
+    try {
+      conquer_.conquer([this](std::uint32_t i) { onSlot(i); });
+      if (conquer_.outOfSync()) {
+        conquer_.outOfSyncIs(false);
+        ++resyncs_;
+        KIV_TRACE(dh_, 3, "QuarnReader out of sync with the notification queue, re-reporting ",
+                  reader_.rootPath());
+        reportAll();
+      }
+      if (!conquer_.drained() && !more_.armed()) more_.armIn(0);
+    } catch (CorruptionDetectedException const& e) {
+      onCorruption_(e.what());
+    }
+  }
+
+  Jorv::DebugHandler& dh_;
+  KeyNotifier<Key>& notifier_;
+  CorruptionHandler onCorruption_;
+  mutable QuarnReader<Key, Wrapper> reader_;  // its read accessors are not const
+  ConquerReader conquer_;
+  Kiv::Timer more_;
+  std::uint64_t notified_ = 0;
+  std::uint64_t resyncs_ = 0;
+};
+
+// The shadow copy for `mode` (shadow or keyshadow) of the table in `rootPath`; nullptr while no
+// shadow back end is available in this build.
+template <class Key, class Wrapper>
+std::unique_ptr<QuarnBase<Key, Wrapper>> makeShadowBackend(Jorv::DebugHandler& /*dh*/,
+                                                           std::string const& /*rootPath*/,
+                                                           QuarnType /*mode*/,
+                                                           KeyNotifier<Key>& /*notifier*/,
+                                                           Kiv::Activity& /*activity*/) {
+  return nullptr;
+}
+
+}  // namespace Quarn

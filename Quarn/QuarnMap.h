@@ -1,0 +1,443 @@
+#pragma once
+// The one handle to a table: given a name and a mode ("writer", "shadow", "reader",
+// "keyshadow"), local or shared, it creates the matching back end and keeps it mounted.
+//
+// - Writer: the back end is the table's writer from `init` on. A shared writer also listens for
+//   readers on the wake-up channel and watches its root directory for readers' corruption
+//   reports (WriterMounter).
+// - Reading modes: the back end starts as the placeholder (every lookup finds nothing); the
+//   ReaderMounter attaches when the writer's files appear and re-attaches when the writer starts
+//   a new incarnation, retrying on a timer while it cannot.
+// - Writes go through `safeWrite`, `safeRemove`, `directWrite`/`directCommit`: corruption met by
+//   the writer is reported (`corruptionDetected`) and ends the operation with
+//   Jorv::RuntimeException "QuarnMap::<op>() in no man's land"; TableFullException passes through.
+//   Corruption met by a lookup or iteration is reported and answered as "nothing found"; a
+//   reading table's report goes to the writer through the corruption file.
+// - Operations that change or check the files are refused on a reading table; every refusal and
+//   every failed `init` leaves the map as it was.
+//
+// `Notifier` is a KeyNotifier<Key> or any type with `onKey(Key const&)`; it hears the keys that
+// a reading back end reports as changed. Single-threaded: the map, its mounters and its back end
+// run on the activity given at construction.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Jorv/Exception.h"
+#include "Jorv/Platform.h"
+#include "Kiv/Activity.h"
+#include "Quarn/Exceptions.h"
+#include "Quarn/QuarnBackends.h"
+#include "Quarn/QuarnBase.h"
+#include "Quarn/QuarnBaseDummy.h"
+#include "Quarn/ReaderMounter.h"
+#include "Quarn/Util.h"
+#include "Quarn/WriterMounter.h"
+
+namespace Quarn {
+
+// "Quarn-" + the low 16 bits of hash(name) as four lowercase hex digits + "-" + name + "-" +
+// the mode word.
+std::string quarnDebugHandlerName(std::string_view name, QuarnType mode);
+// The process id recorded in a table's "last-owner" file; 0 when none.
+std::uint32_t quarnLastOwner(std::string const& rootPath);
+
+template <class Key, class Wrapper, class Notifier = KeyNotifier<Key>>
+class QuarnMap {
+ public:
+  // `rootDir` holds the table directories (empty: Mem::defaultRootDir()).
+  explicit QuarnMap(std::string name, Notifier* notifier = nullptr, std::string rootDir = {},
+                    Kiv::Activity& activity = Kiv::Activity::current())
+      : name_(std::move(name)),
+        rootDir_(std::move(rootDir)),
+        root_(name_, rootDir_),
+        activity_(activity),
+        notifier_(notifier),
+        dh_(&Jorv::Platform::getDebugHandler("Quarn/QuarnMap")),
+        backend_(std::make_unique<QuarnBaseDummy<Key, Wrapper>>(*dh_, QuarnType::writer)) {}
+  QuarnMap(QuarnMap const&) = delete;
+  QuarnMap& operator=(QuarnMap const&) = delete;
+
+  virtual std::string readerCounters() const {
+    if (initialized_ && mode_ == QuarnType::writer) {
+      throw Jorv::Exception("readerCounters() not implemented");
+    }
+    return backend_->readerCounters();
+  }
+  virtual std::string writerCounters() const {
+    if (mode_ != QuarnType::writer) throw Jorv::Exception("writerCounters() not implemented");
+    return backend_->writerCounters();
+  }
+  virtual void init(QuarnType mode, bool isLocal, unsigned size);
+  // Removes the table's files; the writer goes with them (later writes are refused).
+  virtual void cleanup() {
+    refuseUnlessWriter("cleanup to read-only Quarn table");
+    backend_->cleanup();
+    detach();
+  }
+  virtual std::string rootPath() const { return root_.str(); }
+  virtual std::string quarnName() const { return name_; }
+  virtual bool validate() {
+    refuseUnlessWriter("validate to read-only Quarn table");
+    return guardedRead([&] { return backend_->validate(); }, false);
+  }
+  virtual bool validateFiles() {
+    KIV_TRACE(*dh_, 5, "QuarnMap::validateFiles() ", name_);
+    refuseUnlessWriter("validateFiles to read-only Quarn table");
+    return backend_->validateFiles();
+  }
+  virtual std::string mountStatus() const {
+    return "QuarnMap " + name_ + " " + quarnTypeWord(mode_) + (mounted_ ? " " : " unmounted ") +
+           backend_->mountStatus();
+  }
+  virtual std::uint64_t sequence() const { return backend_->sequence(); }
+  virtual std::uint32_t fenixId() const { return backend_->fenixId(); }
+  virtual std::uint32_t owner() const { return quarnLastOwner(root_.str()); }
+  // Detaches and stops mounting: the table stays unmounted until `attach()` is called.
+  virtual void controlDetach();
+  // The size the table was initialised with.
+  virtual std::uint32_t resize() const { return size_; }
+  virtual std::uint32_t maxSize() const { return backend_->maxSize(); }
+  virtual std::uint32_t capacity() const { return backend_->capacity(); }
+  virtual void notifying(bool on) const;
+  virtual void yieldTimeIs(double const& seconds) const;
+  virtual void sampleIs(unsigned sample) const;
+  virtual ~QuarnMap();
+
+  void attach();
+  void detach();
+  void handleDisconnect();
+
+  Wrapper const* safeWrite(Wrapper const& value) {
+    auto& w = writerOrRefuse("write to read-only Quarn table");
+    return guardedWrite("safeWrite", [&] { return w.write(value); });
+  }
+  bool safeRemove(Key const& key, Wrapper& out) {
+    auto& w = writerOrRefuse("remove to read-only Quarn table");
+    return guardedWrite("safeRemove", [&] { return w.remove(key, out); });
+  }
+  bool safeRemove(Key const& key) {
+    Wrapper out;
+    return safeRemove(key, out);
+  }
+  Wrapper* directWrite(Key const& key) {
+    auto& w = writerOrRefuse("write to read-only Quarn table");
+    return guardedWrite("directWrite", [&] { return w.directWrite(key); });
+  }
+  void directCommit() {
+    auto& w = writerOrRefuse("write to read-only Quarn table");
+    guardedWrite("directCommit", [&] { w.directCommit(); });
+  }
+
+  Wrapper safeLookup(Key const& key, bool& found) const {
+    found = false;
+    return guardedRead([&] { return backend_->lookup(key, found); }, Wrapper{});
+  }
+  bool first(Wrapper& out, IterHint& hint) const {
+    return guardedRead([&] { return backend_->first(0, out, hint); }, false);
+  }
+  bool next(Key const& key, Wrapper& out, IterHint& hint) const {
+    return guardedRead([&] { return backend_->next(key, out, hint); }, false);
+  }
+  std::uint32_t members() const { return backend_->members(); }
+
+  // Reports corruption met while using the table; a reading table records it for the writer.
+  void corruptionDetected(std::string const& text) const;
+
+  bool initialized() const noexcept { return initialized_; }
+  QuarnType mode() const noexcept { return mode_; }
+  bool isLocal() const noexcept { return local_; }
+  // A live back end (not the placeholder) is installed.
+  bool mounted() const noexcept { return mounted_; }
+  bool fullyAttached() const { return mounted_ && backend_->fullyAttached(); }
+  bool notificationsOn() const noexcept { return notifying_; }
+  Notifier* notifier() const noexcept { return notifier_; }
+  void notifierIs(Notifier* notifier) noexcept { notifier_ = notifier; }
+  Jorv::DebugHandler& debugHandler() const noexcept { return *dh_; }
+  ReaderMounter* readerMounter() const noexcept { return readerMounter_.get(); }
+  std::uint32_t remountTimeouts() const {
+    return readerMounter_ ? readerMounter_->remountTimeouts() : 0;
+  }
+  // The remount timer's interval for mounters created from now on (tests shorten it).
+  void remountIntervalIs(double seconds) noexcept { remountInterval_ = seconds; }
+
+ private:
+  using Base = QuarnBase<Key, Wrapper>;
+  using Dummy = QuarnBaseDummy<Key, Wrapper>;
+  using Writer = QuarnWriter<Key, Wrapper>;
+
+  // Hands keys from the back end to the notifier while notifications are on.
+  struct Forward final : KeyNotifier<Key> {
+    explicit Forward(QuarnMap& map) : map(map) {}
+    void onKey(Key const& key) override {
+      if (map.notifier_ != nullptr && map.notifying_) map.notifier_->onKey(key);
+    }
+    QuarnMap& map;
+  };
+  // The map as its reader mounter sees it.
+  struct Mount final : ReaderMounter::Table {
+    explicit Mount(QuarnMap& map) : map(map) {}
+    bool notifyingOn() const override { return map.notifying_; }
+    std::uint32_t mountedFenix() const override { return map.backend_->fenixId(); }
+    bool mounted() const override { return map.mounted_; }
+    bool fullyAttached() const override { return map.fullyAttached(); }
+    void unmount() override { map.detach(); }
+    void mount() override { map.attach(); }
+    void wake() override {
+      if (auto* r = dynamic_cast<ReaderBackend<Key, Wrapper>*>(map.backend_.get())) r->connectNow();
+    }
+    QuarnMap& map;
+  };
+
+  bool readingMode(QuarnType mode) const noexcept {
+    return mode == QuarnType::shadow || mode == QuarnType::reader || mode == QuarnType::keyshadow;
+  }
+  void refuseUnlessWriter(char const* message) const {
+    if (!initialized_ || mode_ != QuarnType::writer) throw Jorv::Exception(message);
+  }
+  Writer& writerOrRefuse(char const* message) {
+    refuseUnlessWriter(message);
+    if (writer_ == nullptr) {
+      throw Jorv::RuntimeException("QuarnMap: table " + name_ + " is detached");
+    }
+    return writer_->writer();
+  }
+  template <class F>
+  decltype(auto) guardedWrite(char const* op, F&& f) {
+    try {
+      return f();
+    } catch (CorruptionDetectedException const& e) {
+      corruptionDetected(e.what());
+      throw Jorv::RuntimeException(std::string("QuarnMap::") + op + "() in no man's land");
+    }
+  }
+  template <class F, class R>
+  R guardedRead(F&& f, R empty) const {
+    try {
+      return f();
+    } catch (CorruptionDetectedException const& e) {
+      corruptionDetected(e.what());
+      return empty;
+    }
+  }
+  void install(std::unique_ptr<Base> backend, bool live);
+  void applyControls() const {
+    backend_->notifying(notifying_);
+    if (yieldTime_ >= 0) backend_->yieldTimeIs(yieldTime_);
+    if (sample_ != 0) backend_->sampleIs(sample_);
+  }
+
+  std::string name_;
+  std::string rootDir_;
+  RootPath root_;
+  Kiv::Activity& activity_;
+  Notifier* notifier_;
+  Forward forward_{*this};
+  Mount mount_{*this};
+  Jorv::DebugHandler* dh_;
+  bool initialized_ = false;
+  QuarnType mode_ = QuarnType::writer;
+  bool local_ = false;
+  std::uint32_t size_ = 0;
+  bool mounted_ = false;
+  mutable bool notifying_ = true;
+  mutable double yieldTime_ = -1;  // < 0: the back end's default
+  mutable std::uint32_t sample_ = 0;
+  double remountInterval_ = ReaderMounter::defaultRemountInterval;
+  std::unique_ptr<Base> backend_;
+  WriterBackend<Key, Wrapper>* writer_ = nullptr;  // backend_ while it is the writer
+  std::unique_ptr<WriterMounter> writerMounter_;
+  std::unique_ptr<ReaderMounter> readerMounter_;  // last: it calls into everything above
+};
+
+// ---- implementation
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::install(std::unique_ptr<Base> backend, bool live) {
+  backend_ = std::move(backend);
+  mounted_ = live;
+  writer_ = live ? dynamic_cast<WriterBackend<Key, Wrapper>*>(backend_.get()) : nullptr;
+  applyControls();
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::init(QuarnType mode, bool isLocal, unsigned size) {
+  std::string const word = quarnTypeWord(mode);
+  KIV_TRACE(*dh_, 3, "QuarnMap::init() name:", name_, " mode:", word, " isLocal:", isLocal,
+            " size:", size);
+  if (initialized_) {
+    std::string const text = "QuarnMap::init() name: " + name_ +
+                             " already initialized with mode: " + quarnTypeWord(mode_) +
+                             " size: " + std::to_string(size_) +
+                             " local: " + (local_ ? "true" : "false");
+    KIV_TRACE(*dh_, 3, text);
+    if (mode == mode_ && isLocal == local_ && (mode != QuarnType::writer || size == size_)) return;
+    throw Jorv::InvalidInitializeException(text);
+  }
+  if (mode == QuarnType::writer && size == 0) {
+    throw Jorv::Exception("QuarnMap::init() 0 is not a valid initialization size for collection " +
+                          name_ + " in writer mode");
+  }
+  if (mode != QuarnType::writer && !readingMode(mode)) {
+    throw Jorv::Exception("QuarnMap::init() not a valid reader type:" + word);
+  }
+  Jorv::DebugHandler& dh = Jorv::Platform::getDebugHandler(quarnDebugHandlerName(name_, mode));
+  if (readingMode(mode)) {
+    // Fields first: the mounter's first event (from the activity) reads them.
+    dh_ = &dh;
+    mode_ = mode;
+    local_ = isLocal;
+    size_ = size;
+    install(std::make_unique<Dummy>(dh, mode), false);
+    try {
+      readerMounter_ = std::make_unique<ReaderMounter>(dh, name_, root_.str(), word, mount_,
+                                                       remountInterval_, activity_);
+    } catch (Jorv::Exception const& e) {
+      KIV_TRACE(dh, 0, "ReaderMounter unable to initialize mounterSm ", e.what());
+      dh_ = &Jorv::Platform::getDebugHandler("Quarn/QuarnMap");
+      mode_ = QuarnType::writer;
+      local_ = false;
+      size_ = 0;
+      install(std::make_unique<Dummy>(*dh_, QuarnType::writer), false);
+      throw Jorv::RuntimeException("ReaderMounter unable to initialize mounterSm");
+    }
+    initialized_ = true;
+    return;
+  }
+  std::unique_ptr<WriterBackend<Key, Wrapper>> writer;
+  try {
+    writer = std::make_unique<WriterBackend<Key, Wrapper>>(
+        dh, name_, size, isLocal, Jorv::typeName<Wrapper>(), rootDir_, activity_);
+    if (!writer->initialize()) writer.reset();
+  } catch (Jorv::Exception const& e) {
+    KIV_TRACE(dh, 0, "QuarnMap::init() ", name_, ": ", e.what());
+    writer.reset();
+  }
+  if (writer == nullptr)
+    throw Jorv::RuntimeException("QuarnMap::init() failed to initialize collection");
+  std::unique_ptr<WriterMounter> mounter;
+  if (!isLocal) {
+    auto* w = &writer->writer();
+    try {
+      mounter = std::make_unique<WriterMounter>(
+          dh, root_.str(), [w] { return w->validate(); }, [w] { return w->fenix(); }, activity_);
+    } catch (Jorv::Exception const& e) {
+      KIV_TRACE(dh, 0, "WriterMounter::WriterMounter() ", e.what());
+      throw Jorv::RuntimeException(
+          "WriterMounter::WriterMounter() unable to initialize mounterSm for rootPath: " +
+          root_.str());
+    }
+  }
+  dh_ = &dh;
+  mode_ = mode;
+  local_ = isLocal;
+  size_ = size;
+  install(std::move(writer), true);
+  writerMounter_ = std::move(mounter);
+  initialized_ = true;
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::attach() {
+  if (!initialized_) {
+    KIV_TRACE(*dh_, 3, "QuarnMap::attach() ", name_, " not initialized");
+    return;
+  }
+  if (mode_ == QuarnType::writer) {
+    KIV_TRACE(*dh_, 3, "QuarnMap::attach() invoked for a writer");
+    return;
+  }
+  if (mode_ != QuarnType::reader && notifier_ == nullptr) {
+    KIV_TRACE(*dh_, 1, "QuarnMap::attach() notify not set");
+    return;
+  }
+  if (mounted_) detach();
+  std::unique_ptr<Base> backend;
+  if (mode_ == QuarnType::reader) {
+    backend = std::make_unique<ReaderBackend<Key, Wrapper>>(
+        *dh_, root_.str(), forward_, [this](std::string const& text) { corruptionDetected(text); },
+        activity_);
+  } else {
+    backend = makeShadowBackend<Key, Wrapper>(*dh_, root_.str(), mode_, forward_, activity_);
+  }
+  KIV_TRACE(*dh_, 3, "QuarnMap::attach() attempting to attach ", name_, " as ",
+            quarnTypeWord(mode_));
+  if (backend != nullptr) backend->notifying(notifying_);
+  if (backend == nullptr || !backend->initialize()) {
+    KIV_TRACE(*dh_, 1, "QuarnMap::attach() initialize failed for ", name_);
+    return;
+  }
+  KIV_TRACE(*dh_, 3, "QuarnMap::attach() successful");
+  install(std::move(backend), true);
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::detach() {
+  if (!mounted_) {
+    KIV_TRACE(*dh_, 5, "QuarnMap::detach()");
+    return;
+  }
+  KIV_TRACE(*dh_, 3, "QuarnMap::detach() ", name_, " fenixId:", backend_->fenixId());
+  backend_->detach();
+  writerMounter_.reset();  // validates through the writer that goes now
+  install(std::make_unique<Dummy>(*dh_, mode_), false);
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::controlDetach() {
+  KIV_TRACE(*dh_, 3, "QuarnMap::controlDetach() ", name_);
+  readerMounter_.reset();
+  detach();
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::handleDisconnect() {
+  if (readerMounter_ == nullptr) {
+    KIV_TRACE(*dh_, 1, "ReaderMounter::handleDisconnect() wrong type:", quarnTypeWord(mode_));
+    return;
+  }
+  readerMounter_->handleDisconnect();
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::corruptionDetected(std::string const& text) const {
+  KIV_TRACE(*dh_, 1, "QuarnMap::corruptionDetected() ", text);
+  if (initialized_ && mode_ != QuarnType::writer) Util::writeCorruptionFile(root_.str(), text);
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::notifying(bool on) const {
+  KIV_TRACE(*dh_, 3, "QuarnMap::notifying() ", name_, " notifying:", on);
+  if (on) KIV_TRACE(*dh_, 3, "Notifications enabled");
+  bool const was = notifying_;
+  notifying_ = on;
+  backend_->notifying(on);
+  // Mounter events were ignored meanwhile: look again.
+  if (on && !was && readerMounter_ != nullptr) readerMounter_->notify("notifications-enabled");
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::yieldTimeIs(double const& seconds) const {
+  KIV_TRACE(*dh_, 3, "QuarnMap::yieldTimeIs() ", name_, " yieldTime:", seconds);
+  yieldTime_ = seconds;
+  backend_->yieldTimeIs(seconds);
+}
+
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::sampleIs(unsigned sample) const {
+  KIV_TRACE(*dh_, 3, "QuarnMap::sampleIs() ", name_, " sample:", sample);
+  sample_ = sample;
+  backend_->sampleIs(sample);
+}
+
+template <class Key, class Wrapper, class Notifier>
+QuarnMap<Key, Wrapper, Notifier>::~QuarnMap() {
+  KIV_TRACE(*dh_, 3, "QuarnMap::~QuarnMap() deleting state");
+  readerMounter_.reset();
+  writerMounter_.reset();
+  backend_->detach();
+}
+
+}  // namespace Quarn

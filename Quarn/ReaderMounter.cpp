@@ -1,0 +1,73 @@
+#include "Quarn/ReaderMounter.h"
+
+#include "Quarn/Util.h"
+
+namespace Quarn {
+
+ReaderMounter::ReaderMounter(Jorv::DebugHandler& dh, std::string name, std::string rootPath,
+                             std::string modeWord, Table& table, double remountInterval,
+                             Kiv::Activity& activity)
+    : dh_(dh),
+      name_(std::move(name)),
+      rootPath_(std::move(rootPath)),
+      modeWord_(std::move(modeWord)),
+      table_(table),
+      interval_(remountInterval),
+      timer_([this] { timeout(); }, activity),
+      sm_(std::make_unique<MounterSm>(
+          rootPath_, [this](std::string const& event) { notify(event); }, activity)) {
+  timer_.armIn(interval_);
+}
+
+void ReaderMounter::notify(std::string const& eventName) {
+  ++events_;
+  KIV_TRACE(dh_, 5, "ReaderMounter::notify() ", name_, " events:", events_,
+            " eventName: ", eventName);
+  if (!table_.notifyingOn()) {
+    KIV_TRACE(dh_, 3, "ReaderMounter::notify() ignoring notify because ",
+              "quarnMap notifications are off.");
+    return;
+  }
+  if (eventName != "corruption-detected") {
+    std::uint32_t const fenix = FenixFile::read(rootPath_);
+    std::uint32_t const mounted = table_.mountedFenix();
+    KIV_TRACE(dh_, 5, "QuarnMap::ReaderMounter::notify() eventName: ", eventName,
+              " fenixId: ", fenix, " quarnMap.fenixId: ", mounted, " mode: ", modeWord_);
+    if (table_.mounted() && fenix == mounted && fenix != 0) {
+      table_.wake();
+    } else {
+      if (table_.mounted()) table_.unmount();
+      table_.mount();
+    }
+  }
+  settle();
+}
+
+void ReaderMounter::settle() {
+  if (table_.fullyAttached()) {
+    timer_.cancel();
+    if (timeouts_ > 0) {
+      KIV_TRACE(dh_, 3, "CANARY: ", name_, " ReaderMounter::timeout() remounted after ", timeouts_,
+                " timeouts");
+      timeouts_ = 0;
+    }
+  } else if (!timer_.armed()) {
+    KIV_TRACE(dh_, 5, "QuarnMap::ReaderMounter::notify() arming remount timer");
+    timer_.armIn(interval_);
+  }
+}
+
+void ReaderMounter::timeout() {
+  if (++timeouts_ == 1) {
+    KIV_TRACE(dh_, 3, "ReaderMounter::timeout() start retrying to mount ", name_,
+              ". This message can be safely ignored if the writer is not running.");
+  }
+  notify("remount timeout");
+}
+
+void ReaderMounter::handleDisconnect() {
+  if (table_.mounted()) table_.unmount();
+  notify("disconnect");
+}
+
+}  // namespace Quarn

@@ -1,0 +1,31 @@
+#include "Quarn/WriterMounter.h"
+
+#include "Quarn/Exceptions.h"
+#include "Quarn/Util.h"
+
+namespace Quarn {
+
+WriterMounter::WriterMounter(Jorv::DebugHandler& dh, std::string rootPath, Validate validate,
+                             Fenix fenix, Kiv::Activity& activity)
+    : dh_(dh),
+      rootPath_(std::move(rootPath)),
+      validate_(std::move(validate)),
+      fenix_(std::move(fenix)),
+      sm_(std::make_unique<MounterSm>(
+          rootPath_, [this](std::string const& event) { notify(event); }, activity)) {}
+
+void WriterMounter::notify(std::string const& eventName) {
+  KIV_TRACE(dh_, 8, "WriterMounter::notify() eventName: ", eventName);
+  std::string const report = Util::fileRead(rootPath_ + "/corruption-detected");
+  if (report.empty() || report == lastReport_) return;
+  KIV_TRACE(dh_, 1, "WriterMounter::notify() corruptDetected: ", report);
+  lastReport_ = report;
+  if (!validate_()) {
+    KIV_TRACE(dh_, 0, "WriterMounter::notify() failed quarn validation");
+    throw CorruptionDetectedException("WriterMounter::notify() failed quarn validation");
+  }
+  FenixFile::write(rootPath_, fenix_());
+  KIV_TRACE(dh_, 3, "WriterMounter::notify() quarn validation ok");
+}
+
+}  // namespace Quarn

@@ -1,0 +1,272 @@
+// The table front in one process: init checks, the writer's safe operations and refusals, and a
+// reader that mounts, follows notifications and re-mounts as writers come and go.
+
+#include "Quarn/QuarnMap.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <filesystem>
+
+#include "Quarn/Util.h"
+#include "QuarnMapFixture.h"
+
+using namespace QuarnTest;
+using Quarn::QuarnType;
+
+namespace {
+
+template <class F>
+std::string failure(F&& f) {
+  try {
+    f();
+  } catch (Jorv::Exception const& e) {
+    return e.what();
+  }
+  return "no exception";
+}
+
+TEST_F(QuarnMapFixture, InitRefusesBadParametersAndLeavesTheMapAsItWas) {
+  Map m(table, &recorder, tmp.path(), activity);
+  EXPECT_EQ(
+      failure([&] { m.init(QuarnType::writer, false, 0); }),
+      "QuarnMap::init() 0 is not a valid initialization size for collection t in writer mode");
+  EXPECT_EQ(failure([&] { m.init(QuarnType(7), false, 10); }),
+            "QuarnMap::init() not a valid reader type:7");
+  EXPECT_FALSE(m.initialized());
+  EXPECT_FALSE(std::filesystem::exists(root()));
+
+  m.init(QuarnType::writer, true, 10);
+  EXPECT_TRUE(m.initialized());
+  m.init(QuarnType::writer, true, 10);  // same parameters: harmless
+  EXPECT_TRUE(
+      trace.contains("QuarnMap::init() name: t already initialized with mode: writer "
+                     "size: 10 local: true"));
+  EXPECT_NE(failure([&] { m.init(QuarnType::writer, true, 20); }).find("already initialized"),
+            std::string::npos);
+  EXPECT_NE(failure([&] { m.init(QuarnType::reader, true, 10); }).find("already initialized"),
+            std::string::npos);
+  EXPECT_EQ(m.mode(), QuarnType::writer);
+  EXPECT_EQ(m.resize(), 10u);
+}
+
+TEST(QuarnMapNames, DebugHandlerIsNamedAfterHashTableAndMode) {
+  char hash[8];
+  std::snprintf(hash, sizeof hash, "%04x", Quarn::Util::hash("group") & 0xffffu);
+  EXPECT_EQ(Quarn::quarnDebugHandlerName("group", QuarnType::keyshadow),
+            std::string("Quarn-") + hash + "-group-keyshadow");
+  QuarnTest::TempRoot tmp;
+  Quarn::QuarnMap<TestKey, TestWrapper> m("group", nullptr, tmp.path());
+  m.init(QuarnType::writer, true, 5);
+  EXPECT_EQ(m.debugHandler().name(), std::string("Quarn-") + hash + "-group-writer");
+}
+
+TEST_F(QuarnMapFixture, LocalWriterWritesIteratesAndRefusesReaderOperations) {
+  {
+    auto m = map(QuarnType::writer, true);
+    for (std::uint32_t i = 0; i < 3; ++i) m->safeWrite(record(1, i, 10 + i));
+    TestWrapper* w = m->directWrite(TestKey{7, 2});
+    w->value = 77;
+    m->directCommit();
+    bool found = false;
+    EXPECT_EQ(m->safeLookup(TestKey{7, 2}, found).value, 77u);
+    EXPECT_TRUE(found);
+    EXPECT_TRUE(m->safeRemove(TestKey{0, 1}));
+    EXPECT_FALSE(m->safeRemove(TestKey{0, 1}));
+    std::uint32_t seen = 0;
+    TestWrapper out;
+    Quarn::IterHint hint;
+    for (bool more = m->first(out, hint); more; more = m->next(out.key, out, hint)) ++seen;
+    EXPECT_EQ(seen, 3u);
+    EXPECT_EQ(m->members(), 3u);
+    EXPECT_NE(m->writerCounters().find("writes:4"), std::string::npos);
+    EXPECT_EQ(failure([&] { m->readerCounters(); }), "readerCounters() not implemented");
+    EXPECT_TRUE(m->validate());
+    EXPECT_TRUE(m->validateFiles());
+    m->attach();
+    EXPECT_TRUE(trace.contains("QuarnMap::attach() invoked for a writer"));
+    EXPECT_FALSE(std::filesystem::exists(root()));  // local: no files
+  }
+  EXPECT_TRUE(trace.contains("QuarnMap::~QuarnMap() deleting state"));
+}
+
+TEST_F(QuarnMapFixture, ReadingTableRefusesEverythingThatChangesOrChecksFiles) {
+  for (QuarnType mode : {QuarnType::reader, QuarnType::shadow, QuarnType::keyshadow}) {
+    auto m = map(mode);
+    EXPECT_EQ(failure([&] { m->safeWrite(record(1, 1, 1)); }), "write to read-only Quarn table");
+    EXPECT_EQ(failure([&] { m->directWrite(TestKey{1, 1}); }), "write to read-only Quarn table");
+    EXPECT_EQ(failure([&] { m->safeRemove(TestKey{1, 1}); }), "remove to read-only Quarn table");
+    EXPECT_EQ(failure([&] { m->validate(); }), "validate to read-only Quarn table");
+    EXPECT_EQ(failure([&] { m->validateFiles(); }), "validateFiles to read-only Quarn table");
+    EXPECT_EQ(failure([&] { m->cleanup(); }), "cleanup to read-only Quarn table");
+    EXPECT_EQ(failure([&] { m->writerCounters(); }), "writerCounters() not implemented");
+    bool found = true;
+    m->safeLookup(TestKey{1, 1}, found);
+    EXPECT_FALSE(found);
+    EXPECT_EQ(m->members(), 0u);
+    EXPECT_TRUE(trace.contains("QuarnBaseDummy::lookup"));
+  }
+  EXPECT_FALSE(std::filesystem::exists(root()));
+}
+
+// Before the writer exists the reader answers absent and retries on its timer, logging the
+// start of the retries once; the writer's files then mount it through the mounter event.
+TEST_F(QuarnMapFixture, ReaderMountsWhenWriterAppearsAndReportsChangedKeys) {
+  auto reader = map(QuarnType::reader);
+  ASSERT_TRUE(runUntil([&] { return reader->remountTimeouts() >= 3; }));
+  EXPECT_EQ(trace.count("ReaderMounter::timeout() start retrying to mount t. This message can be "
+                        "safely ignored if the writer is not running."),
+            1u);
+  bool found = true;
+  reader->safeLookup(TestKey{1, 1}, found);
+  EXPECT_FALSE(found);
+
+  // Nearly forever: only a mounter event can mount the reader now.
+  auto patient = map(QuarnType::reader, false, 100, 3600);
+  auto writer = map(QuarnType::writer);
+  writer->safeWrite(record(1, 1, 11));
+  ASSERT_TRUE(runUntil([&] { return reader->fullyAttached() && patient->fullyAttached(); }));
+  EXPECT_TRUE(trace.contains("CANARY: t ReaderMounter::timeout() remounted after "));
+  EXPECT_EQ(reader->remountTimeouts(), 0u);
+  EXPECT_EQ(patient->remountTimeouts(), 0u);
+  EXPECT_EQ(reader->fenixId(), writer->fenixId());
+  EXPECT_EQ(reader->safeLookup(TestKey{1, 1}, found).value, 11u);
+  EXPECT_TRUE(found);
+
+  recorder.keys.clear();
+  writer->safeWrite(record(2, 5, 25));
+  writer->safeRemove(TestKey{1, 1});
+  ASSERT_TRUE(runUntil([&] { return recorder.saw(TestKey{5, 2}) && recorder.saw(TestKey{1, 1}); }));
+  EXPECT_EQ(reader->members(), 1u);
+  EXPECT_EQ(reader->sequence(), writer->sequence());
+  EXPECT_NE(reader->readerCounters().find("notifications:"), std::string::npos);
+}
+
+TEST_F(QuarnMapFixture, ReaderFollowsWriterToNewIncarnation) {
+  auto writer = map(QuarnType::writer);
+  writer->safeWrite(record(1, 1, 1));
+  auto reader = map(QuarnType::reader, false, 100, 3600);
+  ASSERT_TRUE(runUntil([&] { return reader->fullyAttached(); }));
+  std::uint32_t const first = reader->fenixId();
+  writer.reset();
+  // A writer whose fenix the files do not carry starts a new incarnation and re-formats them.
+  ASSERT_TRUE(Quarn::FenixFile::write(root(), first + 100));
+  writer = map(QuarnType::writer);
+  writer->safeWrite(record(2, 2, 2));
+  ASSERT_NE(writer->fenixId(), first);
+  ASSERT_TRUE(runUntil([&] { return reader->fenixId() == writer->fenixId(); }));
+  bool found = true;
+  reader->safeLookup(TestKey{1, 1}, found);
+  EXPECT_FALSE(found);
+  EXPECT_EQ(reader->safeLookup(TestKey{2, 2}, found).value, 2u);
+  EXPECT_TRUE(trace.contains("QuarnMap::attach() successful"));
+
+  // Removing the writer's files unmounts the reader, which then answers absent.
+  writer->cleanup();
+  ASSERT_TRUE(runUntil([&] { return !reader->mounted(); }));
+  reader->safeLookup(TestKey{2, 2}, found);
+  EXPECT_FALSE(found);
+}
+
+TEST_F(QuarnMapFixture, NotificationsOffMakeTheReaderIgnoreMounterEvents) {
+  auto reader = map(QuarnType::reader, false, 100, 3600);
+  reader->notifying(false);
+  auto writer = map(QuarnType::writer);
+  ASSERT_TRUE(runUntil([&] {
+    return trace.contains(
+        "ReaderMounter::notify() ignoring notify because quarnMap "
+        "notifications are off.");
+  }));
+  EXPECT_FALSE(reader->mounted());
+  reader->notifying(true);
+  EXPECT_TRUE(trace.contains("Notifications enabled"));
+  EXPECT_TRUE(reader->fullyAttached());
+}
+
+// A reader's report makes the writer validate: a sound table gets its fenix rewritten (readers
+// re-check), a damaged one raises out of the writer's event loop.
+TEST_F(QuarnMapFixture, CorruptionReportMakesWriterValidate) {
+  auto writer = map(QuarnType::writer);
+  writer->safeWrite(record(3, 3, 3));
+  auto reader = map(QuarnType::reader, false, 100, 3600);
+  ASSERT_TRUE(runUntil([&] { return reader->fullyAttached(); }));
+
+  reader->corruptionDetected("slot 3 looks odd");
+  EXPECT_EQ(Quarn::Util::fileRead(root() + "/corruption-detected"), "slot 3 looks odd");
+  ASSERT_TRUE(
+      runUntil([&] { return trace.contains("WriterMounter::notify() quarn validation ok"); }));
+  EXPECT_TRUE(trace.contains("WriterMounter::notify() corruptDetected: slot 3 looks odd"));
+  EXPECT_TRUE(reader->fullyAttached());
+
+  corruptBucketOf(TestKey{3, 3});
+  reader->corruptionDetected("chain of slot 3 is broken");
+  std::string raised;
+  try {
+    runUntil([] { return false; }, 5.0);
+  } catch (Quarn::CorruptionDetectedException const& e) {
+    raised = e.what();
+  }
+  EXPECT_EQ(raised, "WriterMounter::notify() failed quarn validation");
+}
+
+TEST_F(QuarnMapFixture, CorruptionDuringWritesEndsInNoMansLand) {
+  auto writer = map(QuarnType::writer);
+  writer->safeWrite(record(4, 1, 1));
+  corruptBucketOf(TestKey{2, 4});
+  EXPECT_EQ(failure([&] { writer->safeWrite(record(4, 2, 2)); }),
+            "QuarnMap::safeWrite() in no man's land");
+  EXPECT_EQ(trace.count("QuarnMap::corruptionDetected() "), 1u);
+  EXPECT_EQ(failure([&] {
+              writer->safeRemove(TestKey{1, 4});
+            }),
+            "QuarnMap::safeRemove() in no man's land");
+  bool found = true;
+  writer->safeLookup(TestKey{1, 4}, found);  // reported, answered as absent
+  EXPECT_FALSE(found);
+  EXPECT_EQ(trace.count("QuarnMap::corruptionDetected() "), 3u);
+  // The writer keeps its report to itself: only readers write the corruption file.
+  EXPECT_EQ(Quarn::Util::fileRead(root() + "/corruption-detected"), "");
+}
+
+TEST_F(QuarnMapFixture, ControlDetachStopsWritesAndMounting) {
+  auto writer = map(QuarnType::writer);
+  auto reader = map(QuarnType::reader, false, 100, 3600);
+  ASSERT_TRUE(runUntil([&] { return reader->fullyAttached(); }));
+  reader->controlDetach();
+  writer->controlDetach();
+  EXPECT_NE(failure([&] { writer->safeWrite(record(1, 1, 1)); }).find("is detached"),
+            std::string::npos);
+  EXPECT_FALSE(reader->mounted());
+  reader->detach();
+  EXPECT_TRUE(trace.contains("QuarnMap::detach()"));
+  writer->handleDisconnect();
+  EXPECT_TRUE(trace.contains("ReaderMounter::handleDisconnect() wrong type:writer"));
+}
+
+// A writer that re-formats a file of another size replaces it: a reader still mapping the old
+// file can read every page of it (a file shrunk in place would kill it with SIGBUS).
+TEST_F(QuarnMapFixture, WriterReplacesFileOfAnotherSizeUnderReaders) {
+  std::size_t grown;
+  {
+    auto writer = map(QuarnType::writer, false, 5000);
+    for (std::uint32_t i = 0; i < 2000; ++i) writer->safeWrite(record(i, i, i));
+    grown = Quarn::Util::memSize(root() + "/slots");
+  }
+  Mem::Shared old("slots", root());
+  ASSERT_TRUE(old.attachReadOnly());
+  struct stat before {};
+  ASSERT_EQ(::stat((root() + "/slots").c_str(), &before), 0);
+  ASSERT_TRUE(Quarn::FenixFile::write(root(), Quarn::FenixFile::read(root()) + 100));
+  auto writer = map(QuarnType::writer, false, 5000);
+  EXPECT_LT(Quarn::Util::memSize(root() + "/slots"), grown);
+  struct stat after {};
+  ASSERT_EQ(::stat((root() + "/slots").c_str(), &after), 0);
+  EXPECT_NE(before.st_ino, after.st_ino);
+  volatile char last = old.base()[old.mappedSize() - 1];
+  (void)last;
+  EXPECT_FALSE(std::filesystem::exists(root() + "/slots.new"));
+  EXPECT_TRUE(writer->validateFiles());
+}
+
+}  // namespace
