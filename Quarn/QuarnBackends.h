@@ -29,6 +29,9 @@
 
 namespace Quarn {
 
+// Where a reading back end reports corruption it meets on its own (queue consumption, attach).
+using CorruptionHandler = std::function<void(std::string const& text)>;
+
 template <class Key, class Wrapper>
 class WriterBackend final : public QuarnBase<Key, Wrapper> {
  public:
@@ -93,8 +96,6 @@ class WriterBackend final : public QuarnBase<Key, Wrapper> {
 template <class Key, class Wrapper>
 class ReaderBackend final : public QuarnBase<Key, Wrapper> {
  public:
-  using CorruptionHandler = std::function<void(std::string const& text)>;
-
   ReaderBackend(Jorv::DebugHandler& dh, std::string const& rootPath, KeyNotifier<Key>& notifier,
                 CorruptionHandler onCorruption, Kiv::Activity& activity)
       : dh_(dh),
@@ -115,9 +116,14 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
     if (fenix == 0) {
       error = "QuarnReader::initialize() no fenix in " + root;
     } else if (reader_.initialize(fenix, error) && conquer_.initialize(fenix, error)) {
-      reportAll();
-      drain();
-      return reader_.attached();
+      try {
+        reportAll();
+        drain();
+        return reader_.attached();
+      } catch (CorruptionDetectedException const& e) {
+        onCorruption_(e.what());
+        error = "QuarnReader::initialize() " + root + ": " + e.what();
+      }
     }
     KIV_TRACE(dh_, 3, error);
     detach();
@@ -161,8 +167,7 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   void yieldTimeIs(double seconds) override { conquer_.yieldTimeIs(seconds); }
   void sampleIs(std::uint32_t sample) override { conquer_.sampleIs(sample); }
 
-  // Lets the wake-up channel try at once (the writer's files just appeared).
-  void connectNow() {
+  void connectNow() override {
     if (conquer_.kick() != nullptr && !conquer_.kick()->connected()) conquer_.kick()->connectNow();
   }
 
@@ -228,7 +233,8 @@ std::unique_ptr<QuarnBase<Key, Wrapper>> makeShadowBackend(Jorv::DebugHandler& /
                                                            std::string const& /*rootPath*/,
                                                            QuarnType /*mode*/,
                                                            KeyNotifier<Key>& /*notifier*/,
-                                                           Kiv::Activity& /*activity*/) {
+                                                           Kiv::Activity& /*activity*/,
+                                                           CorruptionHandler /*onCorruption*/) {
   return nullptr;
 }
 

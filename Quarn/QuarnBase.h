@@ -69,6 +69,10 @@ class QuarnBase {
   virtual bool validateFiles() = 0;
   virtual void cleanup() = 0;
 
+  // A reading back end lets its wake-up channel try to connect at once (the writer's files just
+  // appeared) instead of waiting for its back-off.
+  virtual void connectNow() {}
+
   // Shadow controls (no-ops on other back ends).
   virtual void notifying(bool) {}
   virtual void yieldTimeIs(double) {}

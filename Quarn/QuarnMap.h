@@ -185,9 +185,7 @@ class QuarnMap {
     bool fullyAttached() const override { return map.fullyAttached(); }
     void unmount() override { map.detach(); }
     void mount() override { map.attach(); }
-    void wake() override {
-      if (auto* r = dynamic_cast<ReaderBackend<Key, Wrapper>*>(map.backend_.get())) r->connectNow();
-    }
+    void wake() override { map.backend_->connectNow(); }
     QuarnMap& map;
   };
 
@@ -354,18 +352,25 @@ void QuarnMap<Key, Wrapper, Notifier>::attach() {
     return;
   }
   if (mounted_) detach();
+  CorruptionHandler report = [this](std::string const& text) { corruptionDetected(text); };
   std::unique_ptr<Base> backend;
   if (mode_ == QuarnType::reader) {
-    backend = std::make_unique<ReaderBackend<Key, Wrapper>>(
-        *dh_, root_.str(), forward_, [this](std::string const& text) { corruptionDetected(text); },
-        activity_);
+    backend = std::make_unique<ReaderBackend<Key, Wrapper>>(*dh_, root_.str(), forward_,
+                                                            std::move(report), activity_);
   } else {
-    backend = makeShadowBackend<Key, Wrapper>(*dh_, root_.str(), mode_, forward_, activity_);
+    backend = makeShadowBackend<Key, Wrapper>(*dh_, root_.str(), mode_, forward_, activity_,
+                                              std::move(report));
   }
   KIV_TRACE(*dh_, 3, "QuarnMap::attach() attempting to attach ", name_, " as ",
             quarnTypeWord(mode_));
-  if (backend != nullptr) backend->notifying(notifying_);
-  if (backend == nullptr || !backend->initialize()) {
+  bool ok = false;
+  try {
+    if (backend != nullptr) backend->notifying(notifying_);
+    ok = backend != nullptr && backend->initialize();
+  } catch (Jorv::Exception const& e) {
+    KIV_TRACE(*dh_, 1, "QuarnMap::attach() ", name_, ": ", e.what());
+  }
+  if (!ok) {
     KIV_TRACE(*dh_, 1, "QuarnMap::attach() initialize failed for ", name_);
     return;
   }

@@ -33,7 +33,10 @@ void ReaderMounter::notify(std::string const& eventName) {
     std::uint32_t const mounted = table_.mountedFenix();
     KIV_TRACE(dh_, 5, "QuarnMap::ReaderMounter::notify() eventName: ", eventName,
               " fenixId: ", fenix, " quarnMap.fenixId: ", mounted, " mode: ", modeWord_);
-    if (table_.mounted() && fenix == mounted && fenix != 0) {
+    bool const same = table_.mounted() && fenix == mounted && fenix != 0;
+    // A back end of the current incarnation that is still connecting (a shadow's first pass)
+    // is given until the timer's next expiry before it is mounted afresh.
+    if (same && (table_.fullyAttached() || eventName != remountTimeout)) {
       table_.wake();
     } else {
       if (table_.mounted()) table_.unmount();
@@ -62,7 +65,7 @@ void ReaderMounter::timeout() {
     KIV_TRACE(dh_, 3, "ReaderMounter::timeout() start retrying to mount ", name_,
               ". This message can be safely ignored if the writer is not running.");
   }
-  notify("remount timeout");
+  notify(remountTimeout);
 }
 
 void ReaderMounter::handleDisconnect() {

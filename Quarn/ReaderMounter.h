@@ -6,7 +6,8 @@
 // `notify`, which compares the fenix id in the "fenix" file with the incarnation the table is
 // mounted on:
 // - same id (not 0) and mounted: nothing to do, except to let the wake-up channel reconnect at
-//   once (a writer that restarted on the same files keeps its id);
+//   once (a writer that restarted on the same files keeps its id); a back end that is still not
+//   fully attached when the remount timer expires is mounted afresh;
 // - otherwise: drop the mounted back end, if any, and attach again.
 // While the table is not fully attached afterwards, the remount timer is armed (60 s by
 // default); the first expiry in a row logs that retrying has started, and a mount that succeeds
@@ -28,7 +29,8 @@ namespace Quarn {
 
 class ReaderMounter {
  public:
-  static constexpr double defaultRemountInterval = 60.0;  // seconds
+  static constexpr double defaultRemountInterval = 60.0;            // seconds
+  static constexpr char const* remountTimeout = "remount timeout";  // the timer's event
 
   // The table front as the mounter sees it.
   class Table {

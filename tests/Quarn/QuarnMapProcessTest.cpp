@@ -13,8 +13,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "QuarnMapFixture.h"
 #include "Quarn/Util.h"
+#include "QuarnMapFixture.h"
 
 using namespace QuarnTest;
 using Quarn::QuarnType;
@@ -24,16 +24,17 @@ namespace {
 // Marker record: key 0/0 holds the pid of the writer that wrote it.
 constexpr TestKey marker{0, 0};
 
-// "churn": rewrites 500 keys round and round; "fill": writes 100 keys and serves readers.
+// "churn": rewrites 500 keys round and round; "resized": the same with another configured size
+// (its files cannot be kept: a new incarnation); "fill": writes 100 keys and serves readers.
 int writerChild(std::string const& spec) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   std::string const mode = spec.substr(0, spec.find(':'));
   std::string const dir = spec.substr(spec.find(':') + 1);
   Kiv::Activity activity;
   Quarn::QuarnMap<TestKey, TestWrapper> map(QuarnMapFixture::table, nullptr, dir, activity);
-  map.init(QuarnType::writer, false, 1000);
+  map.init(QuarnType::writer, false, mode == "resized" ? 2000 : 1000);
   map.safeWrite(record(marker.group, marker.id, std::uint32_t(::getpid())));
-  for (std::uint32_t i = 0; mode == "churn"; ++i) {
+  for (std::uint32_t i = 0; mode != "fill"; ++i) {
     map.safeWrite(record(1, i % 500, i));
     if (i % 64 == 0) activity.runOnce(0);
   }
@@ -82,10 +83,22 @@ TEST_F(QuarnMapProcess, ReaderFollowsAWriterKilledMidChurnToItsSuccessor) {
   stop(first);
   std::erase(children, first);
 
+  // A successor on the same files keeps them and their incarnation.
   pid_t const second = spawnWriter("churn");
   ASSERT_TRUE(runUntil([&] {
     return sees(*reader, second) && reader->fenixId() == Quarn::FenixFile::read(root());
   }));
+  std::uint32_t const fenix = reader->fenixId();
+  stop(second);
+  std::erase(children, second);
+
+  // One that cannot keep them re-formats under a new fenix, replacing the grown slot file while
+  // this reader still maps it; the reader detaches and re-attaches by itself.
+  pid_t const third = spawnWriter("resized");
+  ASSERT_TRUE(runUntil(
+      [&] { return sees(*reader, third) && reader->fenixId() == Quarn::FenixFile::read(root()); }));
+  EXPECT_NE(reader->fenixId(), fenix);
+  EXPECT_GE(trace.count("QuarnMap::attach() successful"), 2u);
   // The new incarnation's changes keep arriving, and the table reads consistently.
   recorder.keys.clear();
   ASSERT_TRUE(runUntil([&] { return recorder.keys.size() > 100; }));

@@ -182,6 +182,17 @@ TEST_F(QuarnMapFixture, NotificationsOffMakeTheReaderIgnoreMounterEvents) {
   reader->notifying(true);
   EXPECT_TRUE(trace.contains("Notifications enabled"));
   EXPECT_TRUE(reader->fullyAttached());
+  reader->yieldTimeIs(0.5);
+  reader->sampleIs(16);
+  EXPECT_TRUE(trace.contains("QuarnMap::yieldTimeIs() t yieldTime:0.5"));
+  EXPECT_TRUE(trace.contains("QuarnMap::sampleIs() t sample:16"));
+
+  // A shadow needs somewhere to report changes before it can attach.
+  Map shadow(table, nullptr, tmp.path(), activity);
+  shadow.init(QuarnType::shadow, false, 100);
+  shadow.attach();
+  EXPECT_TRUE(trace.contains("QuarnMap::attach() notify not set"));
+  EXPECT_FALSE(shadow.mounted());
 }
 
 // A reader's report makes the writer validate: a sound table gets its fenix rewritten (readers
