@@ -4,7 +4,7 @@
 //   wake-up channel, whose reader count it feeds to the notification queue.
 // - `ReaderBackend`: a direct, lock-free reader of the shared files plus the notification queue
 //   reader; it reports the key of every notified slot to its notifier.
-// - `makeShadowBackend`: the private shadow copy ("shadow", "keyshadow").
+// The private shadow copy ("shadow", "keyshadow") is Quarn/QuarnShadow.h.
 //
 // All run on the owning activity's thread. A notifier must not destroy the table front from
 // inside `onKey`.
@@ -23,6 +23,7 @@
 #include "Quarn/Exceptions.h"
 #include "Quarn/QuarnBase.h"
 #include "Quarn/QuarnReader.h"
+#include "Quarn/QuarnShadow.h"
 #include "Quarn/QuarnWriter.h"
 #include "Quarn/Util.h"
 #include "Quarn/WriterKickSm.h"
@@ -225,17 +226,5 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   std::uint64_t notified_ = 0;
   std::uint64_t resyncs_ = 0;
 };
-
-// The shadow copy for `mode` (shadow or keyshadow) of the table in `rootPath`; nullptr while no
-// shadow back end is available in this build.
-template <class Key, class Wrapper>
-std::unique_ptr<QuarnBase<Key, Wrapper>> makeShadowBackend(Jorv::DebugHandler& /*dh*/,
-                                                           std::string const& /*rootPath*/,
-                                                           QuarnType /*mode*/,
-                                                           KeyNotifier<Key>& /*notifier*/,
-                                                           Kiv::Activity& /*activity*/,
-                                                           CorruptionHandler /*onCorruption*/) {
-  return nullptr;
-}
 
 }  // namespace Quarn

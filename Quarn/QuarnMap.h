@@ -7,7 +7,8 @@
 //   reports (WriterMounter).
 // - Reading modes: the back end starts as the placeholder (every lookup finds nothing); the
 //   ReaderMounter attaches when the writer's files appear and re-attaches when the writer starts
-//   a new incarnation, retrying on a timer while it cannot.
+//   a new incarnation, retrying on a timer while it cannot. After a re-attach the notifier hears
+//   every key of the new back end and every key the old one held, so it can drop what is gone.
 // - Writes go through `safeWrite`, `safeRemove`, `directWrite`/`directCommit`: corruption met by
 //   the writer is reported (`corruptionDetected`) and ends the operation with
 //   Jorv::RuntimeException "QuarnMap::<op>() in no man's land"; TableFullException passes through.
@@ -24,6 +25,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
@@ -183,8 +185,7 @@ class QuarnMap {
     std::uint32_t mountedFenix() const override { return map.backend_->fenixId(); }
     bool mounted() const override { return map.mounted_; }
     bool fullyAttached() const override { return map.fullyAttached(); }
-    void unmount() override { map.detach(); }
-    void mount() override { map.attach(); }
+    void remount() override { map.remount(); }
     void wake() override { map.backend_->connectNow(); }
     QuarnMap& map;
   };
@@ -221,6 +222,7 @@ class QuarnMap {
     }
   }
   void install(std::unique_ptr<Base> backend, bool live);
+  void remount();
   void applyControls() const {
     backend_->notifying(notifying_);
     if (yieldTime_ >= 0) backend_->yieldTimeIs(yieldTime_);
@@ -358,8 +360,8 @@ void QuarnMap<Key, Wrapper, Notifier>::attach() {
     backend = std::make_unique<ReaderBackend<Key, Wrapper>>(*dh_, root_.str(), forward_,
                                                             std::move(report), activity_);
   } else {
-    backend = makeShadowBackend<Key, Wrapper>(*dh_, root_.str(), mode_, forward_, activity_,
-                                              std::move(report));
+    backend = makeQuarnShadow<Key, Wrapper>(*dh_, root_.str(), mode_, forward_, activity_,
+                                            std::move(report));
   }
   KIV_TRACE(*dh_, 3, "QuarnMap::attach() attempting to attach ", name_, " as ",
             quarnTypeWord(mode_));
@@ -376,6 +378,21 @@ void QuarnMap<Key, Wrapper, Notifier>::attach() {
   }
   KIV_TRACE(*dh_, 3, "QuarnMap::attach() successful");
   install(std::move(backend), true);
+}
+
+// A new back end reports the keys it holds; the keys only the old one held are reported after
+// it, so that the notifier, looking them up, learns that they are gone.
+template <class Key, class Wrapper, class Notifier>
+void QuarnMap<Key, Wrapper, Notifier>::remount() {
+  std::vector<Key> previous;
+  if (mounted_ && notifier_ != nullptr && notifying_) {
+    Wrapper w;
+    IterHint hint;
+    for (bool more = first(w, hint); more; more = next(w.key, w, hint)) previous.push_back(w.key);
+  }
+  detach();
+  attach();
+  for (Key const& key : previous) forward_.onKey(key);
 }
 
 template <class Key, class Wrapper, class Notifier>

@@ -39,8 +39,7 @@ void ReaderMounter::notify(std::string const& eventName) {
     if (same && (table_.fullyAttached() || eventName != remountTimeout)) {
       table_.wake();
     } else {
-      if (table_.mounted()) table_.unmount();
-      table_.mount();
+      table_.remount();
     }
   }
   settle();
@@ -69,8 +68,9 @@ void ReaderMounter::timeout() {
 }
 
 void ReaderMounter::handleDisconnect() {
-  if (table_.mounted()) table_.unmount();
-  notify("disconnect");
+  KIV_TRACE(dh_, 3, "ReaderMounter::handleDisconnect() ", name_);
+  table_.remount();
+  settle();
 }
 
 }  // namespace Quarn

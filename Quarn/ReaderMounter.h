@@ -8,7 +8,7 @@
 // - same id (not 0) and mounted: nothing to do, except to let the wake-up channel reconnect at
 //   once (a writer that restarted on the same files keeps its id); a back end that is still not
 //   fully attached when the remount timer expires is mounted afresh;
-// - otherwise: drop the mounted back end, if any, and attach again.
+// - otherwise: remount (drop the mounted back end, if any, and attach again).
 // While the table is not fully attached afterwards, the remount timer is armed (60 s by
 // default); the first expiry in a row logs that retrying has started, and a mount that succeeds
 // after expiries logs the CANARY line and resets their count. "corruption-detected" events only
@@ -42,8 +42,8 @@ class ReaderMounter {
     // A back end other than the placeholder is installed.
     virtual bool mounted() const = 0;
     virtual bool fullyAttached() const = 0;
-    virtual void unmount() = 0;
-    virtual void mount() = 0;
+    // Drops the mounted back end, if any, and attaches afresh.
+    virtual void remount() = 0;
     // Lets the mounted back end's wake-up channel try to connect now.
     virtual void wake() = 0;
   };
