@@ -156,14 +156,15 @@ bool ConquerReader::doConquer(std::uint32_t& count, Consumer const& consumer) {
   if (!attached()) return true;  // nothing to read until initialized again
   findPosition();
   std::uint32_t const t = table_;
-  bool researched = false;
+  // A slow reader can see its table reused more than once in one pass (each reuse rewrites the
+  // entries under it); only a contradiction that survives several searches is corruption.
+  int searchesLeft = 8;
   std::uint32_t const limit = pos_ + sample_;
   for (;;) {
     std::uint32_t const curPos = header(t)->load(header(t)->currentPos);
     if (pos_ > curPos) {
       if (currentTable() != t) return false;  // switched: the next pass finds the position
-      if (!researched) {
-        researched = true;
+      if (searchesLeft-- > 0) {
         search(t);
         continue;
       }
@@ -187,8 +188,7 @@ bool ConquerReader::doConquer(std::uint32_t& count, Consumer const& consumer) {
     bool const ordered = seq > lastSeq_ && (pos_ == 0 || sequenceAt(t, pos_ - 1) <= lastSeq_);
     if (currentTable() != t) return false;
     if (!ordered) {
-      if (!researched) {  // the table was reused under us: find the position again
-        researched = true;
+      if (searchesLeft-- > 0) {  // the table was reused under us: find the position again
         search(t);
         continue;
       }

@@ -68,31 +68,38 @@ bool SlotReader::validate(std::uint32_t fenix, std::string& error) {
 }
 
 bool SlotReader::doResize() {
-  auto const* h = SlotTable::header(mem_.base());
-  std::uint32_t const n = Mem::Atomics::highWord(h->numSlotsUnit());
-  std::size_t const bytes = SlotTable::fileSize(slotSize_, n);
-  KIV_TRACE(dh_, 5, "SlotReader::doResize() requesting to map ", n,
-            " slots. Requested file resize to ", bytes);
-  char const* const oldBase = mem_.base();
-  if (bytes != mem_.mappedSize() && !mem_.remapReadOnly(bytes)) {
-    KIV_TRACE(dh_, 1, "SlotReader::doResize() failed to resize shared memory ", mem_.path(), " to ",
-              bytes, ": ", std::strerror(errno));
-    return false;
+  // The writer may grow again while this maps: the header then fails its size check against a
+  // mapping made for fewer slots than it now announces. Map again for the new count; numSlots
+  // only grows within an incarnation, so this ends (the bound guards against a header that keeps
+  // changing for some other reason).
+  for (int attempt = 0;; ++attempt) {
+    auto const* h = SlotTable::header(mem_.base());
+    std::uint32_t const n = Mem::Atomics::highWord(h->numSlotsUnit());
+    std::size_t const bytes = SlotTable::fileSize(slotSize_, n);
+    KIV_TRACE(dh_, 5, "SlotReader::doResize() requesting to map ", n,
+              " slots. Requested file resize to ", bytes);
+    char const* const oldBase = mem_.base();
+    if (bytes != mem_.mappedSize() && !mem_.remapReadOnly(bytes)) {
+      KIV_TRACE(dh_, 1, "SlotReader::doResize() failed to resize shared memory ", mem_.path(),
+                " to ", bytes, ": ", std::strerror(errno));
+      return false;
+    }
+    if (mem_.base() != oldBase) {
+      KIV_TRACE(dh_, 5, "SlotReader::doResize() changed base address mapping from ",
+                static_cast<void const*>(oldBase), " to ", static_cast<void const*>(mem_.base()));
+    }
+    h = SlotTable::header(mem_.base());
+    std::string error;
+    if (!h->validate(mem_.mappedSize(), fenix_, error)) {
+      if (Mem::Atomics::highWord(h->numSlotsUnit()) != n && attempt < 64) continue;
+      std::string text = "SlotReader::doResize() header corruption, " + error;
+      KIV_TRACE(dh_, 0, text);
+      throw CorruptionDetectedException(text);
+    }
+    numSlots_ = n;
+    KIV_TRACE(dh_, 5, "SlotReader::doResize() successful");
+    return true;
   }
-  if (mem_.base() != oldBase) {
-    KIV_TRACE(dh_, 5, "SlotReader::doResize() changed base address mapping from ",
-              static_cast<void const*>(oldBase), " to ", static_cast<void const*>(mem_.base()));
-  }
-  std::string error;
-  h = SlotTable::header(mem_.base());
-  if (!h->validate(mem_.mappedSize(), fenix_, error)) {
-    std::string text = "SlotReader::doResize() header corruption, " + error;
-    KIV_TRACE(dh_, 0, text);
-    throw CorruptionDetectedException(text);
-  }
-  numSlots_ = n;
-  KIV_TRACE(dh_, 5, "SlotReader::doResize() successful");
-  return true;
 }
 
 void SlotReader::detach() noexcept {

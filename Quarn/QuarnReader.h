@@ -222,6 +222,11 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
       if (past) return false;  // chains are in ascending key order
       unit = s;
       link = Mem::Atomics::load64(unit);
+      // A slot removed after its value was read joins the free list, and its next link then
+      // leads into that list under a version of its own, which later checks would accept. The
+      // writer changes the slot's flags before it relinks it: flags unchanged after the link was
+      // read (acquire) mean the slot was still in the chain when its link was taken.
+      if (Mem::Atomics::load32(s + offsetof(SlotTable::Slot, flags)) != flags) break;
     }
     KIV_TRACE(dh_, 8, "QuarnReader::walk() restart bucket:", b);
   }
