@@ -234,8 +234,13 @@ TEST_F(QuarnMapFixture, CorruptionReportMakesWriterValidate) {
   EXPECT_TRUE(trace.contains("WriterMounter::notify() corruptDetected: slot 3 looks odd"));
   EXPECT_TRUE(reader->fullyAttached());
 
+  // The reader meets the damage in a lookup, answers absent and reports it by itself.
   corruptBucketOf(TestKey{3, 3});
-  reader->corruptionDetected("chain of slot 3 is broken");
+  bool found = true;
+  reader->safeLookup(TestKey{3, 3}, found);
+  EXPECT_FALSE(found);
+  EXPECT_NE(Quarn::Util::fileRead(root() + "/corruption-detected").find("out-of-range"),
+            std::string::npos);
   std::string raised;
   try {
     runUntil([] { return false; }, 5.0);
