@@ -6,7 +6,10 @@
 // exactly the writer's final table. Run it with `make demo`; Ctrl-C stops it cleanly.
 //
 // Options: --seconds S (run time, default 30), --restart-at S (default 12), --rate N (writer
-// updates per second, 0 = as fast as it can; default 300000), --records N (default 500000).
+// updates per second, 0 = as fast as it can; default 200000), --lookup-rate N (lookups per second
+// of each reader, 0 = as fast as it can; default 500000), --records N (default 500000).
+// With the defaults the processes leave each other CPU time on a small machine, so the lag
+// figures show the engine rather than the scheduler.
 //
 // Processes talk over pipes: each child sends fixed-size `Report`s (each one write, below
 // PIPE_BUF, so never interleaved) and receives fixed-size `Command`s. Every clock reading is
@@ -41,25 +44,22 @@
 #include "Kiv/Activity.h"
 #include "Kiv/Timer.h"
 #include "KivQuarn/KivQuarnMapValueWrapper.h"
-#include "Quarn/ConquerReader.h"
-#include "Quarn/MounterSm.h"
-#include "Quarn/QuarnReader.h"
-#include "Quarn/QuarnWriter.h"
-#include "Quarn/Util.h"
-#include "Quarn/WriterKickSm.h"
+#include "Quarn/QuarnMap.h"
 
 namespace {
 
 using Key = Routing::Pim::Bidir::GroupIntfKey;
 using Record = Routing::Pim::Bidir::Quarn::GroupIntf;
 using Value = KivQuarn::KivQuarnMapValueWrapper<Record, Key>;
+using Table = Quarn::QuarnMap<Key, Value>;
 
 char const* const tableName = "groupIntf";
 
 struct Options {
   double seconds = 30;
   double restartAt = 12;
-  double rate = 300000;
+  double rate = 200000;
+  double lookupRate = 500000;
   std::uint32_t records = 500000;
 };
 
@@ -67,10 +67,6 @@ double monotonic() {
   timespec ts{};
   ::clock_gettime(CLOCK_MONOTONIC, &ts);
   return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
-}
-
-Jorv::DebugHandler& dh() {
-  return Jorv::Platform::getDebugHandler("QuarnDemo");
 }
 
 // The table's keys: 100 interfaces for each group from 239.1.0.0 on, the same in every process.
@@ -118,12 +114,11 @@ struct Digest {
   bool operator==(Digest const&) const = default;
 };
 
-// Iterates any table handle with first(out) / next(key, out).
-template <class Table>
-Digest digestOf(Table& table) {
+Digest digestOf(Table const& table) {
   Digest d;
   Value v;
-  for (bool more = table.first(v); more; more = table.next(Key(v.key), v)) {
+  Quarn::IterHint hint;
+  for (bool more = table.first(v, hint); more; more = table.next(Key(v.key), v, hint)) {
     d.sum += recordHash(v);
     ++d.count;
   }
@@ -219,12 +214,11 @@ bool receive(int fd, T& message) {
 
 class WriterProcess {
  public:
-  WriterProcess(std::string root, Options const& options, int reportFd, int commandFd)
-      : root_(std::move(root)),
-        tableRoot_(root_ + "/" + tableName),
-        options_(options),
+  WriterProcess(std::string const& root, Options const& options, int reportFd, int commandFd)
+      : options_(options),
         reportFd_(reportFd),
         keys_(demoKeys(options.records)),
+        table_(tableName, nullptr, root, activity_),
         commands_(activity_, commandFd, EPOLLIN, [this, commandFd](std::uint32_t) {
           Command c;
           if (!receive(commandFd, c)) {
@@ -242,60 +236,45 @@ class WriterProcess {
     Report r;
     r.kind = kind;
     r.role = Role::writer;
-    r.fenix = writer_->fenix();
+    r.fenix = table_.fenixId();
     r.isAttached = 1;
     r.time = monotonic();
-    r.records = writer_->size();
+    r.records = table_.members();
     r.operations = updates_;
     return r;
   }
   void churn();
-  friend Digest digestOf<WriterProcess>(WriterProcess&);
-  bool first(Value& out) const { return writer_->first(out); }
-  bool next(Key const& key, Value& out) const {
-    Quarn::IterHint hint;
-    return writer_->next(key, out, hint);
-  }
 
-  std::string root_;
-  std::string tableRoot_;
   Options options_;
   int reportFd_;
   std::vector<Key> keys_;
   Kiv::Activity& activity_ = Kiv::Activity::current();
+  Table table_;
   Kiv::FdWatch commands_;
-  std::unique_ptr<Quarn::WriterKickSm> kick_;
-  std::unique_ptr<Quarn::QuarnWriter<Key, Value>> writer_;
   std::uint64_t updates_ = 0;
   bool stopped_ = false;
 };
 
 void WriterProcess::run() {
-  std::filesystem::create_directories(tableRoot_);
-  kick_ = std::make_unique<Quarn::WriterKickSm>(
-      tableRoot_, [this] { return writer_->conquer().sequence(); },
-      [this](std::uint32_t) { writer_->conquer().updateNumReaders(); }, activity_);
   double const start = monotonic();
-  writer_ = std::make_unique<Quarn::QuarnWriter<Key, Value>>(
-      dh(), tableName, options_.records, false, "GroupIntf", kick_.get(), root_);
-  writer_->attach();
+  table_.init(Quarn::QuarnType::writer, false, options_.records);
   Report attached = report(Report::attached);
   attached.attachSeconds = monotonic() - start;
-  attached.kept = writer_->size();
+  attached.kept = table_.members();
   send(reportFd_, attached);
   // Fill what the table lacks (everything on a first start or after a re-format).
   double const now = monotonic();
   bool found = false;
   for (std::size_t i = 0; i < keys_.size(); ++i) {
-    writer_->lookup(keys_[i], found);
-    if (!found) writer_->write(valueOf(keys_[i], i, now));
+    table_.safeLookup(keys_[i], found);
+    if (!found) table_.safeWrite(valueOf(keys_[i], i, now));
     if (i % 4096 == 0) activity_.runOnce(0);
   }
   send(reportFd_, report(Report::ready));
   churn();
   Report last = report(Report::finished);
-  last.valid = writer_->validate() && writer_->validateFiles();
-  last.digest = digestOf(*this);
+  last.valid = table_.validate() && table_.validateFiles();
+  last.digest = digestOf(table_);
   send(reportFd_, last);
   // Keep serving the readers' wake-up channel until the parent closes the command pipe.
   activity_.run();
@@ -307,7 +286,6 @@ void WriterProcess::churn() {
   std::mt19937_64 rng(std::uint64_t(::getpid()));
   double const start = monotonic();
   double nextReport = start;
-  Value gone;
   while (!stopped_) {
     double const now = monotonic();
     std::uint64_t batch = 2000;
@@ -317,8 +295,8 @@ void WriterProcess::churn() {
     }
     for (std::uint64_t i = 0; i < batch; ++i) {
       Key const& key = keys_[rng() % keys_.size()];
-      if (++updates_ % 8 == 0) writer_->remove(key, gone);
-      writer_->write(valueOf(key, updates_, monotonic()));
+      if (++updates_ % 8 == 0) table_.safeRemove(key);
+      table_.safeWrite(valueOf(key, updates_, monotonic()));
     }
     activity_.runOnce(batch == 0 ? 0.001 : 0);
     if (now >= nextReport) {
@@ -330,84 +308,19 @@ void WriterProcess::churn() {
 
 // ---- the reader processes
 
-// The reading side of the table for one reader process: mounts when the writer's files appear
-// and mounts again when the writer starts a new incarnation (a new fenix id), and hands every
-// changed record to `onChange`.
-class ReadTable {
- public:
-  using OnChange = std::function<void(Value const&)>;
-
-  ReadTable(std::string tableRoot, Kiv::Activity& activity, OnChange onChange)
-      : tableRoot_(std::move(tableRoot)),
-        activity_(activity),
-        onChange_(std::move(onChange)),
-        mounter_(
-            tableRoot_, [this](std::string const&) { remount(); }, activity) {}
-
-  bool attached() const { return reader_ != nullptr; }
-  std::uint32_t fenix() const { return reader_ != nullptr ? reader_->fenix() : 0; }
-  Value lookup(Key const& key, bool& found) {
-    found = false;
-    return reader_ != nullptr ? reader_->doLookup(key, found) : Value{};
-  }
-  bool first(Value& out) {
-    Quarn::IterHint hint;
-    return reader_ != nullptr && reader_->first(0, out, hint);
-  }
-  bool next(Key const& key, Value& out) {
-    Quarn::IterHint hint;
-    return reader_ != nullptr && reader_->doNext(key, out, hint);
-  }
-  std::uint64_t notifications() const { return notifications_; }
-
- private:
-  void remount() {
-    std::uint32_t const fenix = Quarn::FenixFile::read(tableRoot_);
-    if (fenix == 0 || (reader_ != nullptr && reader_->fenix() == fenix)) return;
-    conquer_.reset();
-    reader_.reset();
-    auto reader = std::make_unique<Quarn::QuarnReader<Key, Value>>(dh(), tableRoot_);
-    auto conquer =
-        std::make_unique<Quarn::ConquerReader>(dh(), tableRoot_, &activity_, [this] { drain(); });
-    std::string error;
-    if (!reader->initialize(fenix, error) || !conquer->initialize(fenix, error)) return;
-    reader_ = std::move(reader);
-    conquer_ = std::move(conquer);
-    drain();
-  }
-  void drain() {
-    if (conquer_ == nullptr) return;
-    conquer_->conquer([this](std::uint32_t slot) {
-      Quarn::SlotReader& slots = reader_->slots();
-      if (slot >= slots.numSlots() && !slots.doResize()) return;
-      Value v;
-      if (slots.readValue(slots.slot(slot), &v, sizeof v) & Quarn::SlotTable::OCCUPIED) {
-        ++notifications_;
-        onChange_(v);
-      }
-    });
-  }
-
-  std::string tableRoot_;
-  Kiv::Activity& activity_;
-  OnChange onChange_;
-  Quarn::MounterSm mounter_;
-  std::unique_ptr<Quarn::QuarnReader<Key, Value>> reader_;
-  std::unique_ptr<Quarn::ConquerReader> conquer_;
-  std::uint64_t notifications_ = 0;
-};
-
-class ReaderProcess {
+// A reader process: a table in mode "reader" (lock-free lookups in the shared files) or
+// "shadow" (a private copy kept in step by the notifications). Both mount by themselves when
+// the writer's files appear and again when the writer starts a new incarnation; both report
+// every changed key, which is looked up to measure how long the change took to arrive.
+class ReaderProcess : public Quarn::KeyNotifier<Key> {
  public:
   ReaderProcess(Role role, std::string const& root, Options const& options, int reportFd,
                 int commandFd)
       : role_(role),
+        lookupRate_(options.lookupRate),
         reportFd_(reportFd),
         keys_(demoKeys(options.records)),
-        table_(root + "/" + tableName, activity_,
-               [this](Value const& v) {
-                 if (v.lastJoinReceived >= attachedAt_) lag_.add(monotonic() - v.lastJoinReceived);
-               }),
+        table_(tableName, this, root, activity_),
         commands_(activity_, commandFd, EPOLLIN, [this, commandFd](std::uint32_t) {
           Command c;
           if (!receive(commandFd, c)) {
@@ -416,21 +329,32 @@ class ReaderProcess {
             verify_ = true;
             target_ = c.digest;
           }
-        }) {}
+        }) {
+    table_.init(role == Role::shadow ? Quarn::QuarnType::shadow : Quarn::QuarnType::reader, false,
+                options.records);
+  }
 
   void run();
+
+  void onKey(Key const& key) override {
+    ++notifications_;
+    bool found = false;
+    Value const v = table_.safeLookup(key, found);
+    // Entries reported while (re)attaching were written before: not a propagation delay.
+    if (found && v.lastJoinReceived >= attachedAt_) lag_.add(monotonic() - v.lastJoinReceived);
+  }
 
  private:
   Report report(Report::Kind kind) {
     Report r;
     r.kind = kind;
     r.role = role_;
-    r.fenix = table_.fenix();
-    r.isAttached = table_.attached();
+    r.fenix = table_.fenixId();
+    r.isAttached = table_.fullyAttached();
     r.time = monotonic();
     r.operations = lookups_;
-    r.records = found_;
-    r.notifications = table_.notifications();
+    r.records = table_.members();
+    r.notifications = notifications_;
     r.malformed = malformed_;
     r.lagP50 = lag_.percentile(0.5);
     r.lagP99 = lag_.percentile(0.99);
@@ -441,15 +365,16 @@ class ReaderProcess {
   void finish();
 
   Role role_;
+  double lookupRate_;
   int reportFd_;
   std::vector<Key> keys_;
   Kiv::Activity& activity_ = Kiv::Activity::current();
   LagHistogram lag_;
   double attachedAt_ = 0;
-  ReadTable table_;
+  Table table_;
   Kiv::FdWatch commands_;
   std::uint64_t lookups_ = 0;
-  std::uint64_t found_ = 0;
+  std::uint64_t notifications_ = 0;
   std::uint64_t malformed_ = 0;
   bool done_ = false;
   bool verify_ = false;
@@ -460,14 +385,17 @@ void ReaderProcess::run() {
   double nextReport = 0;
   std::uint32_t reportedFenix = 0;
   bool reportedAttached = false;
+  double const start = monotonic();
   while (!done_ && !verify_) {
-    lookups();
-    activity_.runOnce(table_.attached() ? 0 : 0.01);
+    // Lookups at the configured rate; the rest of the time waits for notifications.
+    bool const due = lookupRate_ <= 0 || double(lookups_) < (monotonic() - start) * lookupRate_;
+    if (due) lookups();
+    activity_.runOnce(due && table_.fullyAttached() ? 0 : 0.001);
     double const now = monotonic();
-    if (table_.fenix() != reportedFenix || table_.attached() != reportedAttached) {
+    if (table_.fenixId() != reportedFenix || table_.fullyAttached() != reportedAttached) {
       // Sent at once: the parent times re-attachment from it.
-      reportedFenix = table_.fenix();
-      reportedAttached = table_.attached();
+      reportedFenix = table_.fenixId();
+      reportedAttached = table_.fullyAttached();
       if (reportedAttached) attachedAt_ = now;
       send(reportFd_, report(Report::attached));
     } else if (now >= nextReport) {
@@ -479,15 +407,13 @@ void ReaderProcess::run() {
 }
 
 void ReaderProcess::lookups() {
-  if (!table_.attached()) return;
+  if (!table_.fullyAttached()) return;
   std::uint64_t const start = lookups_;
   for (; lookups_ < start + 256; ++lookups_) {
     Key const& key = keys_[(lookups_ * 2654435761u) % keys_.size()];
     bool found = false;
-    Value const v = table_.lookup(key, found);
-    if (!found) continue;
-    ++found_;
-    if (!(Key(v.key) == key) || !wellFormed(v)) ++malformed_;
+    Value const v = table_.safeLookup(key, found);
+    if (found && (!(Key(v.key) == key) || !wellFormed(v))) ++malformed_;
   }
 }
 
@@ -814,6 +740,8 @@ bool parse(int argc, char** argv, Options& options) {
       options.restartAt = value;
     } else if (arg == "--rate" && value >= 0) {
       options.rate = value;
+    } else if (arg == "--lookup-rate" && value >= 0) {
+      options.lookupRate = value;
     } else if (arg == "--records" && value >= 1000 && value <= 5000000) {
       options.records = std::uint32_t(value);
     } else {
@@ -828,8 +756,10 @@ bool parse(int argc, char** argv, Options& options) {
 int main(int argc, char** argv) {
   Options options;
   if (!parse(argc, argv, options)) {
-    std::fprintf(stderr, "usage: %s [--seconds S] [--restart-at S] [--rate N] [--records N]\n",
-                 argv[0]);
+    std::fprintf(
+        stderr,
+        "usage: %s [--seconds S] [--restart-at S] [--rate N] [--lookup-rate N] [--records N]\n",
+        argv[0]);
     return 2;
   }
   char pattern[] = "/dev/shm/quarn-demo-XXXXXX";
