@@ -165,6 +165,9 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
   bool validateFiles() override { return false; }
   void cleanup() override {}
 
+  void connectNow() override {
+    if (conquer_.kick() != nullptr && !conquer_.kick()->connected()) conquer_.kick()->connectNow();
+  }
   void notifying(bool on) override;
   void yieldTimeIs(double seconds) override;
   void sampleIs(std::uint32_t sample) override;

@@ -253,6 +253,14 @@ void BasicShadowStore<Key, Wrapper, Slot>::doSlot(std::uint32_t i, bool resync, 
                 " because shared memory has shrunk to ", shared, " slots");
       return;
     }
+    // A slot freed again before its notification arrived needs no room: growing for it would
+    // only be undone by the next shrink.
+    Wrapper peek;
+    if (i < shared && !readShared(i, peek)) {
+      KIV_TRACE(dh_, 8, "ShadowStore::doSlot() free slotIndex:", i,
+                " beyond shadow slots:", numSlots_);
+      return;
+    }
     if (!grow(i)) {
       KIV_TRACE(dh_, 3, "ShadowStore::doSlot() discarding notification for slotIndex:", i);
       return;
