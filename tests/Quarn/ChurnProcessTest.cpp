@@ -1,8 +1,11 @@
-// A writer process churns random inserts, updates and removes over a large table while reader
-// processes look records up, iterate the whole table and follow the notification queue. Every
-// record carries a checksum of its own bytes, so a torn copy (a mix of two versions, or a slot
-// reused under the reader) cannot pass unnoticed. When the writer stops, each reader's view
-// must equal the writer's final table. All waits have deadlines: a hang fails the test.
+// A writer process churns random inserts, updates and removes over a large table while two
+// reader processes, a direct reader of the shared files and a shadow copy, look records up,
+// iterate the whole table and check every changed key they are told of. Every record carries a
+// checksum of its own bytes, so a torn copy (a mix of two versions, or a slot reused under the
+// reader) cannot pass unnoticed; a reader that meets a broken chain reports it in the table's
+// corruption file. When the writer stops, each reader's view must equal the writer's final
+// table, also after the writer was killed mid-churn and started again (the readers re-attach by
+// themselves). All waits have deadlines: a hang fails the test.
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -18,10 +21,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Quarn/ConquerReader.h"
-#include "Quarn/QuarnReader.h"
-#include "Quarn/QuarnWriter.h"
-#include "Quarn/WriterKickSm.h"
+#include "Quarn/QuarnMap.h"
 #include "TestRecord.h"
 #include "support/ActivityWait.h"
 
@@ -45,8 +45,7 @@ struct ChurnRecord {
   std::uint32_t sum = 0;  // checksum of every byte before it
 };
 using Churn = KivQuarn::KivQuarnMapValueWrapper<ChurnRecord, TestKey>;
-using Writer = Quarn::QuarnWriter<TestKey, Churn>;
-using Reader = Quarn::QuarnReader<TestKey, Churn>;
+using Map = Quarn::QuarnMap<TestKey, Churn>;
 
 std::uint32_t checksum(Churn const& r) {
   unsigned char bytes[offsetof(ChurnRecord, sum)];
@@ -81,15 +80,12 @@ struct Digest {
   bool operator==(Digest const&) const = default;
 };
 
-Jorv::DebugHandler& dh() {
-  return Jorv::Platform::getDebugHandler("ChurnProcessTest");
-}
-
 // What a reader process found; sent to the parent once at the end.
 struct Verdict {
   Digest view;
   std::uint64_t lookups = 0;
   std::uint64_t iterations = 0;
+  std::uint64_t notified = 0;
   std::uint64_t torn = 0;        // copies whose checksum or key was wrong
   std::uint64_t duplicates = 0;  // keys met twice in one iteration
   std::uint32_t matched = 0;
@@ -148,44 +144,35 @@ class Process {
 
 struct WriterResult {
   Digest table;
-  std::uint64_t sequence = 0;
   std::uint32_t valid = 0;
 };
 
-// Churns `numOps` random changes once `readers` readers are connected, reports its final table
-// on `resultFd`, then serves the readers' channel until `stopFd` closes.
-void writerProcess(std::string const& dir, std::uint32_t readers, int resultFd, int stopFd) {
+// Churns `ops` random changes (seeded by `seed`), writing a byte on `halfwayFd` halfway through;
+// reports its final table on `resultFd`, then serves the readers until `stopFd` closes.
+void writerProcess(std::string const& dir, std::uint32_t seed, std::uint32_t ops, int halfwayFd,
+                   int resultFd, int stopFd) {
   Kiv::Activity activity;
-  std::string const root = dir + "/churn";
-  std::filesystem::create_directories(root);
-  std::unique_ptr<Writer> writer;
-  Quarn::WriterKickSm kick(
-      root, [&] { return writer->conquer().sequence(); },
-      [&](std::uint32_t) { writer->conquer().updateNumReaders(); }, activity);
-  writer = std::make_unique<Writer>(dh(), "churn", numKeys, false, "ChurnRecord", &kick, dir);
-  writer->attach();
-  TestSupport::runUntil(
-      activity, [&] { return kick.numReaders() == readers; }, 30);
-  std::mt19937 rng(1);
+  Map map("churn", nullptr, dir, activity);
+  map.init(Quarn::QuarnType::writer, false, numKeys);
+  std::mt19937 rng(seed);
   std::vector<std::uint32_t> versions(numKeys, 0);
-  Churn gone;
-  for (std::uint32_t op = 0; op < numOps; ++op) {
+  for (std::uint32_t op = 0; op < ops; ++op) {
     std::uint32_t const id = rng() % numKeys;
     if (rng() % 10 < 3) {
-      writer->remove(keyOf(id), gone);
+      map.safeRemove(keyOf(id));
     } else {
-      writer->write(recordOf(id, ++versions[id]));
+      map.safeWrite(recordOf(id, ++versions[id]));
     }
     if (op % 256 == 0) activity.runOnce(0);
+    if (op == ops / 2) put(halfwayFd, op);
   }
   WriterResult result;
-  result.valid = writer->validate();
+  result.valid = map.validate();
   Churn r;
   Quarn::IterHint hint;
-  for (bool more = writer->first(0, r, hint); more; more = writer->next(TestKey(r.key), r, hint)) {
+  for (bool more = map.first(r, hint); more; more = map.next(TestKey(r.key), r, hint)) {
     result.table.add(r);
   }
-  result.sequence = writer->conquer().sequence();
   put(resultFd, result);
   Kiv::FdWatch stop(activity, stopFd, EPOLLIN, [&](std::uint32_t) { activity.stop(); });
   activity.run();
@@ -196,23 +183,22 @@ void writerProcess(std::string const& dir, std::uint32_t readers, int resultFd, 
 // Checks every copy it is handed and counts what is wrong.
 struct Checker {
   Verdict verdict;
-  bool check(Churn const& r, TestKey const* expected) {
+  void check(Churn const& r, TestKey const* expected) {
     bool const ok = r.sum == checksum(r) && r.key == keyOf(r.key.id) && r.key.id < numKeys &&
                     (expected == nullptr || r.key == *expected);
     verdict.torn += !ok;
-    return ok;
   }
 };
 
-// Iterates the whole table through `first`/`next`, checking every record.
-template <class Table>
-Digest iterate(Table& table, Checker& checker) {
+// Iterates the whole table, checking every record.
+Digest iterate(Map const& map, Checker& checker) {
   Digest d;
   std::vector<bool> seen(numKeys, false);
   Churn r;
   Quarn::IterHint hint;
-  for (bool more = table.first(0, r, hint); more; more = table.doNext(TestKey(r.key), r, hint)) {
-    if (!checker.check(r, nullptr)) continue;
+  for (bool more = map.first(r, hint); more; more = map.next(TestKey(r.key), r, hint)) {
+    checker.check(r, nullptr);
+    if (r.key.id >= numKeys) continue;
     checker.verdict.duplicates += seen[r.key.id];
     seen[r.key.id] = true;
     d.add(r);
@@ -221,105 +207,104 @@ Digest iterate(Table& table, Checker& checker) {
   return d;
 }
 
-// Direct reader: random lookups and, now and then, a full iteration, until told the writer's
-// final digest; then iterates until its view equals it (or its deadline passes).
-// Follower: also consumes the notification queue and keeps a private copy of the table indexed
-// by slot, applying every notified slot; its copy must end equal to the writer's table.
-void readerProcess(std::string const& dir, bool follow, int finalFd, int verdictFd) {
-  Kiv::Activity activity;
-  std::string const root = dir + "/churn";
-  Checker checker;
-  Reader reader(dh(), root);
-  Quarn::ConquerReader conquer(dh(), root, &activity);
-  std::unordered_map<std::uint32_t, Churn> copy;  // slot -> record
-  auto apply = [&](std::uint32_t slot) {
-    Quarn::SlotReader& slots = reader.slots();
-    if (slot >= slots.numSlots()) slots.doResize();
-    Churn r;
-    if (slots.readValue(slots.slot(slot), &r, sizeof r) & Quarn::SlotTable::OCCUPIED) {
-      if (checker.check(r, nullptr)) copy[slot] = r;
-    } else {
-      copy.erase(slot);
-    }
-  };
-  double deadline = Kiv::Activity::now() + 600;
-  auto fail = [&](char const* why) {
-    std::snprintf(checker.verdict.error, sizeof checker.verdict.error, "%s", why);
-    put(verdictFd, checker.verdict);
-  };
-  std::string error;
-  if (!TestSupport::runUntil(
-          activity,
-          [&] {
-            std::uint32_t const fenix = Quarn::FenixFile::read(root);
-            return fenix != 0 && reader.initialize(fenix, error) &&
-                   (!follow || conquer.initialize(fenix, error));
-          },
-          30)) {
-    return fail("cannot attach");
+// Looks up every key it is told of and checks the copy.
+struct Notified final : Quarn::KeyNotifier<TestKey> {
+  Checker& checker;
+  Map* map = nullptr;
+  explicit Notified(Checker& c) : checker(c) {}
+  void onKey(TestKey const& key) override {
+    ++checker.verdict.notified;
+    bool found = false;
+    Churn const r = map->safeLookup(key, found);
+    if (found) checker.check(r, &key);
   }
-  std::mt19937 rng(follow ? 2 : 3);
+};
+
+// Random lookups and, now and then, a full iteration, until told the writer's final table; then
+// iterates until its view equals it or its deadline passes.
+void readerProcess(std::string const& dir, Quarn::QuarnType mode, int finalFd, int verdictFd) {
+  Kiv::Activity activity;
+  Checker checker;
+  Notified notified(checker);
+  Map map("churn", &notified, dir, activity);
+  notified.map = &map;
+  map.remountIntervalIs(0.1);
+  map.init(mode, false, numKeys);
+  std::mt19937 rng{static_cast<std::uint32_t>(mode)};
   WriterResult writer;
   bool stopped = false;
-  try {
-    for (std::uint64_t round = 0; Kiv::Activity::now() < deadline; ++round) {
-      if (!stopped) {
-        for (int i = 0; i < 256; ++i) {
-          TestKey const key = keyOf(rng() % numKeys);
-          bool found = false;
-          Churn const r = reader.doLookup(key, found);
-          ++checker.verdict.lookups;
-          if (found) checker.check(r, &key);
-        }
-        if (round % 512 == 100) iterate(reader, checker);
-        stopped = get(finalFd, writer, 0);
-        if (stopped) deadline = Kiv::Activity::now() + 30;  // to catch up with the writer
+  double deadline = Kiv::Activity::now() + 600;
+  for (std::uint64_t round = 0; Kiv::Activity::now() < deadline; ++round) {
+    activity.runOnce(map.fullyAttached() ? 0 : 0.01);
+    if (!stopped) {
+      for (int i = 0; i < 256 && map.fullyAttached(); ++i) {
+        TestKey const key = keyOf(rng() % numKeys);
+        bool found = false;
+        Churn const r = map.safeLookup(key, found);
+        ++checker.verdict.lookups;
+        if (found) checker.check(r, &key);
       }
-      if (follow) conquer.conquer(apply);
-      activity.runOnce(0);
-      if (!stopped) continue;
-      // The writer has stopped: the view (and the follower's copy) must reach its final table.
-      if (follow) {
-        if (conquer.lastSequence() < writer.sequence) continue;
-        Digest d;
-        for (auto const& [slot, r] : copy) d.add(r);
-        if (!(d == writer.table)) continue;
-      }
-      checker.verdict.view = iterate(reader, checker);
-      if (checker.verdict.view == writer.table) break;
+      if (round % 512 == 100) iterate(map, checker);
+      stopped = get(finalFd, writer, 0);
+      if (stopped) deadline = Kiv::Activity::now() + 30;  // to catch up with the writer
+      continue;
     }
-  } catch (std::exception const& e) {
-    return fail(e.what());
+    // The writer has stopped: the view must reach its final table.
+    checker.verdict.view = iterate(map, checker);
+    if (checker.verdict.view == writer.table) break;
   }
   checker.verdict.matched = checker.verdict.view == writer.table;
   put(verdictFd, checker.verdict);
 }
 
-TEST(ChurnProcess, ReadersSeeWholeRecordsAndEndWithTheWritersTable) {
+// Both readers, then one writer (or two: the first killed halfway), then the verdicts.
+void churn(bool restart) {
   TempRoot tmp;
-  Pipe result, stop, finalDirect, finalFollower, verdicts;
-  Process direct(
-      [&] { readerProcess(tmp.path(), false, finalDirect.readEnd(), verdicts.writeEnd()); });
-  Process follower(
-      [&] { readerProcess(tmp.path(), true, finalFollower.readEnd(), verdicts.writeEnd()); });
-  Process writer([&] { writerProcess(tmp.path(), 1, result.writeEnd(), stop.readEnd()); });
-
+  Pipe halfway, result, stop, finalDirect, finalShadow, verdicts;
+  Process direct([&] {
+    readerProcess(tmp.path(), Quarn::QuarnType::reader, finalDirect.readEnd(), verdicts.writeEnd());
+  });
+  Process shadow([&] {
+    readerProcess(tmp.path(), Quarn::QuarnType::shadow, finalShadow.readEnd(), verdicts.writeEnd());
+  });
+  auto startWriter = [&](std::uint32_t seed, std::uint32_t ops) {
+    return std::make_unique<Process>([&, seed, ops] {
+      writerProcess(tmp.path(), seed, ops, halfway.writeEnd(), result.writeEnd(), stop.readEnd());
+    });
+  };
+  auto writer = startWriter(1, numOps);
+  if (restart) {
+    std::uint32_t op;
+    ASSERT_TRUE(get(halfway.readEnd(), op, 300)) << "the writer did not get halfway";
+    writer->kill();
+    writer = startWriter(2, numOps / 2);
+  }
   WriterResult last;
   ASSERT_TRUE(get(result.readEnd(), last, 300)) << "the writer did not finish";
   EXPECT_TRUE(last.valid);
   EXPECT_GT(last.table.count, numKeys / 2);
   put(finalDirect.writeEnd(), last);
-  put(finalFollower.writeEnd(), last);
+  put(finalShadow.writeEnd(), last);
   for (int i = 0; i < 2; ++i) {
     Verdict v;
     ASSERT_TRUE(get(verdicts.readEnd(), v, 120)) << "a reader did not finish";
-    EXPECT_STREQ(v.error, "");
     EXPECT_EQ(v.torn, 0u);
     EXPECT_EQ(v.duplicates, 0u);
     EXPECT_TRUE(v.matched) << "view " << v.view.count << " entries, writer " << last.table.count;
     EXPECT_GT(v.lookups, 0u);
     EXPECT_GT(v.iterations, 0u);
+    EXPECT_GT(v.notified, 0u);
   }
+  std::string const report = tmp.path() + "/churn/corruption-detected";
+  EXPECT_FALSE(std::filesystem::exists(report)) << Quarn::Util::fileRead(report);
+}
+
+TEST(ChurnProcess, ReadersSeeWholeRecordsAndEndWithTheWritersTable) {
+  churn(false);
+}
+
+TEST(ChurnProcess, ReadersFollowAWriterKilledMidChurnToItsSuccessor) {
+  churn(true);
 }
 
 }  // namespace
