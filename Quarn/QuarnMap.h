@@ -49,8 +49,9 @@ std::uint32_t quarnLastOwner(std::string const& rootPath);
 template <class Key, class Wrapper, class Notifier = KeyNotifier<Key>>
 class QuarnMap {
  public:
-  // `rootDir` holds the table directories (empty: Mem::defaultRootDir()).
-  explicit QuarnMap(std::string name, Notifier* notifier = nullptr, std::string rootDir = {},
+  // `rootDir` holds the table directories (empty: Mem::defaultRootDir()). A map made without a
+  // name is named later with `nameIs`, before `init`.
+  explicit QuarnMap(std::string name = {}, Notifier* notifier = nullptr, std::string rootDir = {},
                     Kiv::Activity& activity = Kiv::Activity::current())
       : name_(std::move(name)),
         rootDir_(std::move(rootDir)),
@@ -155,6 +156,15 @@ class QuarnMap {
   bool mounted() const noexcept { return mounted_; }
   bool fullyAttached() const { return mounted_ && backend_->fullyAttached(); }
   bool notificationsOn() const noexcept { return notifying_; }
+  // Names (or renames) the table; refused once initialised, when its files are in use.
+  void nameIs(std::string name) {
+    if (initialized_) {
+      throw Jorv::InvalidInitializeException("QuarnMap::nameIs() " + name_ +
+                                             " already initialized");
+    }
+    name_ = std::move(name);
+    root_ = RootPath(name_, rootDir_);
+  }
   Notifier* notifier() const noexcept { return notifier_; }
   void notifierIs(Notifier* notifier) noexcept { notifier_ = notifier; }
   Jorv::DebugHandler& debugHandler() const noexcept { return *dh_; }

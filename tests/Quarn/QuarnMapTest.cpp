@@ -49,6 +49,8 @@ TEST_F(QuarnMapFixture, InitRefusesBadParametersAndLeavesTheMapAsItWas) {
             std::string::npos);
   EXPECT_EQ(m.mode(), QuarnType::writer);
   EXPECT_EQ(m.resize(), 10u);
+  EXPECT_NE(failure([&] { m.nameIs("other"); }).find("already initialized"), std::string::npos);
+  EXPECT_EQ(m.quarnName(), "t");
 }
 
 TEST(QuarnMapNames, DebugHandlerIsNamedAfterHashTableAndMode) {
