@@ -123,7 +123,13 @@ class Process {
     pid_ = ::fork();
     if (pid_ == 0) {
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      body();
+      // Nothing may unwind into the copy of the test runner: a failure ends the process, and
+      // the parent notices the missing report.
+      try {
+        body();
+      } catch (...) {
+        std::_Exit(1);
+      }
       std::_Exit(0);
     }
   }
