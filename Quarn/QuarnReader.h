@@ -269,9 +269,12 @@ bool QuarnReader<Key, Wrapper>::doNext(Key const& key, Wrapper& out, IterHint& h
   if (!buckets_.attached()) return false;
   // The hint is not needed: searching the key's own chain for the first greater key is right
   // whether or not the key is still there, and chains are short.
-  std::uint32_t const b = bucketOf(key);
+  // A copy: callers pass the key of `out` itself (`doNext(v.key, v, hint)`), which the walk
+  // overwrites with every slot it reads.
+  Key const after = key;
+  std::uint32_t const b = bucketOf(after);
   std::uint32_t slot;
-  if (walk(b, &key, Want::greater, out, slot,
+  if (walk(b, &after, Want::greater, out, slot,
            {"QuarnReader::doNext() hash chain cycle detected, ",
             "QuarnReader::doNext() corrupt key detected key:"})) {
     hint = {slot, b};
