@@ -375,19 +375,25 @@ void QuarnMap<Key, Wrapper, Notifier>::attach() {
   }
   KIV_TRACE(*dh_, 3, "QuarnMap::attach() attempting to attach ", name_, " as ",
             quarnTypeWord(mode_));
+  if (backend == nullptr) {
+    KIV_TRACE(*dh_, 1, "QuarnMap::attach() initialize failed for ", name_);
+    return;
+  }
+  // Installed before it initialises: the keys it reports during its first pass are looked up
+  // by the notifier through this map, so they must already find this back end.
+  install(std::move(backend), true);
   bool ok = false;
   try {
-    if (backend != nullptr) backend->notifying(notifying_);
-    ok = backend != nullptr && backend->initialize();
+    ok = backend_->initialize();
   } catch (Jorv::Exception const& e) {
     KIV_TRACE(*dh_, 1, "QuarnMap::attach() ", name_, ": ", e.what());
   }
   if (!ok) {
     KIV_TRACE(*dh_, 1, "QuarnMap::attach() initialize failed for ", name_);
+    install(std::make_unique<Dummy>(*dh_, mode_), false);
     return;
   }
   KIV_TRACE(*dh_, 3, "QuarnMap::attach() successful");
-  install(std::move(backend), true);
 }
 
 // A new back end reports the keys it holds; the keys only the old one held are reported after

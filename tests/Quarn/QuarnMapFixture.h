@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,7 +23,11 @@ namespace QuarnTest {
 // A plain notifier (not a KeyNotifier): the map accepts anything with onKey.
 struct Recorder {
   std::vector<TestKey> keys;
-  void onKey(TestKey const& key) { keys.push_back(key); }
+  std::function<void(TestKey const&)> probe;  // optional: runs inside the notification
+  void onKey(TestKey const& key) {
+    keys.push_back(key);
+    if (probe) probe(key);
+  }
   bool saw(TestKey const& key) const {
     for (auto const& k : keys) {
       if (k == key) return true;

@@ -145,6 +145,27 @@ TEST_F(QuarnMapFixture, ReaderMountsWhenWriterAppearsAndReportsChangedKeys) {
   EXPECT_NE(reader->readerCounters().find("notifications:"), std::string::npos);
 }
 
+// A notifier that looks up each key it hears finds it, also for the keys a reading back end
+// reports while it attaches (its first pass runs before the attach returns).
+TEST_F(QuarnMapFixture, KeysReportedWhileAttachingAreVisibleThroughTheMap) {
+  auto writer = map(QuarnType::writer);
+  for (std::uint32_t i = 1; i <= 10; ++i) writer->safeWrite(record(i, i, i));
+  for (QuarnType mode : {QuarnType::reader, QuarnType::shadow}) {
+    std::unique_ptr<Map> reader;
+    std::size_t absent = 0;
+    recorder.keys.clear();
+    recorder.probe = [&](TestKey const& key) {
+      bool found = false;
+      if (reader) reader->safeLookup(key, found);
+      absent += found ? 0 : 1;
+    };
+    reader = map(mode);
+    ASSERT_TRUE(runUntil([&] { return reader->fullyAttached() && recorder.keys.size() >= 10; }));
+    EXPECT_EQ(absent, 0u) << quarnTypeWord(mode);
+    recorder.probe = nullptr;
+  }
+}
+
 // Every reading mode follows the writer to a new incarnation and answers from it alone.
 TEST_F(QuarnMapFixture, ReadersFollowWriterToNewIncarnation) {
   auto writer = map(QuarnType::writer);
