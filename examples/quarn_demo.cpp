@@ -210,47 +210,66 @@ bool receive(int fd, T& message) {
   return ::read(fd, &message, sizeof message) == ssize_t(sizeof message);
 }
 
-// ---- the writer process
+// ---- the child processes
 
-class WriterProcess {
+// What the writer and the readers share: their table, the keys, the activity, the report pipe
+// and the command pipe, whose messages go to `onCommand` (nullptr: the parent went away).
+class ChildBody {
  public:
-  WriterProcess(std::string const& root, Options const& options, int reportFd, int commandFd)
-      : options_(options),
+  ChildBody(Role role, std::string const& root, Options const& options, int reportFd, int commandFd,
+            Quarn::KeyNotifier<Key>* notifier)
+      : role_(role),
+        options_(options),
         reportFd_(reportFd),
         keys_(demoKeys(options.records)),
-        table_(tableName, nullptr, root, activity_),
+        table_(tableName, notifier, root, activity_),
         commands_(activity_, commandFd, EPOLLIN, [this, commandFd](std::uint32_t) {
           Command c;
-          if (!receive(commandFd, c)) {
-            activity_.stop();  // the parent went away
-            stopped_ = true;
-          } else if (c.op == Command::stop) {
-            stopped_ = true;
-          }
+          onCommand(receive(commandFd, c) ? &c : nullptr);
         }) {}
+  virtual ~ChildBody() = default;
 
-  void run();
-
- private:
-  Report report(Report::Kind kind) const {
+ protected:
+  virtual void onCommand(Command const* command) = 0;
+  Report report(Report::Kind kind, std::uint64_t operations) const {
     Report r;
     r.kind = kind;
-    r.role = Role::writer;
+    r.role = role_;
     r.fenix = table_.fenixId();
-    r.isAttached = 1;
+    r.isAttached = table_.fullyAttached();
     r.time = monotonic();
     r.records = table_.members();
-    r.operations = updates_;
+    r.operations = operations;
     return r;
   }
-  void churn();
+  void sendReport(Report const& r) const { send(reportFd_, r); }
 
+  Role role_;
   Options options_;
   int reportFd_;
   std::vector<Key> keys_;
   Kiv::Activity& activity_ = Kiv::Activity::current();
   Table table_;
   Kiv::FdWatch commands_;
+};
+
+// The writer: fills the table, churns it until told to stop, then validates it and reports its
+// final contents.
+class WriterProcess final : public ChildBody {
+ public:
+  WriterProcess(std::string const& root, Options const& options, int reportFd, int commandFd)
+      : ChildBody(Role::writer, root, options, reportFd, commandFd, nullptr) {}
+
+  void run();
+
+ private:
+  void onCommand(Command const* command) override {
+    if (command == nullptr) activity_.stop();
+    if (command == nullptr || command->op == Command::stop) stopped_ = true;
+  }
+  Report report(Report::Kind kind) const { return ChildBody::report(kind, updates_); }
+  void churn();
+
   std::uint64_t updates_ = 0;
   bool stopped_ = false;
 };
@@ -261,21 +280,21 @@ void WriterProcess::run() {
   Report attached = report(Report::attached);
   attached.attachSeconds = monotonic() - start;
   attached.kept = table_.members();
-  send(reportFd_, attached);
-  // Fill what the table lacks (everything on a first start or after a re-format).
-  double const now = monotonic();
+  sendReport(attached);
+  // Fill what the table lacks (everything on a first start or after a re-format). The fill is
+  // stamped 0: it is a bulk load, not a change whose propagation the readers should time.
   bool found = false;
   for (std::size_t i = 0; i < keys_.size(); ++i) {
     table_.safeLookup(keys_[i], found);
-    if (!found) table_.safeWrite(valueOf(keys_[i], i, now));
+    if (!found) table_.safeWrite(valueOf(keys_[i], i, 0));
     if (i % 4096 == 0) activity_.runOnce(0);
   }
-  send(reportFd_, report(Report::ready));
+  sendReport(report(Report::ready));
   churn();
   Report last = report(Report::finished);
   last.valid = table_.validate() && table_.validateFiles();
   last.digest = digestOf(table_);
-  send(reportFd_, last);
+  sendReport(last);
   // Keep serving the readers' wake-up channel until the parent closes the command pipe.
   activity_.run();
 }
@@ -300,7 +319,7 @@ void WriterProcess::churn() {
     }
     activity_.runOnce(batch == 0 ? 0.001 : 0);
     if (now >= nextReport) {
-      send(reportFd_, report(Report::progress));
+      sendReport(report(Report::progress));
       nextReport = now + 0.25;
     }
   }
@@ -312,24 +331,11 @@ void WriterProcess::churn() {
 // "shadow" (a private copy kept in step by the notifications). Both mount by themselves when
 // the writer's files appear and again when the writer starts a new incarnation; both report
 // every changed key, which is looked up to measure how long the change took to arrive.
-class ReaderProcess : public Quarn::KeyNotifier<Key> {
+class ReaderProcess final : public ChildBody, public Quarn::KeyNotifier<Key> {
  public:
   ReaderProcess(Role role, std::string const& root, Options const& options, int reportFd,
                 int commandFd)
-      : role_(role),
-        lookupRate_(options.lookupRate),
-        reportFd_(reportFd),
-        keys_(demoKeys(options.records)),
-        table_(tableName, this, root, activity_),
-        commands_(activity_, commandFd, EPOLLIN, [this, commandFd](std::uint32_t) {
-          Command c;
-          if (!receive(commandFd, c)) {
-            done_ = true;
-          } else if (c.op == Command::verify) {
-            verify_ = true;
-            target_ = c.digest;
-          }
-        }) {
+      : ChildBody(role, root, options, reportFd, commandFd, this) {
     table_.init(role == Role::shadow ? Quarn::QuarnType::shadow : Quarn::QuarnType::reader, false,
                 options.records);
   }
@@ -345,15 +351,16 @@ class ReaderProcess : public Quarn::KeyNotifier<Key> {
   }
 
  private:
-  Report report(Report::Kind kind) {
-    Report r;
-    r.kind = kind;
-    r.role = role_;
-    r.fenix = table_.fenixId();
-    r.isAttached = table_.fullyAttached();
-    r.time = monotonic();
-    r.operations = lookups_;
-    r.records = table_.members();
+  void onCommand(Command const* command) override {
+    if (command == nullptr) {
+      done_ = true;
+    } else if (command->op == Command::verify) {
+      verify_ = true;
+      target_ = command->digest;
+    }
+  }
+  Report report(Report::Kind kind) const {
+    Report r = ChildBody::report(kind, lookups_);
     r.notifications = notifications_;
     r.malformed = malformed_;
     r.lagP50 = lag_.percentile(0.5);
@@ -364,15 +371,8 @@ class ReaderProcess : public Quarn::KeyNotifier<Key> {
   void lookups();
   void finish();
 
-  Role role_;
-  double lookupRate_;
-  int reportFd_;
-  std::vector<Key> keys_;
-  Kiv::Activity& activity_ = Kiv::Activity::current();
   LagHistogram lag_;
   double attachedAt_ = 0;
-  Table table_;
-  Kiv::FdWatch commands_;
   std::uint64_t lookups_ = 0;
   std::uint64_t notifications_ = 0;
   std::uint64_t malformed_ = 0;
@@ -388,7 +388,8 @@ void ReaderProcess::run() {
   double const start = monotonic();
   while (!done_ && !verify_) {
     // Lookups at the configured rate; the rest of the time waits for notifications.
-    bool const due = lookupRate_ <= 0 || double(lookups_) < (monotonic() - start) * lookupRate_;
+    bool const due =
+        options_.lookupRate <= 0 || double(lookups_) < (monotonic() - start) * options_.lookupRate;
     if (due) lookups();
     activity_.runOnce(due && table_.fullyAttached() ? 0 : 0.001);
     double const now = monotonic();
@@ -397,9 +398,9 @@ void ReaderProcess::run() {
       reportedFenix = table_.fenixId();
       reportedAttached = table_.fullyAttached();
       if (reportedAttached) attachedAt_ = now;
-      send(reportFd_, report(Report::attached));
+      sendReport(report(Report::attached));
     } else if (now >= nextReport) {
-      send(reportFd_, report(Report::progress));
+      sendReport(report(Report::progress));
       nextReport = now + 0.25;
     }
   }
@@ -428,7 +429,7 @@ void ReaderProcess::finish() {
   Report r = report(Report::finished);
   r.digest = seen;
   r.valid = seen == target_;
-  send(reportFd_, r);
+  sendReport(r);
   while (!done_) activity_.runOnce(-1);
 }
 
