@@ -38,6 +38,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Bidir/Quarn/GroupIntf.h"
@@ -174,7 +175,8 @@ char const* roleName(Role role) {
 }
 
 struct Report {
-  enum Kind : std::uint32_t { attached, ready, progress, finished, failed };
+  // resumed: a reader's first notification after a silence (the writer was away).
+  enum Kind : std::uint32_t { attached, ready, progress, resumed, finished, failed };
   Kind kind = progress;
   Role role = Role::writer;
   std::uint32_t fenix = 0;
@@ -344,10 +346,16 @@ class ReaderProcess final : public ChildBody, public Quarn::KeyNotifier<Key> {
 
   void onKey(Key const& key) override {
     ++notifications_;
+    double const now = monotonic();
+    if (now - lastNotification_ > 0.2) resumedAt_ = now;
+    lastNotification_ = now;
     bool found = false;
     Value const v = table_.safeLookup(key, found);
-    // Entries reported while (re)attaching were written before: not a propagation delay.
-    if (found && v.lastJoinReceived >= attachedAt_) lag_.add(monotonic() - v.lastJoinReceived);
+    // Entries reported while attaching were written before: not a propagation delay (the first
+    // attach reports them before attachedAt_ is set; the bulk fill is stamped 0).
+    if (found && attachedAt_ > 0 && v.lastJoinReceived >= attachedAt_) {
+      lag_.add(now - v.lastJoinReceived);
+    }
   }
 
  private:
@@ -373,6 +381,8 @@ class ReaderProcess final : public ChildBody, public Quarn::KeyNotifier<Key> {
 
   LagHistogram lag_;
   double attachedAt_ = 0;
+  double lastNotification_ = 0;
+  double resumedAt_ = 0;  // to report: when notifications came again after a silence
   std::uint64_t lookups_ = 0;
   std::uint64_t notifications_ = 0;
   std::uint64_t malformed_ = 0;
@@ -399,6 +409,10 @@ void ReaderProcess::run() {
       reportedAttached = table_.fullyAttached();
       if (reportedAttached) attachedAt_ = now;
       sendReport(report(Report::attached));
+    } else if (resumedAt_ != 0) {
+      Report r = report(Report::resumed);
+      r.time = std::exchange(resumedAt_, 0);
+      sendReport(r);
     } else if (now >= nextReport) {
       sendReport(report(Report::progress));
       nextReport = now + 0.25;
@@ -493,7 +507,9 @@ class Demo {
   double restartedAttachAt_ = 0;
   std::uint32_t oldFenix_ = 0;
   Report restarted_;
+  double restartedReadyAt_ = 0;
   double reattached_[3] = {0, 0, 0};
+  double resumed_[3] = {0, 0, 0};
   // Rates over the run, from progress reports.
   std::uint64_t updatesBefore_ = 0;
   Report writerFinal_;
@@ -584,6 +600,13 @@ void Demo::handleReport(ChildProcess& child) {
     case Report::ready:
       std::printf("[%5.1fs] writer ready: %llu records\n", since(),
                   static_cast<unsigned long long>(r.records));
+      if (killedAt_ != 0) restartedReadyAt_ = r.time;
+      break;
+    case Report::resumed:
+      if (restartedReadyAt_ != 0 && resumed_[index] == 0) {
+        resumed_[index] = r.time;
+        std::printf("[%5.1fs] %s hears the new writer's changes\n", since(), roleName(r.role));
+      }
       break;
     case Report::progress:
       break;
@@ -720,6 +743,10 @@ void Demo::summary() const {
                   std::max(0.0, reattached_[i] - restartedAttachAt_) * 1e3);
     } else {
       std::printf("%-25s stayed attached (same incarnation)\n", roleName(Role(i)));
+    }
+    if (resumed_[i] != 0) {
+      std::printf("%-25s first change of the new writer heard %.1f ms after it began writing\n", "",
+                  std::max(0.0, resumed_[i] - restartedReadyAt_) * 1e3);
     }
   }
   std::printf("validation                %s\n", writerFinal_.valid ? "passed" : "FAILED");
