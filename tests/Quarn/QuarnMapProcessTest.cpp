@@ -26,10 +26,10 @@ constexpr TestKey marker{0, 0};
 
 // "churn": rewrites 500 keys round and round; "resized": the same with another configured size
 // (its files cannot be kept: a new incarnation); "fill": writes 100 keys and serves readers.
-int writerChild(std::string const& spec) {
+int writerChild(std::string const& childArgs) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  std::string const mode = spec.substr(0, spec.find(':'));
-  std::string const dir = spec.substr(spec.find(':') + 1);
+  std::string const mode = childArgs.substr(0, childArgs.find(':'));
+  std::string const dir = childArgs.substr(childArgs.find(':') + 1);
   Kiv::Activity activity;
   Quarn::QuarnMap<TestKey, TestWrapper> map(QuarnMapFixture::table, nullptr, dir, activity);
   map.init(QuarnType::writer, false, mode == "resized" ? 2000 : 1000);
@@ -44,7 +44,7 @@ int writerChild(std::string const& spec) {
 }
 
 [[maybe_unused]] bool const childHook = [] {
-  if (char const* spec = std::getenv("QUARN_MAP_WRITER")) std::_Exit(writerChild(spec));
+  if (char const* childArgs = std::getenv("QUARN_MAP_WRITER")) std::_Exit(writerChild(childArgs));
   return false;
 }();
 
