@@ -63,7 +63,7 @@ TraceSink* traceSinkIs(TraceSink* sink);
 
 }  // namespace Kiv
 
-#define KIV_TRACE(handle, lvl, ...)                                          \
-  do {                                                                       \
-    if ((handle).enabled(lvl)) (handle).trace((lvl), __VA_ARGS__);           \
+#define KIV_TRACE(handle, lvl, ...)                                \
+  do {                                                             \
+    if ((handle).enabled(lvl)) (handle).trace((lvl), __VA_ARGS__); \
   } while (false)

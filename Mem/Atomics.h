@@ -54,14 +54,16 @@ inline std::uint64_t load64(void const* p) noexcept {
       .load(std::memory_order_acquire);
 }
 inline void store64(void* p, std::uint64_t v) noexcept {
-  std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p)).store(v, std::memory_order_release);
+  std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p))
+      .store(v, std::memory_order_release);
 }
 inline std::uint64_t load64Relaxed(void const* p) noexcept {
   return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(const_cast<void*>(p)))
       .load(std::memory_order_relaxed);
 }
 inline void store64Relaxed(void* p, std::uint64_t v) noexcept {
-  std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p)).store(v, std::memory_order_relaxed);
+  std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p))
+      .store(v, std::memory_order_relaxed);
 }
 
 inline std::uint32_t load32(void const* p) noexcept {
@@ -69,22 +71,28 @@ inline std::uint32_t load32(void const* p) noexcept {
       .load(std::memory_order_acquire);
 }
 inline void store32(void* p, std::uint32_t v) noexcept {
-  std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(p)).store(v, std::memory_order_release);
+  std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(p))
+      .store(v, std::memory_order_release);
 }
 inline std::uint32_t load32Relaxed(void const* p) noexcept {
   return std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(const_cast<void*>(p)))
       .load(std::memory_order_relaxed);
 }
 inline void store32Relaxed(void* p, std::uint32_t v) noexcept {
-  std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(p)).store(v, std::memory_order_relaxed);
+  std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(p))
+      .store(v, std::memory_order_relaxed);
 }
 
 // A 64-bit unit of two 32-bit words (low word first in memory, little-endian hosts only).
 constexpr std::uint64_t pack(std::uint32_t low, std::uint32_t high) noexcept {
   return std::uint64_t(low) | (std::uint64_t(high) << 32);
 }
-constexpr std::uint32_t lowWord(std::uint64_t v) noexcept { return std::uint32_t(v); }
-constexpr std::uint32_t highWord(std::uint64_t v) noexcept { return std::uint32_t(v >> 32); }
+constexpr std::uint32_t lowWord(std::uint64_t v) noexcept {
+  return std::uint32_t(v);
+}
+constexpr std::uint32_t highWord(std::uint64_t v) noexcept {
+  return std::uint32_t(v >> 32);
+}
 
 inline void fenceAcquire() noexcept {
   if constexpr (!modelFencesAsOrderedCopies) std::atomic_thread_fence(std::memory_order_acquire);
