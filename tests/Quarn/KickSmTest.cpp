@@ -2,17 +2,11 @@
 // this test binary re-executed with QUARN_KICK_CHILD set (see childHook below).
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <fstream>
-#include <iostream>
 #include <vector>
 
 #include "Quarn/KickChannel.h"
@@ -21,8 +15,7 @@
 #include "Quarn/WriterKickSm.h"
 #include "TestRecord.h"
 #include "support/ActivityWait.h"
-
-extern char** environ;
+#include "support/Children.h"
 
 namespace {
 
@@ -34,7 +27,6 @@ using TestSupport::runUntil;
 // Child reader: sleeps at the last sequence it has seen, and on every kick takes the writer's
 // sequence as consumed and sleeps again. Announces itself by creating "reader-started".
 int readerChild(std::string const& root) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   Kiv::Activity activity;
   std::uint64_t consumed = 0;
   ReaderKickSm* self = nullptr;
@@ -53,24 +45,14 @@ int readerChild(std::string const& root) {
   return 0;
 }
 
-[[maybe_unused]] bool const childHook = [] {
-  if (char const* root = std::getenv("QUARN_KICK_CHILD")) std::_Exit(readerChild(root));
-  return false;
-}();
+[[maybe_unused]] bool const childHook = TestSupport::childRole("QUARN_KICK_CHILD", readerChild);
 
 struct KickFixture : ::testing::Test {
   Kiv::Activity activity;
   QuarnTest::TempRoot tmp;
   std::uint64_t writerSequence = 0;
   std::vector<std::uint32_t> counts;  // as reported to the writer's handler
-  std::vector<pid_t> children;
-
-  ~KickFixture() override {
-    for (pid_t pid : children) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-    }
-  }
+  TestSupport::Children children{"QUARN_KICK_CHILD"};
 
   std::unique_ptr<WriterKickSm> writer(std::string const& root) {
     return std::make_unique<WriterKickSm>(
@@ -78,23 +60,8 @@ struct KickFixture : ::testing::Test {
         activity);
   }
 
-  pid_t spawnReader(std::string const& root) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-      ::setenv("QUARN_KICK_CHILD", root.c_str(), 1);
-      char const* argv[] = {"/proc/self/exe", "--gtest_list_tests", nullptr};
-      ::execve("/proc/self/exe", const_cast<char**>(argv), environ);
-      std::_Exit(127);
-    }
-    children.push_back(pid);
-    return pid;
-  }
-
-  void killReader(pid_t pid) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-    std::erase(children, pid);
-  }
+  pid_t spawnReader(std::string const& root) { return children.spawn(root); }
+  void killReader(pid_t pid) { children.kill(pid); }
 };
 
 TEST_F(KickFixture, ReadersAreCountedWokenAndDroppedWhenKilled) {
@@ -160,25 +127,6 @@ TEST_F(KickFixture, ReaderStartedBeforeWriterAndAcrossWriterRestart) {
   w = writer(root);
   ASSERT_TRUE(runUntil(activity, [&] { return w->numReaders() == 1 && w->lowestSequence() == 3; }));
   killReader(child);
-}
-
-TEST_F(KickFixture, WakeUpLatency) {
-  auto w = writer(tmp.path());
-  spawnReader(tmp.path());
-  ASSERT_TRUE(runUntil(activity, [&] { return w->numSleepers() == 1; }));
-  std::vector<double> roundTrips;
-  for (int i = 0; i < 300; ++i) {
-    ++writerSequence;
-    double start = Kiv::Activity::now();
-    w->doKickSleepers();
-    // Kick to the reader, its callback, and its sleep announcement back: twice the wake-up.
-    ASSERT_TRUE(runUntil(activity, [&] { return w->numSleepers() == 1; }));
-    roundTrips.push_back(Kiv::Activity::now() - start);
-  }
-  std::nth_element(roundTrips.begin(), roundTrips.begin() + 150, roundTrips.end());
-  double median = roundTrips[150];
-  std::cout << "median kick round trip: " << median * 1e6 << " us\n";
-  EXPECT_LT(median, 0.002);  // generous: the machine is shared; typical figures are far lower
 }
 
 // In-process checks of the wire: a reader whose connection is set up by hand.
