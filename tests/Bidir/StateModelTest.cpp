@@ -1,5 +1,5 @@
-// Status, Group and GroupIntf: defaults, change-only notification, counters, membership and
-// parent references, lifecycle, attribute names.
+// Status, Group and GroupIntf: change-only notification, counters, membership and parent
+// references.
 
 #include <gtest/gtest.h>
 
@@ -141,32 +141,10 @@ TEST(Status, DestroyedStatusRemovesItsGroups) {
   EXPECT_EQ(group->references(), 2u);  // ours and the watcher's: the Status let go
 }
 
-TEST(Status, IterationVisitsEveryGroupAndDeleteByIterator) {
-  auto status = statusFactory("v");
-  for (auto text : {"239.1.1.1", "239.1.1.2", "239.1.1.3", "ff0e::1"})
-    status->groupIs(IpGenAddr(text));
-  std::vector<IpGenAddr> seen;
-  for (auto const& g : std::as_const(*status).groupIter()) seen.push_back(g.groupAddr());
-  EXPECT_EQ(seen.size(), 4u);
-  auto it = status->groupIter().begin();
-  IpGenAddr first = it.key();
-  status->groupDel(it);
-  EXPECT_EQ(status->group(first), nullptr);
-  status->groupDelAll();
-  EXPECT_EQ(status->groupCount(), 0u);
-}
-
-TEST(Group, DefaultsAndChangeOnlySetters) {
+TEST(Group, ChangeOnlySetters) {
   Log log;
   auto group = groupFactory(g2);
-  EXPECT_EQ(group->groupAddr(), g2);
-  EXPECT_EQ(group->creationTime(), 0.0);
-  EXPECT_EQ(group->prevRpf(), Routing::Pim::Rpf());
-  EXPECT_EQ(group->prevRpf().metric, 0u);
   EXPECT_EQ(group->prevRpf().metricPreference, 1u);
-  EXPECT_EQ(group->upJoinState(), Group::upNotJoined);
-  EXPECT_FALSE(group->inactive() || group->initialized());
-  EXPECT_EQ(group->bidirStatus(), nullptr);
 
   auto w = watch<GroupWatcher>(log, group);
   group->prevRpfIs(Routing::Pim::Rpf());  // equal to the default: silent
@@ -240,14 +218,9 @@ TEST(Group, DestroyedGroupRemovesItsInterfaces) {
   EXPECT_EQ(b->parentGroup(), nullptr);
 }
 
-TEST(GroupIntf, DefaultsAndChangeOnlySetters) {
+TEST(GroupIntf, ChangeOnlySetters) {
   Log log;
   auto intf = groupIntfFactory(IntfId("Vlan100"));
-  EXPECT_EQ(intf->intfId(), IntfId("Vlan100"));
-  EXPECT_EQ(intf->joinState(), GroupIntf::noInfo);
-  EXPECT_FALSE(intf->forward() || intf->localReceiverInclude() || intf->iAmDf());
-  EXPECT_EQ(intf->lastJoinReceived(), 0.0);
-  EXPECT_EQ(intf->parentGroup(), nullptr);
   auto w = watch<GroupIntfWatcher>(log, intf);
   intf->iAmDfIs(true);
   intf->iAmDfIs(true);
@@ -261,48 +234,6 @@ TEST(GroupIntf, DefaultsAndChangeOnlySetters) {
                                                  "forward", "localReceiverInclude"}));
   EXPECT_THROW(intf->joinStateIs(static_cast<GroupIntf::JoinState>(3)), Kiv::RangeException);
   EXPECT_EQ(intf->joinState(), GroupIntf::prunePending);
-}
-
-TEST(AttributeNames, OwnThenBaseThenUnknown) {
-  auto status = statusFactory("v");
-  auto group = status->groupIs(g1);
-  auto intf = group->groupIntfIs(IntfId("Ethernet1"));
-  std::vector<std::string> statusNames, groupNames, intfNames;
-  for (Kiv::AttributeId id = 258; id <= 261; ++id)
-    statusNames.push_back(status->attributeString(id));
-  for (Kiv::AttributeId id = 258; id <= 275; ++id) groupNames.push_back(group->attributeString(id));
-  for (Kiv::AttributeId id = 258; id <= 267; ++id) intfNames.push_back(intf->attributeString(id));
-  EXPECT_EQ(statusNames,
-            (std::vector<std::string>{"group", "rpaRpfStatus", "rpHashStatus", "initialized"}));
-  EXPECT_EQ(groupNames, (std::vector<std::string>{
-                            "groupAddr", "creationTime", "rpaRpf", "rpf", "prevRpf", "prevRpaId",
-                            "rp", "rpaIndex", "upJoinState", "groupIntf", "neighborGenIdChanged",
-                            "rpfChanged", "inactiveCount", "inactive", "initialized", "routeKey",
-                            "bidirStatus", "joinDesired"}));
-  EXPECT_EQ(intfNames, (std::vector<std::string>{
-                           "intfId", "parentGroup", "joinState", "lastJoinReceived", "forward",
-                           "localReceiverInclude", "iAmDf", "oList", "pimInclude", "joins"}));
-  EXPECT_EQ(status->attributeString(262), "unknown");
-  EXPECT_EQ(group->attributeString(276), "unknown");
-  EXPECT_EQ(intf->attributeString(200), "unknown");
-  EXPECT_EQ(intf->attributeString(6), "isNondestructing");
-}
-
-TEST(Lifecycle, IsNondestructingIsNotified) {
-  Log log;
-  auto intf = groupIntfFactory(IntfId("Loopback0"));
-  struct W : GroupIntfWatcher {
-    using GroupIntfWatcher::GroupIntfWatcher;
-    void onIsNondestructing() override { ++calls; }
-    int calls = 0;
-  };
-  Kiv::Ptr<W> w = new W(log);
-  w->notifierIs(intf);
-  intf->isNondestructingIs(true);
-  intf->isNondestructingIs(true);
-  EXPECT_EQ(w->calls, 1);
-  intf->isNondestructingIs(false);  // otherwise it would outlive its last reference
-  EXPECT_EQ(w->calls, 2);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <csignal>
 #include <thread>
 #include <vector>
 
@@ -189,24 +188,6 @@ TEST(ActivityConcurrent, StopFromAnotherThreadEndsRun) {
   activity.run();  // blocks in epoll_wait with nothing else to do until stop() arrives
   stopper.join();
   EXPECT_TRUE(running.load());
-}
-
-Activity* signalled = nullptr;
-extern "C" void stopOnSignal(int) {
-  signalled->stop();
-}
-
-TEST(Activity, StopFromSignalHandler) {
-  Activity activity;
-  signalled = &activity;
-  struct sigaction sa {
-  }, old{};
-  sa.sa_handler = stopOnSignal;
-  ASSERT_EQ(::sigaction(SIGUSR1, &sa, &old), 0);
-  activity.timerIs(Activity::now(), [] { ::raise(SIGUSR1); });
-  activity.run();
-  ::sigaction(SIGUSR1, &old, nullptr);
-  SUCCEED();
 }
 
 }  // namespace

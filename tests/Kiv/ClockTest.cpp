@@ -6,8 +6,6 @@
 #include <memory>
 #include <vector>
 
-#include "support/ActivityWait.h"
-
 namespace {
 
 using Kiv::Clock;
@@ -79,28 +77,6 @@ TEST(Clock, ClockDestroyedBeforeItsNotifiees) {
   Reactor r(clock.get());
   clock.reset();
   EXPECT_EQ(r.notifier(), nullptr);
-}
-
-TEST(ActivityClock, SlicesYieldThroughTheActivity) {
-  Kiv::Activity activity;
-  Kiv::Ptr<Clock const> held = Kiv::newPtr<Kiv::ActivityClock>(activity);
-  Clock const& clock = *held;
-  Reactor r(nullptr);
-  r.notifierIs(held);
-  std::vector<double> times;
-  double const start = clock.now() + 0.01;
-  r.action = [&] {
-    times.push_back(clock.now());
-    if (times.size() < 3) clock.timeMinIs(clock.now());  // next slice at the next turn
-  };
-  clock.timeMinIs(start);
-  ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return times.size() == 3; }));
-  EXPECT_GE(times[0], start);
-  EXPECT_EQ(activity.runOnce(0.02), 0u);
-  EXPECT_EQ(r.ticks, 3);
-  clock.timeMinIs(clock.now() + 0.005);
-  clock.timeMinIs(Clock::never);
-  EXPECT_EQ(activity.numTimers(), 0u);
 }
 
 }  // namespace

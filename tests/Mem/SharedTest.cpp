@@ -60,20 +60,6 @@ TEST(MemShared, WriterAndReadOnlyMappingsShareContentAcrossGrowth) {
   EXPECT_FALSE(writer.resize(page));
 }
 
-TEST(MemLocal, AnonymousRegionGrowsKeepingContent) {
-  Mem::Local local;
-  EXPECT_EQ(local.name(), "[ANONYMOUS]");
-  EXPECT_EQ(local.sizeOnDisk(), 0u);
-  EXPECT_FALSE(local.resize(100));
-  ASSERT_TRUE(local.attach(Mem::pageSize()));
-  std::strcpy(local.base(), "kept");
-  ASSERT_TRUE(local.resize(32 * Mem::pageSize()));
-  EXPECT_STREQ(local.base(), "kept");
-  EXPECT_EQ(local.base()[31 * Mem::pageSize()], 0);
-  EXPECT_TRUE(local.remove());
-  EXPECT_FALSE(local.attached());
-}
-
 TEST(QuarnUtil, FenixFileAndCorruptionMarker) {
   TempDir dir;
   std::string const root = dir.path() + "/t";
@@ -96,9 +82,6 @@ TEST(QuarnUtil, FenixFileAndCorruptionMarker) {
 TEST(QuarnUtil, WriterLockExcludesAndRecordsOwner) {
   TempDir dir;
   std::string const root = dir.path() + "/locked";
-  Quarn::RootPath const path("locked", dir.path());
-  EXPECT_EQ(path.str(), root);
-  EXPECT_EQ(path.file("fenix"), root + "/fenix");
   {
     Quarn::Util::AutoLock lock(root);
     ASSERT_TRUE(lock.locked());

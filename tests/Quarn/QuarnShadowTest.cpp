@@ -1,16 +1,10 @@
 // The shadow copy against a real writer on the same files: notifier calls per net change, full
-// passes in slices and in one, growth and shrink of the store, key-only shadows, and a writer in
-// another process.
+// passes in slices, growth and shrink of the store, and key-only shadows.
 
 #include "Quarn/QuarnShadow.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <map>
 #include <vector>
 
@@ -24,11 +18,6 @@ using Writer = Quarn::QuarnWriter<TestKey, TestWrapper>;
 using Shadow = Quarn::QuarnShadow<TestKey, TestWrapper>;
 
 namespace {
-
-constexpr char const* handle = "QuarnShadowTest";
-Jorv::DebugHandler& dh() {
-  return Jorv::Platform::getDebugHandler(handle);
-}
 
 // The group table's shadow slots: two 4-byte links, then the key or the whole record.
 using GroupWrapper =
@@ -77,7 +66,7 @@ struct Shadowing : ::testing::Test {
   std::unique_ptr<Writer> writer;
   Recorder rec;
   std::unique_ptr<Shadow> shadow;
-  TraceCapture trace{handle, 9};
+  TraceCapture trace{testHandle, 9};
   std::vector<std::string> corruptions;
 
   void SetUp() override {
@@ -198,15 +187,6 @@ TEST_F(Shadowing, FullPassInSlicesFollowsChangesMadeMeanwhile) {
   }
 }
 
-TEST_F(Shadowing, FullPassWithYieldTimeZeroRunsInOneSlice) {
-  for (std::uint32_t i = 0; i < 3000; ++i) writer->write(record(i % 13, i, i));
-  start(Quarn::QuarnType::shadow, 0, 1);
-  EXPECT_EQ(shadow->state(), Shadow::State::synchronized);
-  EXPECT_EQ(shadow->syncer().slices(), 1u);
-  EXPECT_EQ(rec.events.size(), 3000u);
-  expectEqualToWriter();
-}
-
 TEST_F(Shadowing, GrowsWithTheSharedTableAndShrinksAfterMassRemoval) {
   start();
   std::uint32_t const initial = shadow->capacity();
@@ -236,17 +216,6 @@ TEST_F(Shadowing, GrowsWithTheSharedTableAndShrinksAfterMassRemoval) {
   for (std::uint32_t i = 0; i < 500; ++i) writer->write(record(i % 7, 10000 + i, i));
   settle();
   EXPECT_EQ(rec.events.size(), 500u);
-  expectEqualToWriter();
-}
-
-TEST_F(Shadowing, NotificationBeyondBothTablesIsDiscarded) {
-  writer->write(record(1, 1, 1));
-  start();
-  std::uint32_t const capacity = shadow->capacity();
-  shadow->store()->doSlot(writer->capacity() + 1000, false, true);
-  EXPECT_TRUE(trace.contains("ShadowStore::grow() complete. Never learned of slotIndex:"));
-  EXPECT_TRUE(trace.contains("ShadowStore::doSlot() discarding notification for slotIndex:"));
-  EXPECT_EQ(shadow->capacity(), capacity);
   expectEqualToWriter();
 }
 
@@ -292,7 +261,7 @@ TEST(QuarnShadow, InitializeFailsWithoutWriterAndForAReaderMode) {
   TempRoot tmp;
   Kiv::Activity activity;
   Recorder rec;
-  TraceCapture trace{handle, 9};
+  TraceCapture trace{testHandle, 9};
   Shadow noWriter(dh(), tmp.path() + "/t", Quarn::QuarnType::shadow, rec, activity);
   EXPECT_FALSE(noWriter.initialize());
   EXPECT_TRUE(trace.contains("QuarnShadow::initialize() quarn.initialize() Failed"));
@@ -304,70 +273,6 @@ TEST(QuarnShadow, InitializeFailsWithoutWriterAndForAReaderMode) {
   Shadow wrongKind(dh(), root, Quarn::QuarnType::reader, rec, activity);
   EXPECT_FALSE(wrongKind.initialize());
   EXPECT_TRUE(trace.contains("QuarnShadow::doInitialize() bad reader reader"));
-}
-
-// The writer is another process; the shadow follows it through the channel.
-TEST(QuarnShadow, FollowsAWriterProcess) {
-  TempRoot tmp;
-  std::string const root = tmp.path() + "/t";
-  int go[2];
-  ASSERT_EQ(::pipe(go), 0);
-  pid_t child = ::fork();
-  if (child == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::close(go[0]);
-    Kiv::Activity activity;
-    std::filesystem::create_directories(root);
-    std::unique_ptr<Writer> writer;
-    Quarn::WriterKickSm kick(
-        root, [&] { return writer->conquer().sequence(); },
-        [&](std::uint32_t) { writer->conquer().updateNumReaders(); }, activity);
-    writer = std::make_unique<Writer>(dh(), "t", 10000, false, "TestRecord", &kick, tmp.path());
-    writer->attach();
-    for (std::uint32_t i = 0; i < 300; ++i) writer->write(record(i % 11, i, i));
-    TestSupport::runUntil(
-        activity, [&] { return kick.numReaders() == 1; }, 20);
-    TestWrapper gone;
-    for (std::uint32_t i = 0; i < 2000; ++i) {
-      writer->write(record(i % 11, i, i * 3));
-      if (i % 4 == 0) writer->remove(TestKey{i, i % 11}, gone);
-      activity.runOnce(0);
-    }
-    char byte = 1;
-    (void)!::write(go[1], &byte, 1);
-    TestSupport::runUntil(
-        activity, [&] { return kick.numReaders() == 0; }, 20);
-    std::_Exit(0);
-  }
-  ::close(go[1]);
-  ::fcntl(go[0], F_SETFL, O_NONBLOCK);
-  Kiv::Activity activity;
-  ASSERT_TRUE(TestSupport::runUntil(
-      activity, [&] { return Quarn::FenixFile::read(root) != 0; }, 20));
-  Recorder rec;
-  Shadow shadow(dh(), root, Quarn::QuarnType::shadow, rec, activity);
-  rec.shadow = &shadow;
-  ASSERT_TRUE(shadow.initialize());
-  std::map<TestKey, std::uint32_t> expected;
-  for (std::uint32_t i = 0; i < 2000; ++i) {
-    if (i % 4 != 0) expected[TestKey{i, i % 11}] = i * 3;
-  }
-  char byte = 0;
-  ASSERT_TRUE(TestSupport::runUntil(
-      activity,
-      [&] {
-        if (byte == 0) (void)!::read(go[0], &byte, 1);
-        return byte == 1 && contents(shadow) == expected;
-      },
-      20));
-  ::close(go[0]);
-  std::map<TestKey, Recorder::Event> last;
-  for (auto const& e : rec.events) last[e.key] = e;
-  for (auto const& [key, value] : expected) EXPECT_EQ(last[key].value, value) << key;
-  shadow.detach();
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <ostream>
 #include <string>
 
+#include "Jorv/Exception.h"
+#include "Jorv/Platform.h"
 #include "KivQuarn/KivQuarnMapValueWrapper.h"
 
 namespace QuarnTest {
@@ -35,6 +37,23 @@ struct TestRecord {
 
 using TestWrapper = KivQuarn::KivQuarnMapValueWrapper<TestRecord, TestKey>;
 static_assert(sizeof(TestWrapper) == 28);
+
+// The debug handler every engine test hands its tables; trace captures name it too.
+constexpr char const* testHandle = "QuarnTest";
+inline Jorv::DebugHandler& dh() {
+  return Jorv::Platform::getDebugHandler(testHandle);
+}
+
+// The message of the exception of type E that `f` raises; "no exception" when it returns.
+template <class E = Jorv::Exception, class F>
+std::string failure(F&& f) {
+  try {
+    f();
+  } catch (E const& e) {
+    return e.what();
+  }
+  return "no exception";
+}
 
 inline TestWrapper record(std::uint32_t group, std::uint32_t id, std::uint32_t value) {
   TestWrapper w;

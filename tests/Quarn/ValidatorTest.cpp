@@ -13,10 +13,6 @@ using Writer = Quarn::QuarnWriter<TestKey, TestWrapper>;
 
 namespace {
 
-Jorv::DebugHandler& dh() {
-  return Jorv::Platform::getDebugHandler("ValidatorTest");
-}
-
 char* slotOf(Writer& w, std::uint32_t group, std::uint32_t id) {
   TestKey const key{id, group};
   auto const f = w.find(key, w.bucketOf(key));
@@ -145,7 +141,7 @@ TEST(Validator, FileSizesOnDisk) {
   w.attach();
   EXPECT_TRUE(w.validateFiles());
   ASSERT_EQ(::truncate((root.path() + "/files/conquer.2").c_str(), 100), 0);
-  TraceCapture trace("ValidatorTest");
+  TraceCapture trace(testHandle);
   EXPECT_FALSE(w.validateFiles());
   EXPECT_TRUE(trace.contains("ValidatorBase::validateFile() wrong size "));
   EXPECT_TRUE(trace.contains("ConquerWriter::validateFile(): conquer.2 validation failed"));
