@@ -89,7 +89,6 @@ struct Verdict {
   std::uint64_t torn = 0;        // copies whose checksum or key was wrong
   std::uint64_t duplicates = 0;  // keys met twice in one iteration
   std::uint32_t matched = 0;
-  char error[400] = {};
 };
 
 template <class T>
