@@ -115,6 +115,11 @@ bool ValidatorBase::markOccupied(std::uint32_t s) {
        << " size:" << positionMarks_.size();
     return fail(os.str());
   }
+  if (!withinQueue(c)) {
+    os << "Validator::markOccupied() slot:" << s << " conquer index:" << c
+       << " beyond currentPos:" << conquer_.currentPos(conquer_.currentTable());
+    return fail(os.str());
+  }
   // A tombstone at c is left for the notification walk, which names it precisely.
   if (std::uint32_t const named = conquer_.entrySlot(c); named != s && named != noIndex) {
     os << "Validator::markOccupied() slot:" << s << " bad notification:" << c << " slot:" << named;
@@ -126,6 +131,10 @@ bool ValidatorBase::markOccupied(std::uint32_t s) {
   }
   positionMarks_[c] = true;
   return true;
+}
+
+bool ValidatorBase::withinQueue(std::uint32_t position) const {
+  return position < conquer_.currentPos(conquer_.currentTable());
 }
 
 bool ValidatorBase::walkFreeSlots() {
@@ -153,6 +162,11 @@ bool ValidatorBase::walkFreeSlots() {
       if (c >= positionMarks_.size()) {
         os << "Validator::walkFreeSlots() slot index:" << i
            << " has out of range conquer slot: " << c;
+        return fail(os.str());
+      }
+      if (!withinQueue(c)) {
+        os << "Validator::walkFreeSlots() slot index:" << i << " conquer index:" << c
+           << " beyond currentPos:" << conquer_.currentPos(conquer_.currentTable());
         return fail(os.str());
       }
       if (std::uint32_t const named = conquer_.entrySlot(c); named != i && named != noIndex) {

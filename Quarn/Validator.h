@@ -45,6 +45,10 @@ class ValidatorBase {
 
  protected:
   bool fail(std::string text);
+  // A slot's live entry must lie in the written part of the current table: a writer that died
+  // between writing an entry and advancing currentPos leaves a claim the next append would
+  // overwrite with another slot's entry.
+  bool withinQueue(std::uint32_t position) const;
   bool checkOccupiedCount(std::uint32_t count);
 
   Jorv::DebugHandler& dh_;

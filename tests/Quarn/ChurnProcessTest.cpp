@@ -103,6 +103,12 @@ bool get(int fd, T& v, double seconds) {
   return ::poll(&p, 1, int(seconds * 1000)) == 1 && ::read(fd, &v, sizeof v) == ssize_t(sizeof v);
 }
 
+class Process;
+// As `get`, but gives up as soon as `sender` has ended without sending (the pipe's write end is
+// also held by the other children, so its end alone would not show).
+template <class T>
+bool getFrom(Process& sender, int fd, T& v, double seconds);
+
 struct Pipe {
   int fd[2] = {-1, -1};
   Pipe() { EXPECT_EQ(::pipe(fd), 0); }
@@ -126,6 +132,9 @@ class Process {
       // the parent notices the missing report.
       try {
         body();
+      } catch (std::exception const& e) {
+        std::fprintf(stderr, "churn child %d: %s\n", int(::getpid()), e.what());
+        std::_Exit(1);
       } catch (...) {
         std::_Exit(1);
       }
@@ -133,6 +142,11 @@ class Process {
     }
   }
   ~Process() { kill(); }
+  // False once the process has ended (it is then reaped).
+  bool alive() {
+    if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == pid_) pid_ = -1;
+    return pid_ > 0;
+  }
   void kill() {
     if (pid_ > 0) {
       ::kill(pid_, SIGKILL);
@@ -144,6 +158,15 @@ class Process {
  private:
   pid_t pid_ = -1;
 };
+
+template <class T>
+bool getFrom(Process& sender, int fd, T& v, double seconds) {
+  for (double waited = 0; waited < seconds; waited += 0.2) {
+    if (get(fd, v, 0.2)) return true;
+    if (!sender.alive()) return get(fd, v, 0);  // a last message may have been sent just before
+  }
+  return false;
+}
 
 // ---- the writer
 
@@ -281,12 +304,12 @@ void churn(bool restart) {
   auto writer = startWriter(1, numOps);
   if (restart) {
     std::uint32_t op;
-    ASSERT_TRUE(get(halfway.readEnd(), op, 300)) << "the writer did not get halfway";
+    ASSERT_TRUE(getFrom(*writer, halfway.readEnd(), op, 300)) << "the writer did not get halfway";
     writer->kill();
     writer = startWriter(2, numOps / 2);
   }
   WriterResult last;
-  ASSERT_TRUE(get(result.readEnd(), last, 300)) << "the writer did not finish";
+  ASSERT_TRUE(getFrom(*writer, result.readEnd(), last, 250)) << "the writer did not finish";
   EXPECT_TRUE(last.valid);
   EXPECT_GT(last.table.count, numKeys / 2);
   put(finalDirect.writeEnd(), last);

@@ -119,6 +119,15 @@ TEST(Validator, FindsEveryPlantedDamage) {
          w.slots().conquerSlotIs(indexOf(w, 0, 0), w.slots().conquerSlot(indexOf(w, 0, 1)));
        },
        "Validator::markOccupied() slot:"},
+      {"writer died before advancing currentPos",
+       [](Writer& w) {
+         std::uint32_t const pos = w.conquer().currentPos(w.conquer().currentTable());
+         Quarn::ConquerTable::setEntry(
+             Quarn::ConquerTable::entry(w.conquer().base(w.conquer().currentTable()), pos), 999,
+             indexOf(w, 0, 0));
+         w.slots().conquerSlotIs(indexOf(w, 0, 0), pos);
+       },
+       "beyond currentPos:"},
       {"notifications out of order",
        [](Writer& w) {
          Quarn::ConquerTable::setEntry(Quarn::ConquerTable::entry(w.conquer().base(0), 1), 100,
