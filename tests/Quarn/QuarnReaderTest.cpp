@@ -57,13 +57,9 @@ struct Mounted : ::testing::Test {
 };
 
 std::map<TestKey, std::uint32_t> readAll(Reader& r) {
-  std::map<TestKey, std::uint32_t> out;
-  TestWrapper v;
-  Quarn::IterHint hint;
-  for (bool more = r.first(0, v, hint); more; more = r.doNext(TestKey(v.key), v, hint)) {
-    EXPECT_TRUE(out.emplace(v.key, v.value).second) << "key delivered twice";
-  }
-  return out;
+  return tableContents(r, [](Reader& t, TestKey const& k, TestWrapper& w, Quarn::IterHint& h) {
+    return t.doNext(k, w, h);
+  });
 }
 
 TEST_F(Mounted, LookupAndIterationFollowTheWriterThroughGrowth) {

@@ -48,13 +48,9 @@ struct Recorder : Quarn::KeyNotifier<TestKey> {
 
 template <class Table>
 std::map<TestKey, std::uint32_t> contents(Table& table) {
-  std::map<TestKey, std::uint32_t> out;
-  TestWrapper w;
-  Quarn::IterHint hint;
-  for (bool more = table.first(0, w, hint); more; more = table.next(TestKey(w.key), w, hint)) {
-    EXPECT_TRUE(out.emplace(w.key, w.value).second) << "key delivered twice";
-  }
-  return out;
+  return tableContents(table, [](Table& t, TestKey const& k, TestWrapper& w, Quarn::IterHint& h) {
+    return t.next(k, w, h);
+  });
 }
 
 // A shared writer with its readers' channel, and shadows on its files, on one activity.

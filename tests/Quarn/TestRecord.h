@@ -2,15 +2,19 @@
 // A small key and record for engine tests, laid out like the real records (4-byte packed, key
 // first), plus helpers shared by the engine test files.
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <ostream>
 #include <string>
 
 #include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
 #include "KivQuarn/KivQuarnMapValueWrapper.h"
+#include "Quarn/IterHint.h"
 
 namespace QuarnTest {
 
@@ -129,5 +133,18 @@ class TraceCapture : public Kiv::TraceSink {
   Kiv::TraceSink* previous_;
   std::vector<std::string> lines_;
 };
+
+// Every entry of a table as key -> value, walked with the table's first and `next` (a callable
+// (table, key, out, hint) -> bool); a key delivered twice fails the test.
+template <class Table, class Next>
+std::map<TestKey, std::uint32_t> tableContents(Table& table, Next next) {
+  std::map<TestKey, std::uint32_t> out;
+  TestWrapper w;
+  Quarn::IterHint hint;
+  for (bool more = table.first(0, w, hint); more; more = next(table, TestKey(w.key), w, hint)) {
+    EXPECT_TRUE(out.emplace(w.key, w.value).second) << "key delivered twice";
+  }
+  return out;
+}
 
 }  // namespace QuarnTest
