@@ -5,25 +5,63 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <signal.h>
+
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <mutex>
 
 namespace Mem {
 namespace {
 
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(Fd const&) = delete;
-  Fd& operator=(Fd const&) = delete;
-  int get() const { return fd_; }
+// ---- truncation registry (see Mem/Shared.h): read by the SIGBUS handler, lock-free.
 
- private:
-  int fd_;
+struct Guard {
+  std::atomic<bool> used{false};
+  std::atomic<std::uintptr_t> begin{0};  // 0: no mapping registered
+  std::atomic<std::uintptr_t> end{0};
+  std::atomic<bool> damaged{false};
 };
+constexpr int maxGuards = 4096;  // beyond that, mappings are simply not guarded
+Guard guards[maxGuards];
+struct sigaction previousSigbus {};
+std::uintptr_t guardPageSize = 4096;
+std::once_flag sigbusInstalled;
+
+void onSigbus(int sig, siginfo_t* info, void* context) {
+  auto const addr = reinterpret_cast<std::uintptr_t>(info->si_addr);
+  for (Guard& g : guards) {
+    std::uintptr_t const begin = g.begin.load(std::memory_order_acquire);
+    if (begin == 0 || addr < begin) continue;
+    std::uintptr_t const end = g.end.load(std::memory_order_relaxed);
+    if (addr >= end) continue;
+    std::uintptr_t const page = addr & ~(guardPageSize - 1);
+    void* p = ::mmap(reinterpret_cast<void*>(page), end - page, PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    if (p == MAP_FAILED) break;
+    g.damaged.store(true, std::memory_order_relaxed);
+    return;
+  }
+  // Not a truncated table file: whatever handled SIGBUS before decides.
+  if ((previousSigbus.sa_flags & SA_SIGINFO) && previousSigbus.sa_sigaction != nullptr) {
+    previousSigbus.sa_sigaction(sig, info, context);
+  } else if (previousSigbus.sa_handler != SIG_DFL && previousSigbus.sa_handler != SIG_IGN) {
+    previousSigbus.sa_handler(sig);
+  } else {
+    ::signal(SIGBUS, SIG_DFL);  // the faulting access runs again and ends the process
+  }
+}
+
+void installSigbusHandler() {
+  guardPageSize = static_cast<std::uintptr_t>(pageSize());
+  struct sigaction sa {};
+  sa.sa_sigaction = onSigbus;
+  sa.sa_flags = SA_SIGINFO | SA_RESTART;
+  sigemptyset(&sa.sa_mask);
+  ::sigaction(SIGBUS, &sa, &previousSigbus);
+}
 
 std::size_t fileSize(int fd) {
   struct stat st {};
@@ -90,58 +128,108 @@ std::size_t Shared::sizeOnDisk() const {
   return static_cast<std::size_t>(st.st_size);
 }
 
+std::size_t Shared::mappedFileSize() const noexcept {
+  return fd_ < 0 ? 0 : fileSize(fd_);
+}
+
+bool Shared::damaged() const noexcept {
+  return guard_ >= 0 && guards[guard_].damaged.load(std::memory_order_relaxed);
+}
+
+void Shared::guard() noexcept {
+  std::call_once(sigbusInstalled, installSigbusHandler);
+  if (guard_ < 0) {
+    for (int i = 0; i < maxGuards; ++i) {
+      if (!guards[i].used.exchange(true, std::memory_order_acq_rel)) {
+        guard_ = i;
+        guards[i].damaged.store(false, std::memory_order_relaxed);
+        break;
+      }
+    }
+    if (guard_ < 0) return;
+  }
+  Guard& g = guards[guard_];
+  g.end.store(reinterpret_cast<std::uintptr_t>(base_) + size_, std::memory_order_relaxed);
+  g.begin.store(reinterpret_cast<std::uintptr_t>(base_), std::memory_order_release);
+}
+
+void Shared::unguard() noexcept {
+  if (guard_ >= 0) guards[guard_].begin.store(0, std::memory_order_release);
+}
+
 bool Shared::mapFd(int fd, std::size_t bytes, bool writable) {
   void* p =
       ::mmap(nullptr, bytes, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
-  if (p == MAP_FAILED) return false;
+  if (p == MAP_FAILED) {
+    ::close(fd);
+    return false;
+  }
   detach();
+  fd_ = fd;
   base_ = static_cast<char*>(p);
   size_ = bytes;
   readOnly_ = !writable;
+  guard();
   return true;
 }
 
 bool Shared::attach(std::size_t bytes) {
   if (bytes == 0) return false;
   if (!makeDirs(path_.substr(0, path_.rfind('/')))) return false;
-  Fd fd(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-  if (fd.get() < 0) return false;
-  if (fileSize(fd.get()) < bytes && ::ftruncate(fd.get(), static_cast<off_t>(bytes)) != 0) {
+  int const fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  if (fileSize(fd) < bytes && ::ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
+    ::close(fd);
     return false;
   }
-  return mapFd(fd.get(), bytes, true);
+  return mapFd(fd, bytes, true);
 }
 
 bool Shared::resize(std::size_t bytes) {
-  if (base_ == nullptr || readOnly_ || bytes == 0) return false;
-  Fd fd(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
-  if (fd.get() < 0) return false;
-  std::size_t const oldFile = fileSize(fd.get());
-  if (::ftruncate(fd.get(), static_cast<off_t>(bytes)) != 0) return false;
-  if (remap(bytes)) return true;
+  if (base_ == nullptr || readOnly_ || bytes == 0 || fd_ < 0) return false;
+  std::size_t const oldFile = fileSize(fd_);
+  if (::ftruncate(fd_, static_cast<off_t>(bytes)) != 0) return false;
+  unguard();
+  bool const moved = remap(bytes);
+  guard();
+  if (moved) return true;
   int const saved = errno;
-  (void)::ftruncate(fd.get(), static_cast<off_t>(oldFile));
+  (void)::ftruncate(fd_, static_cast<off_t>(oldFile));
   errno = saved;
   return false;
 }
 
 bool Shared::attachReadOnly(std::size_t bytes) {
-  Fd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) return false;
-  std::size_t const onDisk = fileSize(fd.get());
+  int const fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  std::size_t const onDisk = fileSize(fd);
   if (bytes == 0) bytes = onDisk;
-  if (bytes == 0 || bytes > onDisk) return false;
-  return mapFd(fd.get(), bytes, false);
+  if (bytes == 0 || bytes > onDisk) {
+    ::close(fd);
+    return false;
+  }
+  return mapFd(fd, bytes, false);
 }
 
 bool Shared::remapReadOnly(std::size_t bytes) {
   if (base_ == nullptr || !readOnly_ || bytes == 0) return false;
-  if (bytes > sizeOnDisk()) return false;
-  return remap(bytes);
+  if (bytes > mappedFileSize()) return false;
+  unguard();
+  bool const ok = remap(bytes);
+  guard();
+  return ok;
 }
 
 void Shared::detach() noexcept {
+  if (guard_ >= 0) {
+    unguard();
+    guards[guard_].damaged.store(false, std::memory_order_relaxed);
+    guards[guard_].used.store(false, std::memory_order_release);
+    guard_ = -1;
+  }
   unmap();
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
   readOnly_ = false;
 }
 

@@ -13,6 +13,22 @@
 // the size that the file's own header announces, which the writer publishes after growing the
 // file.
 //
+// A `Shared` object keeps the descriptor of the file it mapped and sizes, grows and checks that
+// file through it, never through its path: the path may meanwhile name another file (deleted
+// and re-created), and growing a mapping by another file's size would fault on the first access.
+//
+// Truncation under a mapping. Another process may shrink a mapped file at any time (damage,
+// a re-format); touching a page past the new end raises SIGBUS. Invariant: no access to a
+// `Shared` mapping ends the process because of that. The first mapping installs, once per
+// process, a SIGBUS handler. A fault whose address lies in a registered `Shared` mapping is
+// answered by mapping private zero pages (MAP_FIXED, read-write) from the faulting page to the
+// mapping's end, and the mapping is marked damaged; the faulting access then completes on zeros.
+// Any other SIGBUS goes to the handler that was installed before (the default one re-raises it
+// fatally). Owners check `damaged()` after reading and treat a damaged mapping as corrupt: it
+// holds zeros, not the file. The registry is a fixed array of atomics so that the handler takes
+// no lock and allocates nothing; a mapping's entry is cleared before the mapping changes and
+// set after it, by the thread that uses the mapping (the only one that can fault in it).
+//
 // `Mem::Local` is the same interface over private anonymous memory (grown with mremap); its name
 // prints as "[ANONYMOUS]" and it has no existence before it is mapped.
 
@@ -87,11 +103,22 @@ class Shared final : public Region {
   bool remapReadOnly(std::size_t bytes);
   bool readOnly() const noexcept { return readOnly_; }
 
+  // The size of the mapped file now, through its descriptor; 0 when not attached.
+  std::size_t mappedFileSize() const noexcept;
+  // A fault past the end of the file hit this mapping: part of it now holds zeros.
+  bool damaged() const noexcept;
+  // Damaged, or the file is now shorter than the mapping (the next access there would fault).
+  bool truncated() const noexcept { return damaged() || mappedFileSize() < size_; }
+
  private:
   bool mapFd(int fd, std::size_t bytes, bool writable);
+  void guard() noexcept;
+  void unguard() noexcept;
 
   std::string path_;
   bool readOnly_ = false;
+  int fd_ = -1;
+  int guard_ = -1;  // entry in the truncation registry, -1 when none
 };
 
 class Local final : public Region {

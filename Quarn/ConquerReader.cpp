@@ -129,13 +129,17 @@ void ConquerReader::search(std::uint32_t t) {
   KIV_TRACE(dh_, 8, "ConquerReader::findPosition() low pos:", low);
   table_ = t;
   pos_ = low;
+  if (prunedPast()) search(t);
+}
+
+bool ConquerReader::prunedPast() {
   std::uint64_t const minSeq = Mem::Atomics::load64(&header(0)->minSeq);
-  if (minSeq > lastSeq_) {
-    KIV_TRACE(dh_, 1, "ConquerReader::findPosition() queue pruned past lastSeq:", lastSeq_,
-              " minSeq:", minSeq, ", out of sync");
-    outOfSync_ = true;
-    lastSeq_ = minSeq;
-  }
+  if (minSeq <= lastSeq_) return false;
+  KIV_TRACE(dh_, 1, "ConquerReader::findPosition() queue pruned past lastSeq:", lastSeq_,
+            " minSeq:", minSeq, ", out of sync");
+  outOfSync_ = true;
+  lastSeq_ = minSeq;
+  return true;
 }
 
 void ConquerReader::findPosition() {
@@ -143,7 +147,15 @@ void ConquerReader::findPosition() {
   std::uint32_t t = currentTable();
   if (t == table_) return;
   for (;;) {
-    if (!doResize(t)) return;  // the next pass tries again
+    // Files only grow within an incarnation and the writer sizes a table before it switches to
+    // it: a table that cannot be mapped as far as its header says is damaged. Returning would
+    // leave the position in the old table and make conquer() spin on it.
+    if (!doResize(t)) {
+      std::ostringstream os;
+      os << "ConquerReader::findPosition() cannot map " << mem_[t].path() << " to capacity "
+         << header(t)->load(header(t)->capacity);
+      corruption(os.str());
+    }
     search(t);
     std::uint32_t const now = currentTable();
     if (now == t) return;
@@ -156,6 +168,10 @@ bool ConquerReader::doConquer(std::uint32_t& count, Consumer const& consumer) {
   if (!attached()) return true;  // nothing to read until initialized again
   findPosition();
   std::uint32_t const t = table_;
+  // A reader the writer did not count yet (it counts readers only when its event loop accepts
+  // their connection) may be pruned past without a table switch in between that it could see:
+  // after two compactions the current table is its own table again. minSeq tells, on every pass.
+  if (prunedPast()) search(t);
   // A slow reader can see its table reused more than once in one pass (each reuse rewrites the
   // entries under it); only a contradiction that survives several searches is corruption.
   int searchesLeft = 8;
@@ -186,7 +202,14 @@ bool ConquerReader::doConquer(std::uint32_t& count, Consumer const& consumer) {
     std::uint64_t const seq = ConquerTable::sequence(e);
     std::uint32_t const slot = ConquerTable::slotIndex(e);
     bool const ordered = seq > lastSeq_ && (pos_ == 0 || sequenceAt(t, pos_ - 1) <= lastSeq_);
+    if (mem_[t].damaged() || mem_[0].damaged()) {  // zeros, not entries (Mem/Shared.h)
+      corruption("ConquerReader::doConquer() " + mem_[t].path() + " truncated under its mapping");
+    }
     if (currentTable() != t) return false;
+    if (prunedPast()) {  // the table was refilled after a prune during this pass
+      search(t);
+      continue;
+    }
     if (!ordered) {
       if (searchesLeft-- > 0) {  // the table was reused under us: find the position again
         search(t);

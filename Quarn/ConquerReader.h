@@ -17,6 +17,10 @@
 // - The writer prunes only what every connected reader acknowledged. A reader that finds the
 //   queue pruned past its position (minSeq above its last sequence: it was not yet counted when
 //   those entries went) has missed changes: `outOfSync()` tells its owner to re-read the table.
+//   minSeq is compared on every pass and before every entry is accepted, not only on a table
+//   switch: two compactions make the reader's own table current again, refilled.
+// - A table that cannot be mapped as far as its header announces is damaged (files only grow
+//   within an incarnation): CorruptionDetectedException, never a pass that makes no progress.
 //
 // Wake-up: with an activity, the reader connects a ReaderKickSm; `conquer()` acknowledges its
 // position, and announces sleep when it has drained the queue, so the writer kicks it (the
@@ -84,6 +88,9 @@ class ConquerReader {
   }
   // Binary search of table t for the first entry above lastSeq_; checks for pruned entries.
   void search(std::uint32_t t);
+  // True, and out of sync with lastSequence() moved to minSeq, when the writer has pruned
+  // entries this reader had not consumed.
+  bool prunedPast();
   [[noreturn]] void corruption(std::string const& text) const;
 
   Jorv::DebugHandler& dh_;

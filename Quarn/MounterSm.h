@@ -4,8 +4,8 @@
 // starts a new incarnation, and a writer can react to a reader's corruption report.
 //
 // Events (delivered on the activity's thread, to the handler given at construction):
-// - the name of a file of the root directory that was created, moved in, or closed after writing
-//   ("slots", "buckets", "fenix", "corruption-detected", ...). A file written by rename shows up
+// - the name of a file of the root directory that was created, moved in, closed after writing,
+//   deleted or moved away ("slots", "buckets", "fenix", "corruption-detected", ...). A file written by rename shows up
 //   once under its final name (and once under its temporary name).
 // - `rootWatched` ("root-watched"): the root directory exists and is watched from now on, so
 //   every later change produces an event. Delivered once after construction if the directory

@@ -3,7 +3,16 @@
 // - `WriterBackend`: the table's single writer; a shared one also owns the writer's end of the
 //   wake-up channel, whose reader count it feeds to the notification queue.
 // - `ReaderBackend`: a direct, lock-free reader of the shared files plus the notification queue
-//   reader; it reports the key of every notified slot to its notifier.
+//   reader. Contract: it reports the key each notified slot holds when it reads the slot, so
+//   every key whose slot changed is reported, and a notifier that looks each reported key up
+//   ends equal to the table. It does NOT report every removal: a notification names a slot, and
+//   a key removed and its slot reused for another key before the reader reads it is never
+//   reported (only the new key is). Consumers that need every removal use "keyshadow" or
+//   "shadow". To make remounts and resyncs safe it remembers the keys it reported present (one
+//   private set of keys, no values): after a full pass (resync after a prune, remount on a new
+//   incarnation, a re-format in place, corruption) every remembered key the table no longer
+//   holds is reported, so such a key is reported at the latest then. A full pass also runs when
+//   the set outgrows twice the table, which bounds it.
 // The private shadow copy ("shadow", "keyshadow") is Quarn/QuarnShadow.h.
 //
 // All run on the owning activity's thread. A notifier must not destroy the table front from
@@ -13,6 +22,8 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <unordered_set>
+#include <vector>
 
 #include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
@@ -137,6 +148,7 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   }
   bool fullyAttached() const override { return reader_.attached(); }
   std::uint32_t fenixId() const override { return reader_.attached() ? reader_.fenix() : 0; }
+  void heldKeys(std::vector<Key>& out) override { out.insert(out.end(), held_.begin(), held_.end()); }
   Wrapper lookup(Key const& key, bool& found) override { return reader_.doLookup(key, found); }
   bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) override {
     return reader_.first(bucket, out, hint);
@@ -179,21 +191,44 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
     return h->load(h->*field);
   }
 
+  struct KeyHash {
+    std::size_t operator()(Key const& k) const noexcept { return k.hash(); }
+  };
+  struct KeyEqual {
+    bool operator()(Key const& a, Key const& b) const noexcept { return !(a < b) && !(b < a); }
+  };
+  using KeySet = std::unordered_set<Key, KeyHash, KeyEqual>;
+
+  // Reports every key of the table, then every remembered key it no longer holds.
   void reportAll() {
+    KeySet now;
     Wrapper w;
     IterHint hint;
     for (bool more = reader_.first(0, w, hint); more; more = reader_.doNext(w.key, w, hint)) {
+      now.insert(w.key);
       notifier_.onKey(w.key);
+    }
+    KeySet before;
+    before.swap(held_);
+    held_ = std::move(now);
+    for (Key const& key : before) {
+      if (held_.count(key) == 0) notifier_.onKey(key);
     }
   }
 
-  // Reports the key of a notified slot: the key stays in a freed slot, so removals are reported
-  // too (the notifier looks the key up to learn which).
+  // Reports the key a notified slot holds now (a freed slot keeps its last key, so the removal
+  // of a key whose slot was not reused is reported too; the notifier looks it up to learn which).
   void onSlot(std::uint32_t i) {
     SlotReader& slots = reader_.slots();
     if (i >= slots.numSlots() && !slots.doResize()) return;
     Wrapper w;
-    slots.readValue(slots.slot(i), &w, sizeof w);
+    std::uint32_t const flags = slots.readValue(slots.slot(i), &w, sizeof w);
+    reader_.checkIntact();
+    if (flags & SlotTable::OCCUPIED) {
+      held_.insert(w.key);
+    } else {
+      held_.erase(w.key);
+    }
     ++notified_;
     notifier_.onKey(w.key);
   }
@@ -210,6 +245,12 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
         KIV_TRACE(dh_, 3, "QuarnReader out of sync with the notification queue, re-reporting ",
                   reader_.rootPath());
         reportAll();
+      } else if (held_.size() > 2 * std::size_t(members()) + 1024) {
+        // Keys removed while their slots were reused stay remembered (and held by the notifier)
+        // until a full pass: one now bounds the set by the table's size.
+        KIV_TRACE(dh_, 3, "QuarnReader remembers ", held_.size(), " keys for ", members(),
+                  " entries, re-reporting ", reader_.rootPath());
+        reportAll();
       }
       if (!conquer_.drained() && !more_.armed()) more_.armIn(0);
     } catch (CorruptionDetectedException const& e) {
@@ -225,6 +266,7 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   Kiv::Timer more_;
   std::uint64_t notified_ = 0;
   std::uint64_t resyncs_ = 0;
+  KeySet held_;  // the keys reported present and not reported absent since
 };
 
 }  // namespace Quarn

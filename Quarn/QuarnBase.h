@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Quarn/IterHint.h"
 
@@ -68,6 +69,14 @@ class QuarnBase {
   virtual bool validate() = 0;
   virtual bool validateFiles() = 0;
   virtual void cleanup() = 0;
+
+  // The keys the notifier may believe present: a remount reports them again after the new back
+  // end's keys, so that the notifier learns which are gone. Default: the keys iteration yields.
+  virtual void heldKeys(std::vector<Key>& out) {
+    Wrapper w;
+    IterHint hint;
+    for (bool more = first(0, w, hint); more; more = next(w.key, w, hint)) out.push_back(w.key);
+  }
 
   // A reading back end lets its wake-up channel try to connect at once (the writer's files just
   // appeared) instead of waiting for its back-off.

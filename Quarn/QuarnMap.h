@@ -402,9 +402,11 @@ template <class Key, class Wrapper, class Notifier>
 void QuarnMap<Key, Wrapper, Notifier>::remount() {
   std::vector<Key> previous;
   if (mounted_ && notifier_ != nullptr && notifying_) {
-    Wrapper w;
-    IterHint hint;
-    for (bool more = first(w, hint); more; more = next(w.key, w, hint)) previous.push_back(w.key);
+    try {
+      backend_->heldKeys(previous);
+    } catch (CorruptionDetectedException const& e) {
+      corruptionDetected(e.what());  // the keys gathered so far are still reported
+    }
   }
   detach();
   attach();

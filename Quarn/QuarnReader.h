@@ -43,6 +43,7 @@ class BucketReader {
   bool validate(std::uint32_t fenix, std::string& error);
   void detach() noexcept { mem_.detach(); }
   bool attached() const noexcept { return mem_.attached(); }
+  bool damaged() const noexcept { return mem_.damaged(); }
 
   std::uint32_t numBuckets() const noexcept { return numBuckets_; }
   // The link unit of bucket `b`; raises CorruptionDetectedException beyond the last bucket.
@@ -66,6 +67,7 @@ class SlotReader {
   bool doResize();
   void detach() noexcept;
   bool attached() const noexcept { return mem_.attached(); }
+  bool damaged() const noexcept { return mem_.damaged(); }
 
   std::uint32_t numSlots() const noexcept { return numSlots_; }
   std::uint32_t slotSize() const noexcept { return slotSize_; }
@@ -110,6 +112,14 @@ class QuarnReader {
   bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint);
   // The entry after `key` in iteration order (`key` may have been removed meanwhile).
   bool doNext(Key const& key, Wrapper& out, IterHint& hint);
+
+  // Raises CorruptionDetectedException when a file was truncated under its mapping: what was
+  // read from it since may be zeros (Mem/Shared.h). Every read operation ends with it.
+  void checkIntact() const {
+    if (buckets_.damaged() || slots_.damaged()) {
+      corruption("QuarnReader::checkIntact() " + rootPath_ + " truncated under its mapping");
+    }
+  }
 
   std::uint32_t fenix() const noexcept { return slots_.fenix(); }
   std::uint32_t numSlots() const noexcept { return slots_.numSlots(); }
@@ -244,6 +254,7 @@ Wrapper QuarnReader<Key, Wrapper>::doLookup(Key const& key, bool& found) {
   found = walk(bucketOf(key), &key, Want::equal, out, slot,
                {"QuarnReader::doLookup() hash chain cycle detected, ",
                 "QuarnReader::doLookup() corrupt key detected, key:"});
+  checkIntact();
   if (!found) out = Wrapper{};
   return out;
 }
@@ -253,9 +264,11 @@ bool QuarnReader<Key, Wrapper>::first(std::uint32_t bucket, Wrapper& out, IterHi
   if (!buckets_.attached()) return false;
   for (std::uint32_t b = bucket; b < numBuckets(); ++b) {
     std::uint32_t slot;
-    if (walk(b, nullptr, Want::head, out, slot,
-             {"QuarnReader::first() hash chain cycle detected, ",
-              "QuarnReader::first() corrupt key detected, key:"})) {
+    bool const hit = walk(b, nullptr, Want::head, out, slot,
+                          {"QuarnReader::first() hash chain cycle detected, ",
+                           "QuarnReader::first() corrupt key detected, key:"});
+    checkIntact();
+    if (hit) {
       hint = {slot, b};
       return true;
     }
@@ -274,9 +287,11 @@ bool QuarnReader<Key, Wrapper>::doNext(Key const& key, Wrapper& out, IterHint& h
   Key const after = key;
   std::uint32_t const b = bucketOf(after);
   std::uint32_t slot;
-  if (walk(b, &after, Want::greater, out, slot,
-           {"QuarnReader::doNext() hash chain cycle detected, ",
-            "QuarnReader::doNext() corrupt key detected key:"})) {
+  bool const hit = walk(b, &after, Want::greater, out, slot,
+                        {"QuarnReader::doNext() hash chain cycle detected, ",
+                         "QuarnReader::doNext() corrupt key detected key:"});
+  checkIntact();
+  if (hit) {
     hint = {slot, b};
     return true;
   }

@@ -21,7 +21,9 @@
 // resumes where they stopped.
 //
 // Corruption met while reading the shared table stops the shadow (not connected, so the table
-// front's mounter attaches again) and is handed to the corruption handler.
+// front's mounter attaches again) and is handed to the corruption handler. The store stays as it
+// was (lookups answer the last consistent state) until the remount, which reports every key it
+// held that the new back end lacks.
 //
 // Single-threaded: everything runs on the owning activity's thread. The notifier must not
 // destroy the shadow or its front from inside `onKey`.
@@ -151,6 +153,9 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
     return store_ != nullptr && store_->next(key, out, hint);
   }
   std::uint32_t members() const override { return store_ != nullptr ? store_->occupied() : 0; }
+  void heldKeys(std::vector<Key>& out) override {
+    if (store_ != nullptr) store_->keys(out);
+  }
   std::uint32_t maxSize() const override {
     if (!reader_.attached()) return 0;
     SlotTable::Header const* h = reader_.slots().header();
@@ -319,7 +324,8 @@ void QuarnShadow<Key, Wrapper>::corruption(std::string const& text) {
   syncer_.stop();
   more_.cancel();
   reader_.detach();
-  store_->flush();
+  // The store is kept: it is what the notifier was told, and the remount that follows reports
+  // its keys again so that the notifier learns of every key that went meanwhile.
   release_.armIn(0);
   state_ = State::notConnected;
   if (onCorruption_) onCorruption_(text);

@@ -351,7 +351,17 @@ bool QuarnWriter<Key, Wrapper>::next(Key const& key, Wrapper& out, IterHint& hin
     candidate = f.found ? SlotWriterTable::next(slots_.slotUnchecked(f.slot)) : f.slot;
   }
   if (candidate == noIndex) return first(bucket + 1, out, hint);
-  copyOut(chainSlot(candidate, bucket, "next", "lookup"), out);
+  char const* const s = chainSlot(candidate, bucket, "next", "lookup");
+  // Chains ascend strictly, so an iteration visits (bucket, key) pairs in strictly increasing
+  // order and ends after at most capacity() entries. A link back to a key that is not greater
+  // (a cycle, a self-loop, a misordered chain) would repeat entries forever: it is corruption.
+  if (!(key < keyAt(s))) {
+    std::ostringstream os;
+    os << "QuarnWriter::next() hash chain cycle detected, slot:" << candidate
+       << " bucket:" << bucket << " key not above " << KeyText<Key>{key};
+    corruption(os.str());
+  }
+  copyOut(s, out);
   hint = {candidate, bucket};
   KIV_TRACE(dh_, 9, "QuarnWriter::next()", ", saving new slot hint ", hint);
   return true;

@@ -33,10 +33,19 @@ void ReaderMounter::notify(std::string const& eventName) {
     std::uint32_t const mounted = table_.mountedFenix();
     KIV_TRACE(dh_, 5, "QuarnMap::ReaderMounter::notify() eventName: ", eventName,
               " fenixId: ", fenix, " quarnMap.fenixId: ", mounted, " mode: ", modeWord_);
+    bool const tableThere = Util::memSize(rootPath_ + "/slots") > 0;
+    if (fenix == 0 && tableThere) {
+      // The writer's files are there but do not say which incarnation they are: nobody can
+      // mount them until the writer writes the fenix file again. A mounted table stays.
+      KIV_TRACE(dh_, 0, "ReaderMounter::notify() fenix file of ", name_, " in ", rootPath_,
+                " damaged or missing", table_.mounted() ? ", staying mounted" : ", cannot mount");
+    }
     bool const same = table_.mounted() && fenix == mounted && fenix != 0;
+    bool const keep = table_.mounted() && table_.fullyAttached() && fenix == 0 && tableThere &&
+                      eventName != MounterSm::rootRemoved;
     // A back end of the current incarnation that is still connecting (a shadow's first pass)
     // is given until the timer's next expiry before it is mounted afresh.
-    if (same && (table_.fullyAttached() || eventName != remountTimeout)) {
+    if (keep || (same && (table_.fullyAttached() || eventName != remountTimeout))) {
       table_.wake();
     } else {
       table_.remount();

@@ -8,6 +8,8 @@
 // - same id (not 0) and mounted: nothing to do, except to let the wake-up channel reconnect at
 //   once (a writer that restarted on the same files keeps its id); a back end that is still not
 //   fully attached when the remount timer expires is mounted afresh;
+// - the fenix file damaged or missing while the table's files are there: an error trace; a
+//   fully attached table stays mounted (the writer writes the file again, see WriterMounter);
 // - otherwise: remount (drop the mounted back end, if any, and attach again).
 // While the table is not fully attached afterwards, the remount timer is armed (60 s by
 // default); the first expiry in a row logs that retrying has started, and a mount that succeeds

@@ -26,6 +26,7 @@
 #include <cstring>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "Jorv/Platform.h"
 #include "Quarn/Exceptions.h"
@@ -118,6 +119,8 @@ class StoreIntf {
   virtual bool tryShrink() = 0;
   // Empties the store without notifications.
   virtual void flush() = 0;
+  // Appends every key the store holds (no shared memory is read).
+  virtual void keys(std::vector<Key>& out) const = 0;
   virtual Wrapper lookup(Key const& key, bool& found) = 0;
   virtual bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) = 0;
   virtual bool next(Key const& key, Wrapper& out, IterHint& hint) = 0;
@@ -148,6 +151,11 @@ class BasicShadowStore final : public StoreIntf<Key, Wrapper> {
   bool shrink(std::uint32_t newNumSlots);
   void patch(char const* oldBase);
   void flush() override;
+  void keys(std::vector<Key>& out) const override {
+    for (std::uint32_t b = 0; b < numBuckets_; ++b) {
+      for (std::uint32_t i = heads()[b]; i != endLink; i = slot(i).next) out.push_back(slot(i).key());
+    }
+  }
   Wrapper lookup(Key const& key, bool& found) override;
   bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) override;
   bool next(Key const& key, Wrapper& out, IterHint& hint) override;
@@ -268,6 +276,7 @@ void BasicShadowStore<Key, Wrapper, Slot>::doSlot(std::uint32_t i, bool resync, 
   }
   Wrapper w;
   bool const found = readShared(i, w);
+  reader_.checkIntact();  // before the store changes on what may be zeros
   Slot const& s = slot(i);
   bool const held = s.prev != freeLink;
   KIV_TRACE(dh_, 9, "ShadowStore::doSlot() updated: ", KeyText<Key>{w.key},

@@ -16,6 +16,13 @@ WriterMounter::WriterMounter(Jorv::DebugHandler& dh, std::string rootPath, Valid
 
 void WriterMounter::notify(std::string const& eventName) {
   KIV_TRACE(dh_, 8, "WriterMounter::notify() eventName: ", eventName);
+  // Readers mount only the incarnation the fenix file names: a damaged or deleted one would
+  // keep every new reader out until this writer restarts.
+  if (std::uint32_t const fenix = fenix_(); FenixFile::read(rootPath_) != fenix) {
+    KIV_TRACE(dh_, 0, "WriterMounter::notify() fenix file of ", rootPath_,
+              " damaged or missing, writing fenixId ", fenix, " again");
+    FenixFile::write(rootPath_, fenix);
+  }
   std::string const report = Util::fileRead(rootPath_ + "/corruption-detected");
   if (report.empty() || report == lastReport_) return;
   KIV_TRACE(dh_, 1, "WriterMounter::notify() corruptDetected: ", report);

@@ -1,5 +1,6 @@
 #pragma once
-// Watches a shared writer's root directory for readers' corruption reports.
+// Watches a shared writer's root directory for readers' corruption reports, and keeps its fenix
+// file: a fenix file that is damaged or gone is written again at once.
 //
 // On every event of its MounterSm the report file ("corruption-detected") is read; a report that
 // differs from the last one handled makes the writer validate the whole table. A valid table gets
