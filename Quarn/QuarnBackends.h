@@ -115,7 +115,8 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
         onCorruption_(std::move(onCorruption)),
         reader_(dh, rootPath),
         conquer_(dh, rootPath, &activity, [this] { drain(); }),
-        more_([this] { drain(); }, activity) {}
+        more_([this] { drain(); }, activity),
+        release_([this] { conquer_.detach(); }, activity) {}
 
   QuarnType type() const override { return QuarnType::reader; }
 
@@ -143,18 +144,21 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   }
   void detach() override {
     more_.cancel();
+    release_.cancel();
     conquer_.detach();
     reader_.detach();
   }
   bool fullyAttached() const override { return reader_.attached(); }
   std::uint32_t fenixId() const override { return reader_.attached() ? reader_.fenix() : 0; }
   void heldKeys(std::vector<Key>& out) override { out.insert(out.end(), held_.begin(), held_.end()); }
-  Wrapper lookup(Key const& key, bool& found) override { return reader_.doLookup(key, found); }
+  Wrapper lookup(Key const& key, bool& found) override {
+    return guarded([&] { return reader_.doLookup(key, found); });
+  }
   bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) override {
-    return reader_.first(bucket, out, hint);
+    return guarded([&] { return reader_.first(bucket, out, hint); });
   }
   bool next(Key const& key, Wrapper& out, IterHint& hint) override {
-    return reader_.doNext(key, out, hint);
+    return guarded([&] { return reader_.doNext(key, out, hint); });
   }
   std::uint32_t members() const override { return headerField(&SlotTable::Header::occupiedSlots); }
   std::uint32_t maxSize() const override { return headerField(&SlotTable::Header::tableSize); }
@@ -254,8 +258,36 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
       }
       if (!conquer_.drained() && !more_.armed()) more_.armIn(0);
     } catch (CorruptionDetectedException const& e) {
-      onCorruption_(e.what());
+      stop(e.what());
     }
+  }
+
+  // Corruption met by a lookup or an iteration passes to the caller; a file truncated under
+  // the mapping also stops this back end (nothing read from it can be trusted any more).
+  template <class F>
+  auto guarded(F&& f) -> decltype(f()) {
+    try {
+      return f();
+    } catch (CorruptionDetectedException const& e) {
+      if (reader_.damaged()) {
+        more_.cancel();
+        reader_.detach();
+        release_.armIn(0);
+      }
+      throw;
+    }
+  }
+
+  // The queue or the files cannot be followed any more: stop (not fully attached, so the
+  // mounter attaches afresh once the writer answers the report) and report. The remembered keys
+  // stay for that remount. The queue reader goes later, outside the wake-up channel's handler
+  // that may be running now.
+  void stop(std::string const& text) {
+    KIV_TRACE(dh_, 0, "QuarnReader stopping ", reader_.rootPath(), ": ", text);
+    more_.cancel();
+    reader_.detach();
+    release_.armIn(0);
+    onCorruption_(text);
   }
 
   Jorv::DebugHandler& dh_;
@@ -264,6 +296,7 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   mutable QuarnReader<Key, Wrapper> reader_;  // its read accessors are not const
   ConquerReader conquer_;
   Kiv::Timer more_;
+  Kiv::Timer release_;
   std::uint64_t notified_ = 0;
   std::uint64_t resyncs_ = 0;
   KeySet held_;  // the keys reported present and not reported absent since

@@ -115,8 +115,9 @@ class QuarnReader {
 
   // Raises CorruptionDetectedException when a file was truncated under its mapping: what was
   // read from it since may be zeros (Mem/Shared.h). Every read operation ends with it.
+  bool damaged() const noexcept { return buckets_.damaged() || slots_.damaged(); }
   void checkIntact() const {
-    if (buckets_.damaged() || slots_.damaged()) {
+    if (damaged()) {
       corruption("QuarnReader::checkIntact() " + rootPath_ + " truncated under its mapping");
     }
   }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,6 +59,52 @@ TEST(MemShared, WriterAndReadOnlyMappingsShareContentAcrossGrowth) {
   EXPECT_FALSE(writer.attached());
   EXPECT_STREQ(reader.base(), "hello");  // an unlinked file stays mapped where it is
   EXPECT_FALSE(writer.resize(page));
+}
+
+// A mapping follows its own file, not its path: growth after the file was deleted and
+// re-created grows the mapped file; truncation under a mapping reads as zeros and marks the
+// mapping damaged instead of killing the process, while other SIGBUS stay fatal.
+TEST(MemShared, MappingsSurviveTheirFileBeingReplacedOrTruncated) {
+  TempDir dir;
+  std::size_t const page = Mem::pageSize();
+  Mem::Shared writer("data", dir.path());
+  ASSERT_TRUE(writer.attach(page));
+  std::strcpy(writer.base(), "old");
+  ASSERT_EQ(::unlink(writer.path().c_str()), 0);
+  Mem::Shared stranger("data", dir.path());
+  ASSERT_TRUE(stranger.attach(page));  // another file under the same name
+  ASSERT_TRUE(writer.resize(16 * page));
+  std::strcpy(writer.base() + 15 * page, "tail");  // would fault if the stranger had grown
+  EXPECT_FALSE(writer.damaged());
+  EXPECT_EQ(writer.mappedFileSize(), 16 * page);
+  EXPECT_EQ(stranger.sizeOnDisk(), page);
+  EXPECT_STREQ(writer.base(), "old");
+
+  std::strcpy(stranger.base() + page - 8, "end");
+  Mem::Shared reader("data", dir.path());
+  ASSERT_TRUE(reader.attachReadOnly());
+  ASSERT_TRUE(stranger.resize(4 * page));
+  ASSERT_TRUE(reader.remapReadOnly(4 * page));
+  EXPECT_FALSE(reader.truncated());
+  ASSERT_EQ(::truncate(reader.path().c_str(), 0), 0);
+  EXPECT_TRUE(reader.truncated());
+  EXPECT_FALSE(reader.damaged());
+  volatile char const* p = reader.base();
+  EXPECT_EQ(p[3 * page + 5], 0);  // faults; answered with zeros
+  EXPECT_TRUE(reader.damaged());
+  EXPECT_EQ(p[page - 8], 0);
+  EXPECT_FALSE(stranger.damaged());
+  reader.detach();
+  ASSERT_TRUE(reader.attachReadOnly(0) == false);  // empty file: nothing to map
+
+  EXPECT_EXIT(
+      {
+        int const fd = ::open(writer.path().c_str(), O_RDWR);
+        void* raw = ::mmap(nullptr, page, PROT_READ, MAP_SHARED, fd, 0);
+        (void)*static_cast<char volatile*>(raw);  // not a registered mapping
+        std::_Exit(0);
+      },
+      ::testing::KilledBySignal(SIGBUS), "");
 }
 
 TEST(QuarnUtil, FenixFileAndCorruptionMarker) {

@@ -6,8 +6,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <unistd.h>
+
 #include <filesystem>
 
+#include "Quarn/ConquerTable.h"
+#include "Quarn/SlotTable.h"
 #include "Quarn/Util.h"
 #include "QuarnMapFixture.h"
 
@@ -15,6 +19,64 @@ using namespace QuarnTest;
 using Quarn::QuarnType;
 
 namespace {
+
+// Keeps a copy of the table from notifications alone: each key it hears is looked up through
+// its own map, then stored or dropped.
+struct Consumer {
+  Recorder recorder;
+  std::unique_ptr<Map> map;
+  std::map<TestKey, std::uint32_t> model;
+  Consumer(QuarnMapFixture& f, QuarnType mode) {
+    recorder.probe = [this](TestKey const& key) {
+      bool found = false;
+      TestWrapper const w = map->safeLookup(key, found);
+      if (found) {
+        model[key] = w.value;
+      } else {
+        model.erase(key);
+      }
+    };
+    map = std::make_unique<Map>(QuarnMapFixture::table, &recorder, f.tmp.path(), f.activity);
+    map->remountIntervalIs(0.05);
+    map->init(mode, false, 100);
+  }
+};
+
+std::map<TestKey, std::uint32_t> contents(Map& m) {
+  std::map<TestKey, std::uint32_t> out;
+  TestWrapper w;
+  Quarn::IterHint hint;
+  for (bool more = m.first(w, hint); more; more = m.next(w.key, w, hint)) out[w.key] = w.value;
+  return out;
+}
+
+// A consumer of every reading mode.
+struct Consumers : QuarnMapFixture {
+  std::vector<std::unique_ptr<Consumer>> all;
+  void SetUp() override {
+    for (QuarnType mode : {QuarnType::reader, QuarnType::shadow, QuarnType::keyshadow}) {
+      all.push_back(std::make_unique<Consumer>(*this, mode));
+    }
+  }
+  // Every consumer mounted and holding exactly `table`.
+  bool equalTo(std::map<TestKey, std::uint32_t> const& table) const {
+    for (auto const& c : all) {
+      if (!c->map->fullyAttached() || c->model != table) return false;
+    }
+    return true;
+  }
+  // As runUntil, through the writer's failed validations that tables damaged on purpose throw
+  // out of the event loop.
+  bool runThrough(std::function<bool()> const& done) {
+    for (int attempt = 0; attempt < 50; ++attempt) {
+      try {
+        return runUntil(done);
+      } catch (Quarn::CorruptionDetectedException const&) {
+      }
+    }
+    return false;
+  }
+};
 
 TEST_F(QuarnMapFixture, InitRefusesBadParametersAndLeavesTheMapAsItWas) {
   Map m(table, &recorder, tmp.path(), activity);
@@ -252,6 +314,184 @@ TEST_F(QuarnMapFixture, WriterReplacesFileOfAnotherSizeUnderReaders) {
   (void)last;
   EXPECT_FALSE(std::filesystem::exists(root() + "/slots.new"));
   EXPECT_TRUE(writer->validateFiles());
+}
+
+// Each mode's contract, with consumers that keep their copy from notifications alone while the
+// writer churns unseen (a removed key's slot goes to the next insertion at once): the shadows
+// end exactly equal; the direct reader reports every key whose slot changed, so every key the
+// table holds is right, while a key removed with its slot reused before it looked may linger.
+// A writer restarted as a new incarnation re-formats the files under them: then every consumer,
+// the direct reader's too, drops every key that went.
+TEST_F(Consumers, EachModeKeepsItsContractWithNotificationsAlone) {
+  auto writer = map(QuarnType::writer, false, 1000);
+  std::map<TestKey, std::uint32_t> truth;
+  auto put = [&](TestKey const& k, std::uint32_t v) {
+    writer->safeWrite(record(k.group, k.id, v));
+    truth[k] = v;
+  };
+  for (std::uint32_t i = 0; i < 200; ++i) put({i, i % 23}, i);
+  ASSERT_TRUE(runUntil([&] { return equalTo(truth); }));
+  std::set<TestKey> removed;
+  std::uint32_t seed = 1;
+  for (std::uint32_t i = 0; i < 3000; ++i) {
+    seed = seed * 1103515245u + 12345u;
+    TestKey const k{(seed >> 8) % 400, ((seed >> 8) % 400) % 23};
+    if (truth.count(k) != 0 && (seed & 0x10000) != 0) {
+      writer->safeRemove(k);
+      truth.erase(k);
+      removed.insert(k);
+    } else {
+      put(k, i);
+    }
+  }
+  ASSERT_TRUE(runUntil([&] {
+    for (auto const& c : all) {
+      if (c->map->sequence() != writer->sequence()) return false;
+    }
+    return true;
+  }));
+  for (auto const& c : all) {
+    SCOPED_TRACE(Quarn::quarnTypeWord(c->map->mode()));
+    if (c->map->mode() != QuarnType::reader) {
+      EXPECT_EQ(c->model, truth);
+      continue;
+    }
+    for (auto const& [k, v] : c->model) {
+      if (truth.count(k) == 0) {
+        EXPECT_EQ(removed.count(k), 1u) << k;  // the documented limit
+      }
+    }
+    for (auto const& [k, v] : truth) {
+      EXPECT_EQ(c->model.count(k) != 0 ? c->model.at(k) : ~0u, v) << k;
+    }
+  }
+  std::uint32_t const first = writer->fenixId();
+  writer.reset();
+  ASSERT_TRUE(Quarn::FenixFile::write(root(), first + 100));
+  writer = map(QuarnType::writer, false, 1000);
+  truth.clear();
+  for (std::uint32_t i = 0; i < 50; ++i) put({1000 + i, i % 7}, i);
+  ASSERT_TRUE(runUntil([&] { return equalTo(truth); }));
+}
+
+// A shadow stopped by corruption keeps what it told its notifier: the keys removed before it
+// mounts again are reported then. Recipe: a damaged queue header word stops it, a key goes, the
+// word is restored.
+TEST_F(Consumers, KeysRemovedWhileStoppedByCorruptionAreReported) {
+  auto writer = map(QuarnType::writer);
+  std::map<TestKey, std::uint32_t> truth;
+  for (std::uint32_t i = 0; i < 20; ++i) {
+    writer->safeWrite(record(i % 5, i, i));
+    truth[TestKey{i, i % 5}] = i;
+  }
+  ASSERT_TRUE(runUntil([&] { return equalTo(truth); }));
+  Mem::Shared queue("conquer.1", root());
+  ASSERT_TRUE(queue.attach(queue.sizeOnDisk()));
+  char* const word = queue.base() + offsetof(Quarn::ConquerTable::Header, currentTable);
+  std::uint32_t const saved = Mem::Atomics::load32(word);
+  Mem::Atomics::store32(word, 7);
+  writer->safeWrite(record(0, 100, 1));
+  truth[TestKey{100, 0}] = 1;
+  ASSERT_TRUE(runUntil([&] {
+    for (auto const& c : all) {
+      if (c->map->fullyAttached()) return false;
+    }
+    return true;
+  }));
+  writer->safeRemove(TestKey{0, 0});
+  truth.erase(TestKey{0, 0});
+  Mem::Atomics::store32(word, saved);
+  ASSERT_TRUE(runUntil([&] { return equalTo(truth); }));
+}
+
+// Files truncated under live readers and their writer: nobody dies of SIGBUS, the readers report
+// the damage, and a restarted writer's new incarnation brings every consumer back to the table.
+TEST_F(Consumers, TablesTruncatedUnderReadersAndWriterAreSurvived) {
+  for (char const* file : {"slots", "buckets", "conquer.1"}) {
+    SCOPED_TRACE(file);
+    auto writer = map(QuarnType::writer);
+    for (std::uint32_t i = 0; i < 30; ++i) writer->safeWrite(record(i % 4, i, i));
+    std::map<TestKey, std::uint32_t> truth = contents(*writer);
+    ASSERT_TRUE(runThrough([&] { return equalTo(truth); }));
+    ASSERT_EQ(::truncate((root() + "/" + file).c_str(), 0), 0);
+    for (auto const& c : all) {
+      bool found = false;
+      c->map->safeLookup(TestKey{1, 1}, found);
+      contents(*c->map);
+    }
+    try {
+      writer->safeWrite(record(9, 9, 9));  // kicks the readers through the damaged queue
+    } catch (Jorv::RuntimeException const&) {
+    }
+    // The direct reader's lookups and iteration met the damage (the queue may not be read
+    // before the writer restarts: its append failed before it woke anyone).
+    if (std::string(file) != "conquer.1") {
+      ASSERT_TRUE(runThrough([&] {
+        return !Quarn::Util::fileRead(root() + "/corruption-detected").empty() &&
+               !all[0]->map->fullyAttached();
+      }));
+    }
+    std::uint32_t const fenix = writer->fenixId();
+    writer.reset();
+    ASSERT_TRUE(Quarn::FenixFile::write(root(), fenix + 100));
+    writer = map(QuarnType::writer);
+    writer->safeWrite(record(5, 5, 5));
+    truth = contents(*writer);
+    ASSERT_EQ(truth.size(), 1u);  // re-formatted
+    ASSERT_TRUE(runThrough([&] { return equalTo(truth); }));
+    ::unlink((root() + "/corruption-detected").c_str());
+  }
+}
+
+// Iteration through the table front over a cycled chain ends, reporting the corruption.
+TEST_F(QuarnMapFixture, FrontIterationOverACycledChainEnds) {
+  auto writer = map(QuarnType::writer);
+  for (std::uint32_t i = 0; i < 3; ++i) writer->safeWrite(record(6, i, i));
+  Mem::Shared slots("slots", root());
+  ASSERT_TRUE(slots.attach(slots.sizeOnDisk()));
+  auto const* h = Quarn::SlotTable::header(slots.base());
+  auto slotOf = [&](std::uint32_t id) {
+    for (std::uint32_t i = 0; i < h->numSlots; ++i) {
+      char* s = Quarn::SlotTable::slot(slots.base(), h->slotSize, i);
+      auto const* w = reinterpret_cast<TestWrapper const*>(s + Quarn::SlotTable::valueOffset);
+      if ((Quarn::SlotWriterTable::flags(s) & Quarn::SlotTable::OCCUPIED) && w->key == TestKey{id, 6})
+        return i;
+    }
+    return Quarn::noIndex;
+  };
+  Quarn::publishLink(Quarn::SlotTable::slot(slots.base(), h->slotSize, slotOf(2)), slotOf(0));
+  std::uint32_t steps = 0;
+  TestWrapper w;
+  Quarn::IterHint hint;
+  for (bool more = writer->first(w, hint); more && steps <= writer->capacity() + 1;
+       more = writer->next(w.key, w, hint)) {
+    ++steps;
+  }
+  EXPECT_LE(steps, writer->capacity() + 1);
+  EXPECT_TRUE(trace.contains("QuarnMap::corruptionDetected() QuarnWriter::next() hash chain cycle"));
+}
+
+// A damaged or deleted fenix file is written again by its writer; a reader that meets it
+// without a writer to repair it says so at error level.
+TEST_F(QuarnMapFixture, DamagedOrDeletedFenixFileIsRewrittenByTheWriter) {
+  auto writer = map(QuarnType::writer);
+  writer->safeWrite(record(1, 1, 1));
+  auto reader = map(QuarnType::reader, false, 100, 3600);
+  ASSERT_TRUE(runUntil([&] { return reader->fullyAttached(); }));
+  std::uint32_t const fenix = writer->fenixId();
+  ASSERT_TRUE(Quarn::Util::fileWriteAtomic(root() + "/fenix", "xy"));
+  ASSERT_TRUE(runUntil([&] { return Quarn::FenixFile::read(root()) == fenix; }));
+  ASSERT_EQ(::unlink((root() + "/fenix").c_str()), 0);
+  ASSERT_TRUE(runUntil([&] { return Quarn::FenixFile::read(root()) == fenix; }));
+  EXPECT_TRUE(trace.contains("WriterMounter::notify() fenix file of "));
+  EXPECT_TRUE(reader->fullyAttached());
+  EXPECT_EQ(reader->fenixId(), fenix);
+
+  writer.reset();  // no one repairs it now
+  ASSERT_EQ(::unlink((root() + "/fenix").c_str()), 0);
+  auto late = map(QuarnType::reader);
+  ASSERT_TRUE(runUntil([&] { return trace.contains("damaged or missing, cannot mount"); }));
+  EXPECT_FALSE(late->fullyAttached());
 }
 
 }  // namespace

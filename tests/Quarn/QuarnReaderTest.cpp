@@ -144,6 +144,42 @@ TEST_F(Mounted, PersistentContradictionsAreCorruption) {
             0u);
 }
 
+// A cycle planted in a chain (the tail back to the head, to the second slot, a self-loop) ends
+// iteration with the writer's and the reader's first/next in corruption within capacity + 1
+// steps, as lookups do.
+TEST_F(Mounted, IterationOverACycledChainEndsInCorruption) {
+  for (std::uint32_t i = 0; i < 4; ++i) t.writer->write(record(9, i, i));
+  auto indexOf = [&](std::uint32_t id) {
+    TestKey const k{id, 9};
+    return t.writer->find(k, t.writer->bucketOf(k)).slot;
+  };
+  char* tail = slotOf(TestKey{3, 9});
+  std::uint32_t const bound = t.writer->capacity() + 1;
+  // Steps an iteration takes before it ends; fails the test unless corruption ended it.
+  auto steps = [&](auto first, auto next) {
+    std::uint32_t n = 0;
+    std::string const why = failure<Quarn::CorruptionDetectedException>([&] {
+      TestWrapper w;
+      Quarn::IterHint hint;
+      for (bool more = first(w, hint); more && n <= bound; more = next(w, hint)) ++n;
+    });
+    EXPECT_NE(why.find("hash chain cycle detected"), std::string::npos) << why;
+    return n;
+  };
+  for (std::uint32_t target : {0u, 1u, 3u}) {
+    SCOPED_TRACE(target);
+    Quarn::publishLink(tail, indexOf(target));
+    EXPECT_LE(steps([&](TestWrapper& w, Quarn::IterHint& h) { return t.writer->first(0, w, h); },
+                    [&](TestWrapper& w, Quarn::IterHint& h) {
+                      return t.writer->next(TestKey(w.key), w, h);
+                    }),
+              bound);
+    EXPECT_LE(steps([&](TestWrapper& w, Quarn::IterHint& h) { return r.first(0, w, h); },
+                    [&](TestWrapper& w, Quarn::IterHint& h) { return r.doNext(w.key, w, h); }),
+              bound);
+  }
+}
+
 TEST(QuarnReader, InitializeRefusesMissingOrForeignFiles) {
   TempRoot tmp;
   Reader missing(dh(), tmp.path() + "/t");
@@ -261,17 +297,47 @@ TEST_F(Following, SlowReaderSurvivesTheReuseOfItsTable) {
   EXPECT_FALSE(f.conquer.outOfSync());
 }
 
+// A reader the writer does not count (no wake-up channel: the writer prunes freely) learns that
+// it was pruned past: after one compaction (another table), and after two with distinct keys,
+// when its own table is current again and refilled from position 0.
 TEST(ConquerReader, UncountedReaderLearnsItWasPrunedPast) {
+  for (std::uint32_t compactions : {1u, 2u}) {
+    SCOPED_TRACE(compactions);
+    TempRoot tmp;
+    Table t(tmp.path(), nullptr);
+    Follower f(t.root, nullptr);
+    std::string error;
+    ASSERT_TRUE(f.conquer.initialize(t.writer->fenix(), error)) << error;
+    ASSERT_EQ(f.conquer.position(), 0u);
+    for (std::uint32_t i = 0; t.writer->conquer().counters().compactions < compactions; ++i) {
+      t.writer->write(record(i % 50, i, i));
+    }
+    for (std::uint32_t i = 0; i < 6; ++i) t.writer->write(record(7, 100000 + i, i));
+    ASSERT_EQ(t.writer->conquer().currentTable(), compactions % 2);
+    f.drain();
+    EXPECT_TRUE(f.conquer.outOfSync());
+    EXPECT_EQ(f.conquer.lastSequence(), t.writer->conquer().sequence());
+  }
+}
+
+// The writer compacts into the other table while the reader is stopped, and that table's
+// capacity word is then damaged: the reader cannot map it, and says so instead of spinning.
+TEST(ConquerReader, TableThatCannotBeMappedIsCorruption) {
   TempRoot tmp;
-  Table t(tmp.path(), nullptr);  // no wake-up channel: the writer prunes freely
+  Table t(tmp.path(), nullptr);
   Follower f(t.root, nullptr);
   std::string error;
   ASSERT_TRUE(f.conquer.initialize(t.writer->fenix(), error)) << error;
-  std::uint32_t const capacity = t.writer->conquer().capacity(0);
-  for (std::uint32_t i = 0; i < capacity + 10; ++i) t.writer->write(record(1, i % 5, i));
-  f.drain();
-  EXPECT_TRUE(f.conquer.outOfSync());
-  EXPECT_EQ(f.conquer.lastSequence(), t.writer->conquer().sequence());
+  for (std::uint32_t i = 0; t.writer->conquer().counters().compactions < 1; ++i) {
+    t.writer->write(record(1, i % 5, i));
+  }
+  Mem::Shared other("conquer.2", t.root);
+  ASSERT_TRUE(other.attach(other.sizeOnDisk()));
+  Mem::Atomics::store32(other.base() + offsetof(Quarn::ConquerTable::Header, capacity),
+                        0xFFFFFFF0u);
+  EXPECT_NE(failure<Quarn::CorruptionDetectedException>([&] { f.drain(); })
+                .find("ConquerReader::findPosition() cannot map"),
+            std::string::npos);
 }
 
 // A writer thread changes records whose words must always agree; a reader thread looks them up
