@@ -332,8 +332,63 @@ void BM_QuarnBurstCoalescing(benchmark::State& state) {
   state.counters["fileToBound"] = bound == 0 ? 0 : double(largestFile) / double(bound);
 }
 
+// The writer's CPU time per write with `state.range(0)` reader processes asleep on the wake-up
+// channel, each write waited for until every reader has acknowledged it (a quiet table: every
+// write wakes every reader). 0 readers is the baseline. Counters: wake-ups sent and
+// acknowledgements handled per write.
+void BM_QuarnWriterCostWithReaders(benchmark::State& state) {
+  ShmRoot root;
+  std::uint32_t const readers = std::uint32_t(state.range(0));
+  std::string const tableRoot = root.path + "/groupIntf";
+  Kiv::Activity activity;
+  std::unique_ptr<Filled> t;
+  std::filesystem::create_directories(tableRoot);
+  Quarn::WriterKickSm kick(
+      tableRoot, [&] { return t->writer.conquer().sequence(); },
+      [&](std::uint32_t) { t->writer.conquer().updateNumReaders(); }, activity);
+  t = std::make_unique<Filled>(root.path, 10000, &kick);
+  std::vector<Child> children(readers);
+  for (auto& child : children) {
+    child.pid = forkChild([&] {
+      Kiv::Activity own;
+      bool woken = false;
+      Quarn::ConquerReader conquer(dh(), tableRoot, &own, [&] { woken = true; });
+      std::string error;
+      if (!conquer.initialize(t->writer.fenix(), error)) return;
+      conquer.conquer([](std::uint32_t) {});
+      for (;;) {
+        own.runOnce(1);
+        if (woken) {
+          woken = false;
+          conquer.conquer([](std::uint32_t) {});
+        }
+      }
+    });
+  }
+  double const deadline = monotonic() + 30;
+  while (kick.numReaders() != readers && monotonic() < deadline) activity.runOnce(0.05);
+  if (kick.numReaders() != readers) {
+    state.SkipWithError("readers did not connect");
+    return;
+  }
+  std::size_t next = 0;
+  std::uint64_t kicks = 0;
+  for (auto _ : state) {
+    kicks += kick.numSleepers();
+    t->writer.write(valueOf(t->keys[next++ % t->keys.size()], double(next)));
+    std::uint64_t const seq = t->writer.conquer().sequence();
+    // Until every reader has consumed the write and gone back to sleep.
+    while (readers != 0 && (kick.lowestSequence() < seq || kick.numSleepers() != readers)) {
+      activity.runOnce(1);
+    }
+  }
+  state.counters["kicks/write"] =
+      benchmark::Counter(double(kicks), benchmark::Counter::kAvgIterations);
+}
+
 }  // namespace
 
+BENCHMARK(BM_QuarnWriterCostWithReaders)->Arg(0)->Arg(16)->Iterations(20000);
 BENCHMARK(BM_QuarnReaderLookup)->Arg(500000);
 BENCHMARK(BM_QuarnReaderLookupUnderChurn)->Arg(500000);
 BENCHMARK(BM_QuarnPropagation)
