@@ -375,7 +375,8 @@ void BM_QuarnWriterCostWithReaders(benchmark::State& state) {
   std::uint64_t kicks = 0;
   for (auto _ : state) {
     kicks += kick.numSleepers();
-    t->writer.write(valueOf(t->keys[next++ % t->keys.size()], double(next)));
+    ++next;
+    t->writer.write(valueOf(t->keys[next % t->keys.size()], double(next)));
     std::uint64_t const seq = t->writer.conquer().sequence();
     // Until every reader has consumed the write and gone back to sleep.
     while (readers != 0 && (kick.lowestSequence() < seq || kick.numSleepers() != readers)) {
