@@ -34,9 +34,11 @@ void ReaderMounter::notify(std::string const& eventName) {
     KIV_TRACE(dh_, 5, "QuarnMap::ReaderMounter::notify() eventName: ", eventName,
               " fenixId: ", fenix, " quarnMap.fenixId: ", mounted, " mode: ", modeWord_);
     bool const tableThere = Util::memSize(rootPath_ + "/slots") > 0;
-    if (fenix == 0 && tableThere) {
-      // The writer's files are there but do not say which incarnation they are: nobody can
-      // mount them until the writer writes the fenix file again. A mounted table stays.
+    // The writer's files are there but do not say which incarnation they are: nobody can mount
+    // them until the writer writes the fenix file again. A mounted table stays. Said when the
+    // fenix file itself changed or the condition outlived a remount interval, not for the
+    // moment a starting writer has created its files but not yet its fenix file.
+    if (fenix == 0 && tableThere && (eventName == "fenix" || eventName == remountTimeout)) {
       KIV_TRACE(dh_, 0, "ReaderMounter::notify() fenix file of ", name_, " in ", rootPath_,
                 " damaged or missing", table_.mounted() ? ", staying mounted" : ", cannot mount");
     }

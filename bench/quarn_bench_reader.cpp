@@ -135,6 +135,21 @@ struct Filled {
   }
 };
 
+// A filled writer of the table "groupIntf" under `root` with its readers' wake-up channel on
+// `activity`.
+struct WithKick {
+  std::string tableRoot;
+  std::unique_ptr<Filled> t;
+  Quarn::WriterKickSm kick;
+  WithKick(std::string const& root, std::size_t count, Kiv::Activity& activity)
+      : tableRoot(root + "/groupIntf"),
+        kick((std::filesystem::create_directories(tableRoot), tableRoot),
+             [this] { return t->writer.conquer().sequence(); },
+             [this](std::uint32_t) { t->writer.conquer().updateNumReaders(); }, activity) {
+    t = std::make_unique<Filled>(root, count, &kick);
+  }
+};
+
 // Lookups of every key in turn through a reader mapping of `t`'s files.
 void lookups(benchmark::State& state, Filled& t) {
   TableReader reader(dh(), t.writer.rootPath());
@@ -280,14 +295,11 @@ std::size_t fileBytes(std::string const& path) {
 void BM_QuarnBurstCoalescing(benchmark::State& state) {
   ShmRoot root;
   std::size_t const count = std::size_t(state.range(0));
-  std::string const tableRoot = root.path + "/groupIntf";
   Kiv::Activity activity;
-  std::unique_ptr<Filled> t;
-  std::filesystem::create_directories(tableRoot);
-  Quarn::WriterKickSm kick(
-      tableRoot, [&] { return t->writer.conquer().sequence(); },
-      [&](std::uint32_t) { t->writer.conquer().updateNumReaders(); }, activity);
-  t = std::make_unique<Filled>(root.path, count, &kick);
+  WithKick table(root.path, count, activity);
+  std::string const& tableRoot = table.tableRoot;
+  auto& t = table.t;
+  auto& kick = table.kick;
   Quarn::ConquerReader conquer(dh(), tableRoot, &activity);
   std::string error;
   if (!conquer.initialize(t->writer.fenix(), error)) {
@@ -339,14 +351,11 @@ void BM_QuarnBurstCoalescing(benchmark::State& state) {
 void BM_QuarnWriterCostWithReaders(benchmark::State& state) {
   ShmRoot root;
   std::uint32_t const readers = std::uint32_t(state.range(0));
-  std::string const tableRoot = root.path + "/groupIntf";
   Kiv::Activity activity;
-  std::unique_ptr<Filled> t;
-  std::filesystem::create_directories(tableRoot);
-  Quarn::WriterKickSm kick(
-      tableRoot, [&] { return t->writer.conquer().sequence(); },
-      [&](std::uint32_t) { t->writer.conquer().updateNumReaders(); }, activity);
-  t = std::make_unique<Filled>(root.path, 10000, &kick);
+  WithKick table(root.path, 10000, activity);
+  std::string const& tableRoot = table.tableRoot;
+  auto& t = table.t;
+  auto& kick = table.kick;
   std::vector<Child> children(readers);
   for (auto& child : children) {
     child.pid = forkChild([&] {
