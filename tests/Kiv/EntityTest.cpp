@@ -308,15 +308,6 @@ TEST_F(WalkTest, DyingOwnerCannotBeReachedFromItsMembers) {
   EXPECT_EQ(second->memberAttributeId(), 0u);
 }
 
-TEST(EntityAttributes, NamesComeFromTheTableThenTheBaseThenUnknown) {
-  Kiv::Ptr<Node> node = new Node(1);
-  EXPECT_EQ(node->attributeString(Node::Attr::counter), "counter");
-  EXPECT_EQ(node->attributeString(Kiv::Entity::isNondestructingId), "isNondestructing");
-  EXPECT_EQ(node->attributeString(Kiv::Entity::zeroReferencesId), "zeroReferences");
-  EXPECT_EQ(node->attributeString(100), "unknown");
-  EXPECT_EQ(node->attributeString(Node::Attr::child + 1), "unknown");
-}
-
 TEST(EntityLifecycle, NondestructingEntitySurvivesZeroReferencesUntilReleased) {
   static int destroyed = 0;
   struct Probe : Node {
