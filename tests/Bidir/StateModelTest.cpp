@@ -314,33 +314,6 @@ TEST(Status, MembersKnowTheirParentUntilRemoved) {
   EXPECT_EQ(status->group(g1), nullptr);
 }
 
-TEST(Status, DestroyedOwnersDetachTheirMembers) {
-  auto status = statusFactory("blue");
-  auto group = status->groupIs(g1);
-  auto intf = group->groupIntfIs("Ethernet1");
-  status = nullptr;
-  EXPECT_EQ(group->bidirStatus(), nullptr);
-  EXPECT_EQ(group->references(), 1u);  // the Status let go
-  group = nullptr;
-  EXPECT_EQ(intf->parentGroup(), nullptr);
-  EXPECT_EQ(intf->references(), 1u);
-}
-
-// The agent holds a Status by plain pointer; a watcher drops its last reference while
-// groupDelAll() runs. AddressSanitizer reports any use of the freed Status.
-TEST(Status, GroupDelAllSurvivesAHandlerDroppingTheLastReference) {
-  Log log;
-  auto status = statusFactory("v");
-  status->groupIs(g1);
-  status->groupIs(g2);
-  Status* raw = status.ptr();
-  auto w = watch<StatusWatcher>(log, status);
-  status = nullptr;
-  log.react = [&](std::string const&) { w->notifierIs(nullptr); };
-  raw->groupDelAll();
-  EXPECT_EQ(log.lines.size(), 1u);
-}
-
 // While a Status (Group) removes its members on destruction, a member's watcher asking a sibling
 // for its parent gets null, never a reference to the dying parent. Whichever member is detached
 // first asks the other, which is still a member.
