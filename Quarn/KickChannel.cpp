@@ -112,6 +112,10 @@ void Connection::handleEvents(std::uint32_t events) {
       onMessage_(m);
       if (!*alive) return;
     }
+    // A short read emptied the socket: the watch is level-triggered, so anything that arrives
+    // later raises another event. Reading on until EAGAIN would cost one more system call per
+    // message, which is a third of a writer's work per write with sleeping readers.
+    if (std::size_t(n) < sizeof buffer) return;
   }
 }
 
