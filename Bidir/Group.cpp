@@ -47,6 +47,36 @@ Kiv::Ptr<Status> Group::bidirStatus() const {
   return dynamic_cast<Status*>(parent());
 }
 
+// The parent as a plain pointer: the computations take no reference (nothing to release on the
+// hot path, and nothing handed out).
+Status const* Group::statusOf() const noexcept {
+  return dynamic_cast<Status const*>(parent());
+}
+
+Lanx::IpGenAddr Group::rp() const {
+  Status const* status = statusOf();
+  if (status == nullptr || !status->rpHashStatus()) return Lanx::IpGenAddr();
+  return status->rpHashStatus()->rpHash(Lanx::IpGenPrefix(groupAddr_)).rp;
+}
+
+Df::Quarn::RpaRpf Group::rpaRpf() const {
+  Status const* status = statusOf();
+  if (status == nullptr || !status->rpaRpfStatus()) return Df::Quarn::RpaRpf(Lanx::IpGenAddr());
+  return status->rpaRpfStatus()->rpaRpf(rp());
+}
+
+Routing::Pim::RouteKey Group::routeKey() {
+  return Routing::Pim::RouteKey(Lanx::IpGenAddr::unspecified(groupAddr_.family()), groupAddr_);
+}
+
+bool Group::joinDesired() const {
+  for (GroupIntf const& member : groupIntfs_.range()) {
+    if (member.intfId() == rpaRpf().rpfInterface) continue;
+    if (member.oList()) return true;
+  }
+  return false;
+}
+
 Kiv::Ptr<Group> groupFactory(Lanx::IpGenAddr const& groupAddr) {
   return Kiv::newPtr<Group>(groupAddr);
 }
