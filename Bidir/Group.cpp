@@ -53,16 +53,22 @@ Status const* Group::statusOf() const noexcept {
   return dynamic_cast<Status const*>(parent());
 }
 
-Lanx::IpGenAddr Group::rp() const {
-  Status const* status = statusOf();
+Lanx::IpGenAddr Group::rpOf(Status const* status) const {
   if (status == nullptr || !status->rpHashStatus()) return Lanx::IpGenAddr();
   return status->rpHashStatus()->rpHash(Lanx::IpGenPrefix(groupAddr_)).rp;
 }
 
-Df::Quarn::RpaRpf Group::rpaRpf() const {
-  Status const* status = statusOf();
+Df::Quarn::RpaRpf Group::rpaRpfOf(Status const* status) const {
   if (status == nullptr || !status->rpaRpfStatus()) return Df::Quarn::RpaRpf(Lanx::IpGenAddr());
-  return status->rpaRpfStatus()->rpaRpf(rp());
+  return status->rpaRpfStatus()->rpaRpf(rpOf(status));
+}
+
+Lanx::IpGenAddr Group::rp() const {
+  return rpOf(statusOf());
+}
+
+Df::Quarn::RpaRpf Group::rpaRpf() const {
+  return rpaRpfOf(statusOf());
 }
 
 Routing::Pim::RouteKey Group::routeKey() {
@@ -71,7 +77,9 @@ Routing::Pim::RouteKey Group::routeKey() {
 
 bool Group::joinDesired() const {
   for (GroupIntf const& member : groupIntfs_.range()) {
-    if (member.intfId() == rpaRpf().rpfInterface) continue;
+    // The parent cannot change during the walk (nothing here notifies), so it is looked up once
+    // per member, not once per table.
+    if (member.intfId() == rpaRpfOf(statusOf()).rpfInterface) continue;
     if (member.oList()) return true;
   }
   return false;
