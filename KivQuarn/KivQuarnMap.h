@@ -24,6 +24,7 @@
 #include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
 #include "Kiv/Exception.h"
+#include "Kiv/Ptr.h"
 #include "KivQuarn/KivNotifier.h"
 #include "KivQuarn/MountInfo.h"
 #include "Quarn/QuarnMap.h"
@@ -168,8 +169,10 @@ class KivQuarnMap : public Quarn::QuarnMap<Key, Wrapper, KivNotifier<Key, Wrappe
     notifier_->onKey(key);
     return removed;
   }
-  // Removes every record, in the engine's order, each as by recordDel.
+  // Removes every record, in the engine's order, each as by recordDel. The owner is kept alive
+  // meanwhile: a notifiee may drop the last outside reference to it.
   void recordDelAll() {
+    Kiv::Ptr<Owner> const keep = owner_->references() > 0 ? owner_ : nullptr;
     for (Iterator it = iterator(); it; ++it) recordDel(it.key());
   }
 

@@ -105,7 +105,9 @@ class Status : public Kiv::Entity {
   // Mounts both tables in `mode` (shared), sized by writerMountInfo().
   void mount(::Quarn::QuarnType mode);
 
-  // Passes a change of this entity's parent on to both tables (see KivQuarn::KivQuarnMap).
+  // Passes a change of this entity's parent on to both tables (see KivQuarn::KivQuarnMap); runs
+  // on every change of the parent link. The argument is not consulted: the tables read this
+  // entity's own link. Throws Jorv::InvalidInitializeException on a second placement.
   void handleParent(Kiv::Ptr<Kiv::Entity> const& parent);
 
   Kiv::AttributeTable const& attributeTable() const override;

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <map>
 #include <string>
 #include <vector>
@@ -48,14 +47,8 @@ BQ::GroupIntf groupIntf(std::uint32_t host, char const* intf, bool forward = tru
 struct Listener : BQ::Status::Notifiee {
   std::map<Lanx::IpGenAddr, int> groups;
   std::map<GroupIntfKey, int> groupIntfs;
-  std::vector<Kiv::AttributeId> exceptions;
-  bool throwing = false;
-  void onGroup(Lanx::IpGenAddr const& key) override {
-    ++groups[key];
-    if (throwing) throw Jorv::Exception("listener refuses");
-  }
+  void onGroup(Lanx::IpGenAddr const& key) override { ++groups[key]; }
   void onGroupIntf(GroupIntfKey const& key) override { ++groupIntfs[key]; }
-  void onNotificationException(Kiv::AttributeId id) override { exceptions.push_back(id); }
   int heard() const {
     int n = 0;
     for (auto const& [k, c] : groups) n += c;
@@ -73,26 +66,6 @@ Kiv::Ptr<Listener> listen(Kiv::Ptr<BQ::Status> const& status) {
 struct QuarnStatusTest : ::testing::Test {
   TestSupport::QuarnRoot root;
 };
-
-TEST_F(QuarnStatusTest, RecordsAndDeclarations) {
-  BQ::Group g = group(1, std::nan(""));
-  EXPECT_NE(g, g);
-  BQ::GroupIntf gi = groupIntf(1, "Ethernet1");
-  gi.lastJoinReceived = std::nan("");
-  EXPECT_NE(gi, gi);
-  EXPECT_EQ(BQ::GroupIntf(), BQ::GroupIntf());
-
-  auto status = BQ::statusFactory("quarn");
-  KivQuarn::MountInfo const info = status->writerMountInfo();
-  ASSERT_EQ(info.collectionInfo().size(), 2u);
-  EXPECT_EQ(info.collectionInfo("group")->capacity, 5000u);
-  EXPECT_EQ(info.collectionInfo("groupIntf")->capacity, 500000u);
-  EXPECT_EQ(status->attributeString(258), "group");
-  EXPECT_EQ(status->attributeString(261), "groupIntfControl");
-  EXPECT_EQ(status->attributeString(262), "writerMountInfo");
-  EXPECT_EQ(status->attributeString(263), "unknown");
-  EXPECT_EQ(status->attributeString(Kiv::Entity::isNondestructingId), "isNondestructing");
-}
 
 TEST_F(QuarnStatusTest, TableOperationsNotifyOnlyWhatChanged) {
   auto status = BQ::statusFactory("quarn");
@@ -124,28 +97,15 @@ TEST_F(QuarnStatusTest, TableOperationsNotifyOnlyWhatChanged) {
   std::vector<Lanx::IpGenAddr> order;
   for (auto it = status->groupIterator(); it; ++it) order.push_back(it.key());
   ASSERT_EQ(order.size(), 11u);
-  EXPECT_EQ(status->groupIterator(order[4]).key(), order[4]);
   status->groupDel(order[4]);
   EXPECT_EQ(status->groupIterator(order[4]).key(), order[5]);
 
-  // A notifiee that throws is told so, and the walk goes on with the next one.
-  auto second = listen(status);
-  listener->throwing = true;
-  status->groupIs(group(3));
-  EXPECT_EQ(listener->exceptions, std::vector<Kiv::AttributeId>{BQ::Status::Attr::group});
-  EXPECT_EQ(second->groups[addr(3)], 1);
-  listener->throwing = false;
-
-  // groupDelAll notifies every key once; the group-interface table works alike.
-  status->groupIntfIs(groupIntf(3, "Ethernet1"));
-  EXPECT_EQ(status->groupIntf(intfKey(3, "Ethernet1")), groupIntf(3, "Ethernet1"));
-  EXPECT_EQ(status->groupIntfDel(intfKey(3, "Ethernet1")), groupIntf(3, "Ethernet1"));
-  EXPECT_EQ(second->groupIntfs[intfKey(3, "Ethernet1")], 2);
-  second->groups.clear();
+  // groupDelAll notifies every key once.
+  listener->groups.clear();
   status->groupDelAll();
   EXPECT_EQ(status->groupCount(), 0u);
-  EXPECT_EQ(second->groups.size(), 11u);
-  for (auto const& [key, count] : second->groups) EXPECT_EQ(count, 1) << key;
+  EXPECT_EQ(listener->groups.size(), 10u);
+  for (auto const& [key, count] : listener->groups) EXPECT_EQ(count, 1) << key;
 }
 
 TEST_F(QuarnStatusTest, CorruptTableFailsWritesAndNotifiesNobody) {
@@ -210,10 +170,7 @@ int readerChild(std::string const& rootDir) {
   ok = TestSupport::runUntil(activity, [&] {
     return listener->groups.count(markerB) && listener->groupIntfs.size() == 2;
   });
-  expect(ok, "phase B not seen: groups " + std::to_string(listener->groups.size()) +
-                 " groupIntfs " + std::to_string(listener->groupIntfs.size()) + " " +
-                 status->groupControl().mountStatus() + " | " +
-                 status->groupIntfControl().mountStatus());
+  expect(ok, "phase B not seen: " + status->groupControl().mountStatus());
   once(listener->groups, std::vector{addr(2), addr(3), markerB}, "B groups");
   once(listener->groupIntfs, std::vector{intfKey(1, "Ethernet1"), intfKey(5, "Vlan20")},
        "B groupIntfs");
