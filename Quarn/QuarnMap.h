@@ -138,7 +138,15 @@ class QuarnMap {
 
   Wrapper safeLookup(Key const& key, bool& found) const {
     found = false;
-    return guardedRead([&] { return backend_->lookup(key, found); }, Wrapper{});
+    // Not through guardedRead: the default record is built only when it is needed (lookups are
+    // the hot path of the readers' computations).
+    try {
+      return backend_->lookup(key, found);
+    } catch (CorruptionDetectedException const& e) {
+      corruptionDetected(e.what());
+      found = false;
+      return Wrapper{};
+    }
   }
   bool first(Wrapper& out, IterHint& hint) const {
     return guardedRead([&] { return backend_->first(0, out, hint); }, false);

@@ -83,7 +83,7 @@ TEST_F(QuarnStatusTest, TableOperationsNotifyOnlyWhatChanged) {
   BQ::Status::GroupWrapper* direct = status->groupControl().directWrite(addr(2));
   direct->creationTime = 7.0;
   status->groupCommit(direct);
-  EXPECT_EQ(status->group(addr(2)).creationTime, 7.0);
+  EXPECT_EQ(status->group(addr(2)), group(2, 7.0));
   EXPECT_EQ(listener->groups[addr(2)], 1);
 
   // Removing an absent key answers a default record and notifies nobody.
