@@ -26,6 +26,7 @@
 #include "Kiv/Exception.h"
 #include "Kiv/Ptr.h"
 #include "KivQuarn/KivNotifier.h"
+#include "KivQuarn/KivQuarnType.h"
 #include "KivQuarn/MountInfo.h"
 #include "Quarn/QuarnMap.h"
 
