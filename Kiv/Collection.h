@@ -12,6 +12,11 @@
 // notifiees hear of the removal, so a watcher that looks at the removed member sees no parent.
 // Removing an absent key changes nothing and notifies nothing. Iterators stay valid across the
 // insertion and removal of other members.
+//
+// Re-entrancy: every operation that notifies holds a reference to the owner for its whole
+// duration (Entity::keepAlive), because a handler (the owner's, or a member's hearing onParent)
+// may drop the owner's last reference while the caller holds the owner by plain pointer only. The
+// owner then goes when the operation returns, never while the collection is still in use.
 
 #include <cstdint>
 #include <iterator>
@@ -88,7 +93,7 @@ class Collection {
       : owner_(owner), id_(id), onMember_(onMember) {}
   Collection(Collection const&) = delete;
   Collection& operator=(Collection const&) = delete;
-  // Members still present are detached silently (the owner is going away).
+  // Members still present are detached (their watchers hear onParent); the owner is going away.
   ~Collection() {
     for (auto& [slot, member] : map_) member->parentIs(nullptr, 0);
   }
@@ -105,6 +110,7 @@ class Collection {
   // The member under `key`, created (and notified) when absent.
   Ptr<Member> memberIs(Key const& key) {
     if (auto existing = member(key)) return existing;
+    auto const keep = owner_.keepAlive();
     auto created = newMember(key);
     owner_.notify(id_, onMember_, key);
     return created;
@@ -113,6 +119,7 @@ class Collection {
   // Constructs a member from `key` and inserts it. A member already under `key` is detached and
   // replaced, and that replacement is notified; a plain insertion is not (memberIs notifies it).
   Ptr<Member> newMember(Key const& key) {
+    auto const keep = owner_.keepAlive();
     Ptr<Member> created = newPtr<Member>(key);
     auto [it, inserted] = map_.try_emplace(slotOf(key), created);
     Ptr<Member> replaced;
@@ -126,18 +133,24 @@ class Collection {
   }
 
   void memberDel(Key const& key) {
+    auto const keep = owner_.keepAlive();
     auto it = map_.find(slotOf(key));
     if (it != map_.end()) erase(it);
   }
   void memberDel(Iterator it) {
+    auto const keep = owner_.keepAlive();
     if (it != end()) erase(it.mapIterator());
   }
   // Removes every member in map order, each as by memberDel. Re-reads the first member each time,
   // so handlers that add or remove members meanwhile are tolerated.
   void memberDelAll() {
+    auto const keep = owner_.keepAlive();
     while (!map_.empty()) erase(map_.begin());
   }
-  void memberNotify(Key const& key) const { owner_.notify(id_, onMember_, key); }
+  void memberNotify(Key const& key) const {
+    auto const keep = owner_.keepAlive();
+    owner_.notify(id_, onMember_, key);
+  }
 
   Iterator begin() { return Iterator(map_.begin()); }
   Iterator end() { return Iterator(map_.end()); }

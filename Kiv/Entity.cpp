@@ -60,7 +60,7 @@ void Entity::onLastRef() {
     zeroReferencesIs(true);
     return;
   }
-  delete this;
+  destroy();
 }
 
 void Entity::parentIs(Entity* parent, AttributeId memberAttributeId) {
@@ -74,15 +74,17 @@ void Entity::parentIs(Entity* parent, AttributeId memberAttributeId) {
 
 String8 Entity::fullPath() const {
   String8 path = name_;
-  for (Entity const* e = parent_; e != nullptr; e = e->parent_) path = e->name_ + "/" + path;
+  for (Entity const* e = parent(); e != nullptr; e = e->parent()) path = e->name_ + "/" + path;
   return path;
 }
 
 void Entity::isNondestructingIs(bool value) {
+  // With a reference left, whoever drops the last one (a handler, or `keep` below) frees it.
+  auto const keep = keepAlive();
   if (attributeIs(isNondestructing_, value, isNondestructingId,
                   &NotifieeConst::onIsNondestructing) &&
-      !value && zeroReferences_ && references() == 0) {
-    delete this;
+      !value && zeroReferences_ && !keep) {
+    destroy();
   }
 }
 
@@ -101,7 +103,7 @@ void Entity::walk(AttributeId id, Call call, void const* context) const {
   // Keep this entity alive across the walk (a handler may drop the last outside reference). An
   // entity that has no reference left (it is being destroyed) has no notifiee either, since every
   // registered notifiee holds a reference to it.
-  Ptr<Entity const> self = references() > 0 ? this : nullptr;
+  auto const self = keepAlive();
   // The snapshot keeps every reference-counted notifiee alive for the walk. A notifiee that is not
   // reference counted (a plain member of its owner) is not referenced here, which is why each
   // entry is looked up in the live list before it is called: one that left the list, or was

@@ -4,7 +4,9 @@
 // An entity is reference counted (PtrInterface), has a name, and a parent link: a raw, never
 // owning back pointer to the entity whose collection holds it, together with the identifier of
 // that collection attribute. The owner sets and clears the link (Collection does it on insert and
-// erase), so the link never outlives the membership.
+// erase), so the link never outlives the membership. Once the owner's destruction has begun the
+// link reads as null: the owner removes its members from its destructor, and their watchers must
+// not reach (or take a reference to) an entity whose count is already zero.
 //
 // Change notification. Watchers derive from an entity's NotifieeConst (read-only) or Notifiee
 // (writable) class, register with one notifier (`notifierIs`) and can be switched off and on
@@ -66,10 +68,12 @@ class Entity : public PtrInterface {
 
   Name const& name() const noexcept { return name_; }
 
-  // The entity whose collection holds this one, or nullptr.
-  Entity* parent() const noexcept { return parent_; }
+  // The entity whose collection holds this one, or nullptr (also while that one is destroyed).
+  Entity* parent() const noexcept {
+    return parent_ && !parent_->isDestroying() ? parent_ : nullptr;
+  }
   // The collection attribute of the parent that holds this entity (0 when it has no parent).
-  AttributeId memberAttributeId() const noexcept { return memberAttributeId_; }
+  AttributeId memberAttributeId() const noexcept { return parent() ? memberAttributeId_ : 0; }
   // Sets or clears (nullptr) the parent link; when it changes, notifies onParent() and then calls
   // parentChanged(). An exception from parentChanged() leaves the new link in place and passes on.
   void parentIs(Entity* parent, AttributeId memberAttributeId);
@@ -116,6 +120,10 @@ class Entity : public PtrInterface {
   template <class Key, class Member, class KeyHash, class OnMember>
   friend class Collection;
   friend class NotifieeConst;
+
+  // A reference that keeps this entity alive while handlers run (any of them may drop the last
+  // other one); null while it has none (under construction, or being destroyed).
+  Ptr<Entity const> keepAlive() const noexcept { return references() > 0 ? this : nullptr; }
 
   using Call = void (*)(void const* context, NotifieeConst& notifiee);
   void walk(AttributeId id, Call call, void const* context) const;

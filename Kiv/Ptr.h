@@ -6,6 +6,11 @@
 // derived from PtrInterface must therefore live on the heap and be handed to a Ptr right after
 // `new`. The count is atomic (increment relaxed, decrement acq_rel) so that a Ptr may be copied or
 // released on any thread; the objects themselves are not otherwise thread-safe.
+//
+// Destruction is final: once the count has reached zero and the object is being freed
+// (isDestroying()), a Ptr made from a plain pointer to it is null. Code that runs inside the
+// destructor (handlers of members being removed, back pointers of state machines) therefore can
+// never take a reference that would bring the count from zero to one and free the object twice.
 
 #include <atomic>
 #include <cstddef>
@@ -29,14 +34,23 @@ class PtrInterface {
     }
   }
   std::uint32_t references() const noexcept { return refs_.load(std::memory_order_relaxed); }
+  // True from the moment destroy() begins: no new reference can be taken.
+  bool isDestroying() const noexcept { return destroying_; }
 
  protected:
   virtual ~PtrInterface() = default;
   // Called when the count drops to zero; the default frees the object.
-  virtual void onLastRef() { delete this; }
+  virtual void onLastRef() { destroy(); }
+  // Frees the object, refusing new references while its destructors run. The only way an object
+  // with a count should go.
+  void destroy() {
+    destroying_ = true;
+    delete this;
+  }
 
  private:
   mutable std::atomic<std::uint32_t> refs_{0};
+  bool destroying_ = false;
 };
 
 template <class T>
@@ -46,7 +60,8 @@ class Ptr {
 
   constexpr Ptr() noexcept = default;
   constexpr Ptr(std::nullptr_t) noexcept {}
-  Ptr(T* p) noexcept : p_(p) { acquire(); }
+  // Null when `p` is being destroyed (see PtrInterface::isDestroying).
+  Ptr(T* p) noexcept : p_(p && !p->isDestroying() ? p : nullptr) { acquire(); }
   Ptr(Ptr const& o) noexcept : p_(o.p_) { acquire(); }
   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "Bidir/GroupIntfKey.h"
 #include "Bidir/States.h"
@@ -58,11 +61,28 @@ TEST(GroupIntfKey, UnsetKeyAndFamilyBlindHash) {
             Lanx::Ip6Addr::hash(v4.groupAddr().bytes().data()) ^ IntfId("Ethernet1").hash());
 }
 
-TEST(JoinStates, NumericAndNameConversionsUseTheirOwnErrorTexts) {
-  EXPECT_EQ(GroupStates::UpJoinStateInstance(1u), GroupStates::upJoined);
-  EXPECT_EQ(GroupIntfStates::JoinStateInstance(2u), GroupIntfStates::joined);
-  EXPECT_EQ(GroupIntfStates::JoinStateInstance(Kiv::String8("prunePending")),
-            GroupIntfStates::prunePending);
+// Both directions for every enumerator; names match exactly and case-sensitively. The two
+// failures carry different texts on purpose: qualified for numbers, unqualified for names.
+TEST(JoinStates, ConversionsAreExactAndUseTheirOwnErrorTexts) {
+  struct Enumeration {
+    std::vector<std::string> names;
+    unsigned (*byValue)(unsigned);
+    unsigned (*byName)(Kiv::String8 const&);
+    char const* (*nameOf)(unsigned);
+    std::string numberError, nameError;
+  };
+  Enumeration const enumerations[] = {
+      {{"upNotJoined", "upJoined"},
+       [](unsigned v) -> unsigned { return GroupStates::UpJoinStateInstance(v); },
+       [](Kiv::String8 const& n) -> unsigned { return GroupStates::UpJoinStateInstance(n); },
+       [](unsigned v) { return GroupStates::upJoinStateName(GroupStates::UpJoinState(v)); },
+       "Group::UpJoinState", "UpJoinState"},
+      {{"noInfo", "prunePending", "joined"},
+       [](unsigned v) -> unsigned { return GroupIntfStates::JoinStateInstance(v); },
+       [](Kiv::String8 const& n) -> unsigned { return GroupIntfStates::JoinStateInstance(n); },
+       [](unsigned v) { return GroupIntfStates::joinStateName(GroupIntfStates::JoinState(v)); },
+       "GroupIntf::JoinState", "JoinState"},
+  };
   auto message = [](auto&& f) -> std::string {
     try {
       f();
@@ -71,12 +91,27 @@ TEST(JoinStates, NumericAndNameConversionsUseTheirOwnErrorTexts) {
     }
     return "no exception";
   };
-  EXPECT_EQ(message([] { GroupStates::UpJoinStateInstance(2u); }), "Group::UpJoinState");
-  EXPECT_EQ(message([] { GroupIntfStates::JoinStateInstance(3u); }), "GroupIntf::JoinState");
-  EXPECT_EQ(message([] { GroupStates::UpJoinStateInstance(Kiv::String8("UpJoined")); }),
-            "UpJoinState");
-  EXPECT_EQ(message([] { GroupIntfStates::JoinStateInstance(Kiv::String8("Joined")); }),
-            "JoinState");
+  for (Enumeration const& e : enumerations) {
+    unsigned const count = static_cast<unsigned>(e.names.size());
+    for (unsigned v = 0; v < count; ++v) {
+      std::string const& name = e.names[v];
+      EXPECT_EQ(e.byValue(v), v);
+      EXPECT_EQ(e.byName(name), v) << name;
+      EXPECT_EQ(e.nameOf(v), name);
+      std::string upper = name;
+      upper[0] = static_cast<char>(upper[0] - 'a' + 'A');
+      std::string lower = name;
+      for (char& c : lower) c = static_cast<char>(std::tolower(c));
+      for (std::string const& other : {upper, lower, name.substr(1), name.substr(0, name.size() - 1),
+                                       name + "x", " " + name, name + " ", std::string()}) {
+        if (other != name) {
+          EXPECT_EQ(message([&] { e.byName(other); }), e.nameError) << other;
+        }
+      }
+    }
+    EXPECT_EQ(message([&] { e.byValue(count); }), e.numberError);
+    EXPECT_EQ(e.nameOf(count), nullptr);
+  }
 }
 
 }  // namespace
