@@ -14,7 +14,9 @@
 // man's land" ("directCommit()", "safeRemove()"), and nobody is notified; Quarn::TableFullException
 // and other engine exceptions pass through unchanged. On a reading mount, every key the table
 // reports as changed is notified the same way (`groupNotify`), through the framework's one
-// notification walk. The same holds for groupIntf.
+// notification walk. The same holds for groupIntf. A notifiee may drop the last reference to this
+// entity while a write or remove notifies it, but not while a reading table delivers a key (the
+// table's back end is then in the middle of its work, and it goes with this entity).
 
 #include <cstdint>
 
