@@ -7,12 +7,14 @@
 
 #include <cstdint>
 
+#include "Bidir/Df/RpaRpf.h"
 #include "Bidir/GroupIntf.h"
 #include "Bidir/States.h"
 #include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
 #include "Lanx/IntfId.h"
 #include "Lanx/IpGenAddr.h"
+#include "Pim/RouteKey.h"
 #include "Pim/Rpf.h"
 
 namespace Routing::Pim::Bidir {
@@ -76,6 +78,26 @@ class Group : public Kiv::Entity, public GroupStates {
   Lanx::IpGenAddr const& fwkKey() const noexcept { return groupAddr_; }
   // The Status that holds this group; null once it has been removed.
   Kiv::Ptr<Status> bidirStatus() const;
+
+  // Computed on every call from this group, its interfaces and the two tables its Status refers
+  // to (the RP hash table and the DF election's RPA-RPF table); nothing is cached or notified.
+  // A table whose memory is found corrupt is told so and answers its default record: these never
+  // throw CorruptionDetectedException. Other exceptions of a table pass through.
+  //
+  // The RP of the group: the RP hash record of the group's host prefix (the default record's RP,
+  // unset, when the prefix is absent, the table is not set or the group has no Status).
+  Lanx::IpGenAddr rp() const;
+  // A copy of the RPA-RPF record of rp(); the record of the unset address when the group has no
+  // Status or the Status has no RPA-RPF table; the table's default record when rp() is absent.
+  Df::Quarn::RpaRpf rpaRpf() const;
+  Routing::Pim::Rpf rpf() const { return rpaRpf().rpf; }
+  std::uint16_t rpaIndex() const { return rpaRpf().rpaIndex; }
+  // The (*, G) route: the unspecified source of the group's family, and the group.
+  Routing::Pim::RouteKey routeKey();
+  // RFC 5015 JoinDesired(G): olist(G) minus RPF_interface(RPA(G)) is not empty. Walks the
+  // interfaces in map order, evaluating rpaRpf() afresh for each one examined, and stops at the
+  // first interface that is not the RPF interface and has oList() true.
+  bool joinDesired() const;
 
   double creationTime() const noexcept { return creationTime_; }
   void creationTimeIs(double const& v) {
@@ -142,6 +164,11 @@ class Group : public Kiv::Entity, public GroupStates {
   Kiv::AttributeTable const& attributeTable() const override;
 
  private:
+  Status const* statusOf() const noexcept;
+  // rp() and rpaRpf() for the Status `status` (the parent, taken once by the caller).
+  Lanx::IpGenAddr rpOf(Status const* status) const;
+  Df::Quarn::RpaRpf rpaRpfOf(Status const* status) const;
+
   Lanx::IpGenAddr const groupAddr_;
   double creationTime_ = 0.0;
   Routing::Pim::Rpf prevRpf_;

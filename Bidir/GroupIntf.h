@@ -64,6 +64,17 @@ class GroupIntf : public Kiv::Entity, public GroupIntfStates {
   bool iAmDf() const noexcept { return iAmDf_; }
   void iAmDfIs(bool v) { attributeIs(iAmDf_, v, Attr::iAmDf, &NotifieeConst::onIAmDf); }
 
+  // RFC 5015 macros restricted to this interface, computed on every call. Only the DF of the
+  // interface forwards there: with iAmDf false all three are false.
+  // joins(G): joined or prunePending (a pending prune still counts until it takes effect).
+  bool joins() const noexcept {
+    return iAmDf_ && (joinState_ == joined || joinState_ == prunePending);
+  }
+  // pim_include(G): a local receiver asked for the group here.
+  bool pimInclude() const noexcept { return iAmDf_ && localReceiverInclude_; }
+  // olist(G): joins(G), else pim_include(G).
+  bool oList() const noexcept { return joins() || pimInclude(); }
+
   Kiv::AttributeTable const& attributeTable() const override;
 
  private:

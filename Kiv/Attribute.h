@@ -29,6 +29,8 @@ enum class AttributeKind : std::uint8_t {
   parentReference,    // the entity's parent, from the framework's parent link
   settableReference,  // a stored reference to another entity
   collection,         // owned members keyed by their own key
+  table,              // a shared-memory table of records keyed by their `key` field
+  tableControl,       // the control handle of a table (mounting, validation; no value operations)
   framework,          // an attribute of the entity framework itself
 };
 

@@ -69,6 +69,13 @@ void Entity::parentIs(Entity* parent, AttributeId memberAttributeId) {
   parent_ = parent;
   memberAttributeId_ = memberAttributeId;
   notify(parentId, &NotifieeConst::onParent);
+  parentChanged();
+}
+
+String8 Entity::fullPath() const {
+  String8 path = name_;
+  for (Entity const* e = parent(); e != nullptr; e = e->parent()) path = e->name_ + "/" + path;
+  return path;
 }
 
 void Entity::isNondestructingIs(bool value) {

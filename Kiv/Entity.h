@@ -74,8 +74,12 @@ class Entity : public PtrInterface {
   }
   // The collection attribute of the parent that holds this entity (0 when it has no parent).
   AttributeId memberAttributeId() const noexcept { return parent() ? memberAttributeId_ : 0; }
-  // Sets or clears (nullptr) the parent link; notifies onParent() when it changes.
+  // Sets or clears (nullptr) the parent link; when it changes, notifies onParent() and then calls
+  // parentChanged(). An exception from parentChanged() leaves the new link in place and passes on.
   void parentIs(Entity* parent, AttributeId memberAttributeId);
+  // The names from the root of the entity tree down to this entity, joined by "/" (an entity
+  // without a parent: its name alone).
+  String8 fullPath() const;
 
   bool isNondestructing() const noexcept { return isNondestructing_; }
   // May delete this entity: when switched off while it has no reference left.
@@ -94,6 +98,9 @@ class Entity : public PtrInterface {
  protected:
   ~Entity() override;
   void onLastRef() override;
+  // Hook for entity types that follow their own placement in the tree (for example to move
+  // resources named after their path); runs after the onParent() notifiees. Empty by default.
+  virtual void parentChanged() {}
 
   // Calls `op(args...)` on every registered notifiee through the walk. `N` is the entity's
   // NotifieeConst class; only notifiees of that class can register with this entity.

@@ -107,6 +107,8 @@ class QuarnMap {
   virtual void notifying(bool on) const;
   virtual void yieldTimeIs(double const& seconds) const;
   virtual void sampleIs(unsigned sample) const;
+  // The type of the table as the entity framework names it.
+  virtual std::string classType() const { return "Quarn::QuarnMap<" + Jorv::typeName<Wrapper>() + ">"; }
   virtual ~QuarnMap();
 
   void attach();
@@ -136,7 +138,15 @@ class QuarnMap {
 
   Wrapper safeLookup(Key const& key, bool& found) const {
     found = false;
-    return guardedRead([&] { return backend_->lookup(key, found); }, Wrapper{});
+    // Not through guardedRead: the default record is built only when it is needed (lookups are
+    // the hot path of the readers' computations).
+    try {
+      return backend_->lookup(key, found);
+    } catch (CorruptionDetectedException const& e) {
+      corruptionDetected(e.what());
+      found = false;
+      return Wrapper{};
+    }
   }
   bool first(Wrapper& out, IterHint& hint) const {
     return guardedRead([&] { return backend_->first(0, out, hint); }, false);
@@ -175,6 +185,16 @@ class QuarnMap {
   // The remount timer's interval for mounters created from now on (tests shorten it).
   void remountIntervalIs(double seconds) noexcept { remountInterval_ = seconds; }
 
+ protected:
+  // Until `init`, the front writes to and reads from `writer`, an in-process (local) table of the
+  // caller's making, as if it were initialised as a local writer; `init` replaces it with the
+  // back end of its mode. A stand-in is detached like any writer (`controlDetach`).
+  void standInIs(std::unique_ptr<WriterBackend<Key, Wrapper>> writer) {
+    if (initialized_) throw Jorv::InvalidInitializeException("QuarnMap::standInIs() " + name_);
+    install(std::move(writer), true);
+    standIn_ = true;
+  }
+
  private:
   using Base = QuarnBase<Key, Wrapper>;
   using Dummy = QuarnBaseDummy<Key, Wrapper>;
@@ -204,7 +224,7 @@ class QuarnMap {
     return mode == QuarnType::shadow || mode == QuarnType::reader || mode == QuarnType::keyshadow;
   }
   void refuseUnlessWriter(char const* message) const {
-    if (!initialized_ || mode_ != QuarnType::writer) throw Jorv::Exception(message);
+    if (initialized_ ? mode_ != QuarnType::writer : !standIn_) throw Jorv::Exception(message);
   }
   Writer& writerOrRefuse(char const* message) {
     refuseUnlessWriter(message);
@@ -248,6 +268,7 @@ class QuarnMap {
   Mount mount_{*this};
   Jorv::DebugHandler* dh_;
   bool initialized_ = false;
+  bool standIn_ = false;  // a stand-in writer was installed before `init` (see standInIs)
   QuarnType mode_ = QuarnType::writer;
   bool local_ = false;
   std::uint32_t size_ = 0;
@@ -301,6 +322,7 @@ void QuarnMap<Key, Wrapper, Notifier>::init(QuarnType mode, bool isLocal, unsign
     local_ = isLocal;
     size_ = size;
     install(std::make_unique<Dummy>(dh, mode), false);
+    standIn_ = false;
     try {
       readerMounter_ = std::make_unique<ReaderMounter>(dh, name_, root_.str(), word, mount_,
                                                        remountInterval_, activity_);
@@ -345,6 +367,7 @@ void QuarnMap<Key, Wrapper, Notifier>::init(QuarnType mode, bool isLocal, unsign
   local_ = isLocal;
   size_ = size;
   install(std::move(writer), true);
+  standIn_ = false;
   writerMounter_ = std::move(mounter);
   initialized_ = true;
 }

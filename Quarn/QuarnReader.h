@@ -215,14 +215,16 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
            << " not marked as occupied key:" << KeyText<Key>{out.key};
         corruption(os.str());
       }
-      if (bucketOf(out.key) != b) {
+      bool const sameKey = key != nullptr && !(out.key < *key) && !(*key < out.key);
+      // A slot holding the sought key is in the right chain by construction (b is that key's
+      // bucket whenever a key is given), which spares the hash on every hit.
+      if (!sameKey && bucketOf(out.key) != b) {
         if (!linkSame) break;
         std::ostringstream os;
         os << texts.corrupt << KeyText<Key>{out.key} << " slot:" << i << " bucket:" << b;
         corruption(os.str());
       }
-      bool const hit = want == Want::head ||
-                       (want == Want::equal && !(out.key < *key) && !(*key < out.key)) ||
+      bool const hit = want == Want::head || (want == Want::equal && sameKey) ||
                        (want == Want::greater && *key < out.key);
       bool const past = want == Want::equal && *key < out.key;
       if (!linkSame) break;

@@ -15,6 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "Bidir/Quarn/GroupIntf.h"
 #include "KivQuarn/KivQuarnMapValueWrapper.h"
 #include "Quarn/QuarnWriter.h"
@@ -47,56 +48,14 @@ using Record = Routing::Pim::Bidir::Quarn::GroupIntf;
 using Wrapper = KivQuarn::KivQuarnMapValueWrapper<Record, GroupIntfKey>;
 using Writer = Quarn::QuarnWriter<GroupIntfKey, Wrapper>;
 
+using BenchSupport::keys;
+using BenchSupport::recordFor;
+using BenchSupport::TempRoot;
+
 struct KeyHash {
   std::size_t operator()(GroupIntfKey const& key) const noexcept { return key.hash(); }
 };
 using Baseline = std::unordered_map<GroupIntfKey, Wrapper, KeyHash>;
-
-// n distinct keys (5000 groups x n/5000 VLAN interfaces) in a shuffled order shared by all runs.
-std::vector<GroupIntfKey> const& keys(std::size_t n) {
-  static std::vector<GroupIntfKey> cache;
-  if (cache.size() != n) {
-    cache.clear();
-    std::size_t const groups = 5000;
-    std::vector<Lanx::IntfId> intfs;
-    for (std::size_t v = 1; v <= (n + groups - 1) / groups; ++v) {
-      intfs.emplace_back("Vlan" + std::to_string(v));
-    }
-    for (std::size_t i = 0; i < n; ++i) {
-      auto const group =
-          Lanx::IpGenAddr::ipv4Addr(0xef000000u + static_cast<std::uint32_t>(i % groups));
-      cache.emplace_back(group, intfs[i / groups]);
-    }
-    std::shuffle(cache.begin(), cache.end(), std::mt19937(42));
-  }
-  return cache;
-}
-
-Wrapper recordFor(GroupIntfKey const& key, std::uint64_t n) {
-  Wrapper r;
-  r.key = key;
-  r.forward = (n & 1) != 0;
-  r.joinState = Record::JoinState::joined;
-  r.lastJoinReceived = static_cast<double>(n);
-  r.iAmDf = true;
-  return r;
-}
-
-class TempRoot {
- public:
-  TempRoot() {
-    char pattern[] = "/dev/shm/quarn-bench-XXXXXX";
-    path_ = ::mkdtemp(pattern);
-  }
-  ~TempRoot() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // A shared writer filled with every key.
 struct FilledWriter {

@@ -38,6 +38,17 @@ struct Recorder {
 
 using Map = Quarn::QuarnMap<TestKey, TestWrapper, Recorder>;
 
+// Points the bucket chain of keys hashing to `hash`, in the table whose directory is `root`, at a
+// slot index far beyond the table (as a writer with a wild store would).
+inline void corruptBucket(std::string const& root, std::uint32_t hash) {
+  Mem::Shared buckets("buckets", root);
+  ASSERT_TRUE(buckets.attach(buckets.sizeOnDisk()));
+  std::uint32_t const n = Quarn::BucketTable::header(buckets.base())->numBuckets;
+  char* unit = Quarn::BucketTable::bucket(buckets.base(), hash % n);
+  std::uint32_t const version = Mem::Atomics::lowWord(Mem::Atomics::load64(unit));
+  Mem::Atomics::store64(unit, Mem::Atomics::pack(version + 1, 0x7ffffff0u));
+}
+
 struct QuarnMapFixture : ::testing::Test {
   static constexpr char const* table = "t";
   Kiv::Activity activity;
@@ -57,14 +68,7 @@ struct QuarnMapFixture : ::testing::Test {
     return TestSupport::runUntil(activity, done, seconds);
   }
   // Points the bucket chain of `key` at a slot index far beyond the table.
-  void corruptBucketOf(TestKey const& key) {
-    Mem::Shared buckets("buckets", root());
-    ASSERT_TRUE(buckets.attach(buckets.sizeOnDisk()));
-    std::uint32_t const n = Quarn::BucketTable::header(buckets.base())->numBuckets;
-    char* unit = Quarn::BucketTable::bucket(buckets.base(), key.hash() % n);
-    std::uint32_t const version = Mem::Atomics::lowWord(Mem::Atomics::load64(unit));
-    Mem::Atomics::store64(unit, Mem::Atomics::pack(version + 1, 0x7ffffff0u));
-  }
+  void corruptBucketOf(TestKey const& key) { corruptBucket(root(), key.hash()); }
 };
 
 }  // namespace QuarnTest
