@@ -13,6 +13,10 @@
 // every entry below it; a slot's newer entry always lies later in the same table.
 // A compaction fills the other table and its currentPos before it stores currentTable (release)
 // in the "conquer.1" header.
+//
+// Nothing read back from a header is trusted: every use of a table's capacity or currentPos as an
+// index is preceded by a check against that table's mapping (`extent`), and a table that fails it
+// raises CorruptionDetectedException instead of being written.
 
 #include <cstdint>
 #include <string>
@@ -60,13 +64,15 @@ class ConquerWriter {
   bool waitingForReaders() const noexcept { return waitingForReaders_; }
   void waitingForReadersIs(bool waiting) noexcept { waitingForReaders_ = waiting; }
 
-  // The current table's header and entry order (false + message).
+  // Both tables' headers against their mappings (table id, capacity, currentPos), the current
+  // table id, and the current table's entry order against minSeq (false + message).
   bool validate(std::uint32_t fenix, std::string& error) const;
-  // Both files' sizes on disk against their headers.
+  // Both files: header against the mapping and size on disk against the header.
   bool validateFile() const;
   void cleanup();
 
   std::uint32_t currentTable() const noexcept { return current_; }
+  // Raw header words; index with them only after `validate` or through `extent`.
   char* base(std::uint32_t tableId) const noexcept { return mem_[tableId].base(); }
   ConquerTable::Header* header(std::uint32_t tableId) const noexcept {
     return ConquerTable::header(base(tableId));
@@ -91,13 +97,22 @@ class ConquerWriter {
   QuarnMem const& mem(std::uint32_t tableId) const noexcept { return mem_[tableId]; }
 
  private:
-  std::uint32_t prunePosition(std::uint64_t minSeq) const;
+  // A table's capacity and currentPos, checked against its mapping; throws
+  // CorruptionDetectedException naming `op` when they do not fit.
+  struct Extent {
+    std::uint32_t capacity;
+    std::uint32_t pos;
+  };
+  Extent extent(std::uint32_t tableId, char const* op) const;
+  bool validateHeader(std::uint32_t tableId, std::uint32_t fenix, std::string& error) const;
+  std::uint32_t prunePosition(std::uint64_t minSeq, std::uint32_t end) const;
   [[noreturn]] void corruption(std::string const& text) const;
 
   Jorv::DebugHandler& dh_;
   SlotWriterTable& slots_;
   WriterKick& kick_;
   QuarnMem mem_[2];
+  std::uint32_t fenix_ = 0;
   std::uint32_t current_ = 0;
   std::uint64_t sequence_ = 0;
   std::uint32_t liveCount_ = 0;

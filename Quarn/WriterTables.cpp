@@ -40,8 +40,7 @@ bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t init
   if (existing != initialSize) {
     // Readers may still map the old file: a new file takes its name once formatted
     // (attachTableFile commits it), so no reader's page vanishes under it.
-    KIV_TRACE(dh, 5, texts.prefix, "replace ", existing, " bytes by a new file of ", initialSize,
-              " bytes");
+    KIV_TRACE(dh, 5, texts.prefix, "resize from ", existing, " to ", initialSize, " bytes");
     if (!mem.stageReplacement(initialSize)) {
       std::ostringstream os;
       os << texts.prefix << texts.resizeFailure << initialSize;
