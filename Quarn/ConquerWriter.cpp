@@ -62,9 +62,10 @@ void ConquerWriter::restore() {
                               noIndex));
     std::uint32_t const end = std::min({currentPos(current_), capacity(current_), fits});
     if (end > 0) sequence_ = std::max(sequence_, entrySequence(end - 1));
-    for (std::uint32_t p = 0; p < end; ++p) {
-      if (entrySlot(p) != noIndex) ++liveCount_;
-    }
+    forEachEntry(end, [&](std::uint32_t, std::uint64_t, std::uint32_t s) {
+      liveCount_ += s != noIndex;
+      return true;
+    });
   }
   counters_.lastSequence = sequence_;
 }
@@ -273,13 +274,19 @@ bool ConquerWriter::validate(std::uint32_t fenix, std::string& error) const {
     return false;
   }
   std::uint32_t const end = currentPos(current_);
-  for (std::uint32_t p = 1; p < end; ++p) {
-    if (entrySequence(p) <= entrySequence(p - 1)) {
-      os << "ConquerWriter::validate() pos:" << p << " prevSeq:" << entrySequence(p - 1)
-         << " bad order: " << entrySequence(p);
-      error = os.str();
+  std::uint64_t previous = 0;
+  bool const ordered = forEachEntry(end, [&](std::uint32_t p, std::uint64_t sequence, std::uint32_t) {
+    if (p > 0 && sequence <= previous) {
+      os << "ConquerWriter::validate() pos:" << p << " prevSeq:" << previous
+         << " bad order: " << sequence;
       return false;
     }
+    previous = sequence;
+    return true;
+  });
+  if (!ordered) {
+    error = os.str();
+    return false;
   }
   // Every entry of the current table was appended or copied after minSeq was last raised.
   if (end > 0 && entrySequence(0) <= minSeq()) {

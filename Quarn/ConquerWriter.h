@@ -18,6 +18,7 @@
 // index is preceded by a check against that table's mapping (`extent`), and a table that fails it
 // raises CorruptionDetectedException instead of being written.
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 
@@ -25,10 +26,9 @@
 #include "Quarn/ConquerTable.h"
 #include "Quarn/QuarnMem.h"
 #include "Quarn/WriterKick.h"
+#include "Quarn/WriterTables.h"
 
 namespace Quarn {
-
-class SlotWriterTable;
 
 struct ConquerCounters {
   std::uint64_t notifications = 0;
@@ -90,6 +90,11 @@ class ConquerWriter {
   std::uint64_t entrySequence(std::uint32_t pos) const noexcept {
     return ConquerTable::sequence(ConquerTable::entry(base(current_), pos));
   }
+  // Calls `f(position, sequence, slot)` for the current table's entries [0, end) in order, until
+  // it returns false; `end` must have been checked against the mapping. Reads the file in chunks
+  // (TableFileReader). Returns whether every call returned true.
+  template <class F>
+  bool forEachEntry(std::uint32_t end, F&& f) const;
   std::uint64_t minSeq() const noexcept { return Mem::Atomics::load64(&header(0)->minSeq); }
   std::uint64_t sequence() const noexcept { return sequence_; }
   std::uint32_t liveCount() const noexcept { return liveCount_; }
@@ -119,5 +124,21 @@ class ConquerWriter {
   bool waitingForReaders_ = false;
   ConquerCounters counters_;
 };
+
+template <class F>
+bool ConquerWriter::forEachEntry(std::uint32_t end, F&& f) const {
+  TableFileReader file(mem_[current_]);
+  constexpr std::uint32_t batch = TableFileReader::chunkSize / ConquerTable::entrySize;
+  for (std::uint32_t first = 0; first < end; first += batch) {
+    std::uint32_t const count = std::min(batch, end - first);
+    char const* const chunk = file.read(ConquerTable::entriesOffset + ConquerTable::entrySize * first,
+                                        std::size_t(ConquerTable::entrySize) * count);
+    for (std::uint32_t j = 0; j < count; ++j) {
+      char const* const e = chunk + ConquerTable::entrySize * j;
+      if (!f(first + j, ConquerTable::sequence(e), ConquerTable::slotIndex(e))) return false;
+    }
+  }
+  return true;
+}
 
 }  // namespace Quarn

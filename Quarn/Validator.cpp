@@ -77,33 +77,27 @@ bool ValidatorBase::walkChains() {
   std::uint32_t const n = slots_.numSlots();
   std::uint32_t const numBuckets = buckets_.numBuckets();
   (void)buckets_.bucket(numBuckets - 1);  // the whole array is mapped (throws otherwise)
-  char const* const base = buckets_.mem().base();
-  std::uint32_t const before = marked_;
+  TableFileReader file(buckets_.mem());
+  constexpr std::uint32_t batch = TableFileReader::chunkSize / 8;
   constexpr std::uint32_t ahead = 16;  // buckets whose head's link is loaded in advance
-  for (std::uint32_t b = 0; b < numBuckets; ++b) {
-    if (b + ahead < numBuckets) {
-      std::uint32_t const later = linkTarget(BucketTable::bucket(base, b + ahead));
-      if (later < n) __builtin_prefetch(&links_[later]);
-    }
-    bool head = true;
-    for (std::uint32_t i = linkTarget(BucketTable::bucket(base, b)); i != noIndex; head = false) {
-      if (i >= n) outOfRange(i);
-      Link const link = links_[i];
-      // The texts of the writer's own chain checks (head: first, further slots: next/lookup).
-      if (link.bucket == noIndex) {
-        std::ostringstream os;
-        os << "QuarnWriter::" << (head ? "first" : "lookup") << "() slot: " << i
-           << " not marked as occupied";
-        throw CorruptionDetectedException(os.str());
+  std::uint32_t const before = marked_;
+  for (std::uint32_t first = 0; first < numBuckets; first += batch) {
+    std::uint32_t const count = std::min(batch, numBuckets - first);
+    char const* const chunk = file.read(BucketTable::fileSize(first), std::size_t(8) * count);
+    for (std::uint32_t j = 0; j < count; ++j) {
+      if (j + ahead < count) {
+        std::uint32_t const later = linkTarget(chunk + 8 * std::size_t(j + ahead));
+        if (later < n) __builtin_prefetch(&links_[later]);
       }
-      if (link.bucket != b) {
-        std::ostringstream os;
-        os << "QuarnWriter::" << (head ? "first" : "next") << "() corrupt key detected, slot: " << i
-           << " bucket:" << b;
-        throw CorruptionDetectedException(os.str());
+      std::uint32_t const b = first + j;
+      bool head = true;
+      for (std::uint32_t i = linkTarget(chunk + 8 * std::size_t(j)); i != noIndex; head = false) {
+        if (i >= n) outOfRange(i);
+        Link const link = links_[i];
+        if (link.bucket != b) chainBreak(i, b, head, link.bucket == noIndex);
+        if (!markOccupied(i)) return false;  // a slot reached twice ends a cycle here
+        i = link.next;
       }
-      if (!markOccupied(i)) return false;  // a slot reached twice ends a cycle here
-      i = link.next;
     }
   }
   std::uint32_t const count = marked_ - before;
@@ -111,30 +105,48 @@ bool ValidatorBase::walkChains() {
   return checkOccupiedCount(count);
 }
 
+void ValidatorBase::chainBreak(std::uint32_t i, std::uint32_t bucket, bool head,
+                               bool unoccupied) const {
+  // The texts of the writer's own chain checks (head: first, further slots: next/lookup).
+  std::ostringstream os;
+  if (unoccupied) {
+    os << "QuarnWriter::" << (head ? "first" : "lookup") << "() slot: " << i
+       << " not marked as occupied";
+  } else {
+    os << "QuarnWriter::" << (head ? "first" : "next") << "() corrupt key detected, slot: " << i
+       << " bucket:" << bucket;
+  }
+  throw CorruptionDetectedException(os.str());
+}
+
 bool ValidatorBase::checkNotifications() {
   // Every live entry is claimed by the slot it names, every claimed entry is live.
-  char const* const table = conquer_.base(conquer_.currentTable());
-  for (std::uint32_t p = 0; p < claims_.size(); ++p) {
-    std::uint32_t const s = ConquerTable::slotIndex(ConquerTable::entry(table, p));
-    std::uint32_t const claimant = claims_[p];
-    if (s == claimant) continue;
-    if (s == noIndex) return failWith("Validator::doValidate() active tombstone pos:", p);
-    if (claimant != noIndex) {
-      if (occupied(claimant)) {
-        return failWith("Validator::markOccupied() slot:", claimant, " bad notification:", p,
-                        " slot:", s);
-      }
-      return failWith("Validator::walkFreeSlots() slot index:", claimant, " has slot:", s,
-                      " with wrong conquer slot:", p);
+  std::uint32_t failed = noIndex;
+  conquer_.forEachEntry(static_cast<std::uint32_t>(claims_.size()),
+                        [&](std::uint32_t p, std::uint64_t, std::uint32_t s) {
+                          if (s == claims_[p]) return true;
+                          failed = p;
+                          return false;
+                        });
+  if (failed == noIndex) return true;
+  std::uint32_t const p = failed;
+  std::uint32_t const s = conquer_.entrySlot(p);
+  std::uint32_t const claimant = claims_[p];
+  if (s == noIndex) return failWith("Validator::doValidate() active tombstone pos:", p);
+  if (claimant != noIndex) {
+    if (occupied(claimant)) {
+      return failWith("Validator::markOccupied() slot:", claimant, " bad notification:", p,
+                      " slot:", s);
     }
-    if (s >= slots_.numSlots()) outOfRange(s);
-    if (occupied(s)) {
-      return failWith("Validator::doValidate() occupied slot:", s, " on deleted notification:", p);
-    }
-    return failWith("Validator::doValidate() conquer pos:", p, " has slot:", s,
-                    " with wrong conquerSlot:", slots_.conquerSlot(s));
+    return failWith("Validator::walkFreeSlots() slot index:", claimant, " has slot:", s,
+                    " with wrong conquer slot:", p);
   }
-  return true;
+  if (s >= slots_.numSlots()) outOfRange(s);
+  if (occupied(s)) {
+    return failWith("Validator::doValidate() occupied slot:", s, " on deleted notification:", p);
+  }
+  return failWith("Validator::doValidate() conquer pos:", p, " has slot:", s,
+                  " with wrong conquerSlot:", slots_.conquerSlot(s));
 }
 
 bool ValidatorBase::checkOccupiedCount(std::uint32_t count) {

@@ -15,6 +15,7 @@
 // Used by a restarting writer (keep the files or re-format them) and by the writer's mounter when
 // a reader reports corruption.
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <sstream>
@@ -86,6 +87,9 @@ class ValidatorBase {
   bool claim(std::uint32_t s, std::uint32_t position, bool free);
   bool checkNotifications();
   bool checkOccupiedCount(std::uint32_t count);
+  // Raises CorruptionDetectedException for a chain that reaches slot `i` from `bucket`.
+  [[noreturn]] void chainBreak(std::uint32_t i, std::uint32_t bucket, bool head,
+                               bool unoccupied) const;
   // Raises the slot range exception of the writer's tables for index `i`.
   [[noreturn]] void outOfRange(std::uint32_t i) const;
   bool occupied(std::uint32_t s) const noexcept { return links_[s].bucket != noIndex; }
@@ -105,15 +109,24 @@ class ValidatorBase {
 template <class BucketOf>
 bool ValidatorBase::scanSlots(BucketOf&& bucketOf) {
   std::uint32_t const n = slots_.numSlots();
+  std::uint32_t const size = slots_.slotSize();
   links_.reset(new Link[n]);
-  for (std::uint32_t i = 0; i < n; ++i) {
-    char const* const s = slots_.slotUnchecked(i);
-    std::uint32_t const flags = SlotWriterTable::flags(s);
-    bool const occupied = flags & SlotTable::OCCUPIED;
-    links_[i] = {SlotWriterTable::next(s), occupied ? bucketOf(s) : noIndex};
-    if (occupied && (flags & SlotTable::LOOKASIDE)) return stuckLookaside(flags);
-    std::uint32_t const c = Mem::Atomics::load32Relaxed(s + offsetof(SlotTable::Slot, conquerSlot));
-    if (c != noIndex && !claim(i, c, !occupied)) return false;
+  TableFileReader file(slots_.mem());
+  std::uint32_t const batch = static_cast<std::uint32_t>(TableFileReader::chunkSize / size);
+  for (std::uint32_t first = 0; first < n; first += batch) {
+    std::uint32_t const count = std::min(batch, n - first);
+    char const* const chunk = file.read(SlotTable::fileSize(size, first), std::size_t(size) * count);
+    for (std::uint32_t j = 0; j < count; ++j) {
+      std::uint32_t const i = first + j;
+      char const* const s = chunk + std::size_t(size) * j;
+      std::uint32_t const flags = SlotWriterTable::flags(s);
+      bool const occupied = flags & SlotTable::OCCUPIED;
+      links_[i] = {SlotWriterTable::next(s), occupied ? bucketOf(s) : noIndex};
+      if (occupied && (flags & SlotTable::LOOKASIDE)) return stuckLookaside(flags);
+      std::uint32_t const c =
+          Mem::Atomics::load32Relaxed(s + offsetof(SlotTable::Slot, conquerSlot));
+      if (c != noIndex && !claim(i, c, !occupied)) return false;
+    }
   }
   return true;
 }
