@@ -32,6 +32,7 @@ void ConquerWriter::corruption(std::string const& text) const {
 }
 
 bool ConquerWriter::attachConquer(std::uint32_t tableId, std::uint32_t fenix, bool force) {
+  fenix_ = fenix;
   static constexpr AttachTexts texts{"ConquerWriter::attachConquer() ", "cannot attach to shmem ",
                                      " size:", "failed to resize "};
   std::uint32_t const capacity = ConquerTable::initialCapacity();
@@ -44,44 +45,64 @@ bool ConquerWriter::attachConquer(std::uint32_t tableId, std::uint32_t fenix, bo
 }
 
 void ConquerWriter::restore() {
-  std::uint32_t const cur = header(0)->load(header(0)->currentTable);
-  current_ = cur < 2 ? cur : 0;
-  sequence_ = minSeq();
+  current_ = 0;
+  sequence_ = 0;
   liveCount_ = 0;
-  for (std::uint32_t t = 0; t < 2; ++t) {
-    std::size_t const mapped = mem_[t].mappedSize();
-    std::uint32_t const fits =
-        mapped < ConquerTable::headerSize
-            ? 0
-            : static_cast<std::uint32_t>((mapped - ConquerTable::headerSize) /
-                                         ConquerTable::entrySize);
-    std::uint32_t const end = std::min({currentPos(t), capacity(t), fits});
-    if (end > 0) {
-      sequence_ =
-          std::max(sequence_, ConquerTable::sequence(ConquerTable::entry(base(t), end - 1)));
-    }
-    if (t != current_) continue;
-    for (std::uint32_t p = 0; p < end; ++p) {
-      if (ConquerTable::slotIndex(ConquerTable::entry(base(t), p)) != noIndex) ++liveCount_;
-    }
+  if (mem_[0].mappedSize() >= ConquerTable::headerSize) {
+    std::uint32_t const cur = header(0)->load(header(0)->currentTable);
+    current_ = cur < 2 ? cur : 0;
+    sequence_ = minSeq();
+  }
+  // Only the current table counts: the other one holds copies or pruned entries (sequences at
+  // most the current table's last or minSeq), and is not trusted before validation.
+  std::size_t const mapped = mem_[current_].mappedSize();
+  if (mapped >= ConquerTable::headerSize) {
+    auto const fits = static_cast<std::uint32_t>(
+        std::min<std::size_t>((mapped - ConquerTable::headerSize) / ConquerTable::entrySize,
+                              noIndex));
+    std::uint32_t const end = std::min({currentPos(current_), capacity(current_), fits});
+    if (end > 0) sequence_ = std::max(sequence_, entrySequence(end - 1));
+    forEachEntry(end, [&](std::uint32_t, std::uint64_t, std::uint32_t s) {
+      liveCount_ += s != noIndex;
+      return true;
+    });
   }
   counters_.lastSequence = sequence_;
 }
 
+ConquerWriter::Extent ConquerWriter::extent(std::uint32_t t, char const* op) const {
+  std::size_t const mapped = mem_[t].mappedSize();
+  if (mapped >= ConquerTable::headerSize) {
+    Extent const e{capacity(t), currentPos(t)};
+    if (ConquerTable::fileSize(e.capacity) <= mapped && e.pos <= e.capacity) return e;
+    std::ostringstream os;
+    os << "ConquerWriter::" << op << "() " << mem_[t].name() << " capacity:" << e.capacity
+       << " currentPos:" << e.pos << " do not fit its mapping of " << mapped << " bytes";
+    corruption(os.str());
+  }
+  std::ostringstream os;
+  os << "ConquerWriter::" << op << "() " << mem_[t].name() << " mapping of " << mapped
+     << " bytes holds no header";
+  corruption(os.str());
+}
+
 void ConquerWriter::notify(std::uint32_t s) {
   KIV_TRACE(dh_, 8, "ConquerWriter::notify() notifying slot ", s);
-  if (currentPos(current_) >= capacity(current_)) compact();
+  Extent e = extent(current_, "notify");
+  if (e.pos >= e.capacity) {
+    compact();
+    e = extent(current_, "notify");
+  }
   std::uint32_t const p = slots_.conquerSlot(s);  // range-checks s
   char* const table = base(current_);
-  ConquerTable::Header* const h = header(current_);
-  std::uint32_t const pos = h->load(h->currentPos);
   if (p == noIndex) {
     ++liveCount_;
   } else {
-    if (p >= capacity(current_)) {
+    // A live entry lies in the written part of the table.
+    if (p >= e.pos) {
       std::ostringstream os;
       os << "ConquerWriter::notify() conquer index out-of-range, tomb:" << p
-         << " capacity:" << capacity(current_) << " slot:" << s;
+         << " capacity:" << e.capacity << " currentPos:" << e.pos << " slot:" << s;
       corruption(os.str());
     }
     char* const old = ConquerTable::entry(table, p);
@@ -91,20 +112,20 @@ void ConquerWriter::notify(std::uint32_t s) {
       corruption(os.str());
     }
     KIV_TRACE(dh_, 8, "ConquerWriter::notify() tombstoning ", p, " for slot ", s, " currentPos ",
-              pos);
+              e.pos);
     Mem::Atomics::store32(old + 8, noIndex);
     ++counters_.tombstones;
   }
-  if (pos >= capacity(current_)) {
+  if (e.pos >= e.capacity) {
     std::ostringstream os;
-    os << "ConquerWriter::notify() conquer index out-of-range, pos:" << pos
-       << " capacity:" << capacity(current_);
+    os << "ConquerWriter::notify() conquer index out-of-range, pos:" << e.pos
+       << " capacity:" << e.capacity;
     corruption(os.str());
   }
   ++sequence_;
-  ConquerTable::setEntry(ConquerTable::entry(table, pos), sequence_, s);
-  slots_.conquerSlotIs(s, pos);
-  Mem::Atomics::store32(&h->currentPos, pos + 1);
+  ConquerTable::setEntry(ConquerTable::entry(table, e.pos), sequence_, s);
+  slots_.conquerSlotIs(s, e.pos);
+  Mem::Atomics::store32(&header(current_)->currentPos, e.pos + 1);
   ++counters_.notifications;
   counters_.lastSequence = sequence_;
   kick_.doKickSleepers();
@@ -131,8 +152,7 @@ std::uint64_t ConquerWriter::prune() {
   return next;
 }
 
-std::uint32_t ConquerWriter::prunePosition(std::uint64_t min) const {
-  std::uint32_t const end = currentPos(current_);
+std::uint32_t ConquerWriter::prunePosition(std::uint64_t min, std::uint32_t end) const {
   if (min == 0 || end == 0 || entrySequence(0) > min) return 0;
   if (entrySequence(0) == min) return 1;
   // First position whose sequence is above min; sequences increase strictly.
@@ -151,9 +171,9 @@ std::uint32_t ConquerWriter::prunePosition(std::uint64_t min) const {
 
 void ConquerWriter::compact() {
   KIV_TRACE(dh_, 5, "ConquerWriter::compact() compacting ", tableWord(current_), " table");
+  std::uint32_t const end = extent(current_, "compact").pos;
   std::uint64_t const min = prune();
-  std::uint32_t const end = currentPos(current_);
-  std::uint32_t const cut = prunePosition(min);
+  std::uint32_t const cut = prunePosition(min, end);
   for (std::uint32_t p = 0; p < cut; ++p) {
     std::uint32_t const s = entrySlot(p);
     if (s == noIndex) continue;
@@ -162,7 +182,8 @@ void ConquerWriter::compact() {
     --liveCount_;
   }
   std::uint32_t const other = 1 - current_;
-  if (capacity(other) < 2 * std::uint64_t(liveCount_)) grow(other);
+  if (extent(other, "compact").capacity < 2 * std::uint64_t(liveCount_)) grow(other);
+  std::uint32_t const room = extent(other, "compact").capacity;
   Mem::Atomics::store32(&header(other)->currentPos, 0);
   char* const from = base(current_);
   char* const to = base(other);
@@ -171,7 +192,7 @@ void ConquerWriter::compact() {
     char const* const e = ConquerTable::entry(from, p);
     std::uint32_t const s = ConquerTable::slotIndex(e);
     if (s == noIndex) continue;
-    if (out >= capacity(other)) {
+    if (out >= room) {
       std::ostringstream os;
       os << "ConquerWriter::compact() live entries exceed liveCount:" << liveCount_;
       corruption(os.str());
@@ -189,7 +210,7 @@ void ConquerWriter::compact() {
 }
 
 void ConquerWriter::grow(std::uint32_t t) {
-  std::uint32_t const old = capacity(t);
+  std::uint32_t const old = extent(t, "grow").capacity;
   std::size_t const bytes = ConquerTable::headerSize + 24 * std::size_t(liveCount_);
   std::size_t const wanted =
       2 * std::size_t(liveCount_) + (Mem::roundUpToWholePage(bytes) - bytes) / 12;
@@ -223,29 +244,49 @@ std::uint32_t ConquerWriter::numReaders() const {
   return header(0)->load(header(0)->numReaders);
 }
 
+bool ConquerWriter::validateHeader(std::uint32_t t, std::uint32_t fenix, std::string& error) const {
+  std::string why;
+  std::ostringstream os;
+  if (!header(t)->validate(mem_[t].mappedSize(), fenix, why)) {
+    os << "ConquerWriter::validate() " << mem_[t].name() << " header validation failed: " << why;
+  } else if (std::uint32_t const id = header(t)->load(header(t)->tableId); id != t) {
+    os << "ConquerWriter::validate() " << mem_[t].name() << " tableId:" << id << " wanted:" << t;
+  } else if (currentPos(t) > capacity(t)) {
+    os << "ConquerWriter::validate() table->currentPos:" << currentPos(t)
+       << " capacity:" << capacity(t) << " in " << mem_[t].name();
+  } else {
+    return true;
+  }
+  error = os.str();
+  return false;
+}
+
 bool ConquerWriter::validate(std::uint32_t fenix, std::string& error) const {
-  ConquerTable::Header const* const h = header(current_);
-  std::string headerError;
-  if (!h->validate(mem_[current_].mappedSize(), fenix, headerError)) {
-    error = "ConquerWriter::validate() " + mem_[current_].name() +
-            " header validation failed: " + headerError;
-    return false;
+  // The other table is written by the next compaction: its header must hold as much as the
+  // current one's.
+  for (std::uint32_t t = 0; t < 2; ++t) {
+    if (!validateHeader(t, fenix, error)) return false;
   }
   std::ostringstream os;
-  std::uint32_t const end = currentPos(current_);
-  if (end > capacity(current_)) {
-    os << "ConquerWriter::validate() table->currentPos:" << end
-       << " capacity:" << capacity(current_);
+  if (std::uint32_t const cur = header(0)->load(header(0)->currentTable); cur != current_) {
+    os << "ConquerWriter::validate() currentTable:" << cur << " writer's:" << current_;
     error = os.str();
     return false;
   }
-  for (std::uint32_t p = 1; p < end; ++p) {
-    if (entrySequence(p) <= entrySequence(p - 1)) {
-      os << "ConquerWriter::validate() pos:" << p << " prevSeq:" << entrySequence(p - 1)
-         << " bad order: " << entrySequence(p);
-      error = os.str();
+  std::uint32_t const end = currentPos(current_);
+  std::uint64_t previous = 0;
+  bool const ordered = forEachEntry(end, [&](std::uint32_t p, std::uint64_t sequence, std::uint32_t) {
+    if (p > 0 && sequence <= previous) {
+      os << "ConquerWriter::validate() pos:" << p << " prevSeq:" << previous
+         << " bad order: " << sequence;
       return false;
     }
+    previous = sequence;
+    return true;
+  });
+  if (!ordered) {
+    error = os.str();
+    return false;
   }
   // Every entry of the current table was appended or copied after minSeq was last raised.
   if (end > 0 && entrySequence(0) <= minSeq()) {
@@ -262,7 +303,11 @@ bool ConquerWriter::validateFile() const {
       "ConquerWriter::validateFile(): conquer.2 validation failed"};
   for (std::uint32_t t = 0; t < 2; ++t) {
     if (mem_[t].local()) continue;
-    if (!ValidatorBase::validateFile(dh_, mem_[t].name(), ConquerTable::fileSize(capacity(t)))) {
+    std::string why;
+    bool const valid = validateHeader(t, fenix_, why);
+    if (!valid) KIV_TRACE(dh_, 0, why);
+    if (!valid ||
+        !ValidatorBase::validateFile(dh_, mem_[t].name(), ConquerTable::fileSize(capacity(t)))) {
       KIV_TRACE(dh_, 0, failures[t]);
       return false;
     }

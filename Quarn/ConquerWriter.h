@@ -13,7 +13,12 @@
 // every entry below it; a slot's newer entry always lies later in the same table.
 // A compaction fills the other table and its currentPos before it stores currentTable (release)
 // in the "conquer.1" header.
+//
+// Nothing read back from a header is trusted: every use of a table's capacity or currentPos as an
+// index is preceded by a check against that table's mapping (`extent`), and a table that fails it
+// raises CorruptionDetectedException instead of being written.
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 
@@ -21,10 +26,9 @@
 #include "Quarn/ConquerTable.h"
 #include "Quarn/QuarnMem.h"
 #include "Quarn/WriterKick.h"
+#include "Quarn/WriterTables.h"
 
 namespace Quarn {
-
-class SlotWriterTable;
 
 struct ConquerCounters {
   std::uint64_t notifications = 0;
@@ -60,13 +64,15 @@ class ConquerWriter {
   bool waitingForReaders() const noexcept { return waitingForReaders_; }
   void waitingForReadersIs(bool waiting) noexcept { waitingForReaders_ = waiting; }
 
-  // The current table's header and entry order (false + message).
+  // Both tables' headers against their mappings (table id, capacity, currentPos), the current
+  // table id, and the current table's entry order against minSeq (false + message).
   bool validate(std::uint32_t fenix, std::string& error) const;
-  // Both files' sizes on disk against their headers.
+  // Both files: header against the mapping and size on disk against the header.
   bool validateFile() const;
   void cleanup();
 
   std::uint32_t currentTable() const noexcept { return current_; }
+  // Raw header words; index with them only after `validate` or through `extent`.
   char* base(std::uint32_t tableId) const noexcept { return mem_[tableId].base(); }
   ConquerTable::Header* header(std::uint32_t tableId) const noexcept {
     return ConquerTable::header(base(tableId));
@@ -84,6 +90,11 @@ class ConquerWriter {
   std::uint64_t entrySequence(std::uint32_t pos) const noexcept {
     return ConquerTable::sequence(ConquerTable::entry(base(current_), pos));
   }
+  // Calls `f(position, sequence, slot)` for the current table's entries [0, end) in order, until
+  // it returns false; `end` must have been checked against the mapping. Reads the file in chunks
+  // (TableFileReader). Returns whether every call returned true.
+  template <class F>
+  bool forEachEntry(std::uint32_t end, F&& f) const;
   std::uint64_t minSeq() const noexcept { return Mem::Atomics::load64(&header(0)->minSeq); }
   std::uint64_t sequence() const noexcept { return sequence_; }
   std::uint32_t liveCount() const noexcept { return liveCount_; }
@@ -91,18 +102,43 @@ class ConquerWriter {
   QuarnMem const& mem(std::uint32_t tableId) const noexcept { return mem_[tableId]; }
 
  private:
-  std::uint32_t prunePosition(std::uint64_t minSeq) const;
+  // A table's capacity and currentPos, checked against its mapping; throws
+  // CorruptionDetectedException naming `op` when they do not fit.
+  struct Extent {
+    std::uint32_t capacity;
+    std::uint32_t pos;
+  };
+  Extent extent(std::uint32_t tableId, char const* op) const;
+  bool validateHeader(std::uint32_t tableId, std::uint32_t fenix, std::string& error) const;
+  std::uint32_t prunePosition(std::uint64_t minSeq, std::uint32_t end) const;
   [[noreturn]] void corruption(std::string const& text) const;
 
   Jorv::DebugHandler& dh_;
   SlotWriterTable& slots_;
   WriterKick& kick_;
   QuarnMem mem_[2];
+  std::uint32_t fenix_ = 0;
   std::uint32_t current_ = 0;
   std::uint64_t sequence_ = 0;
   std::uint32_t liveCount_ = 0;
   bool waitingForReaders_ = false;
   ConquerCounters counters_;
 };
+
+template <class F>
+bool ConquerWriter::forEachEntry(std::uint32_t end, F&& f) const {
+  TableFileReader file(mem_[current_]);
+  constexpr std::uint32_t batch = TableFileReader::chunkSize / ConquerTable::entrySize;
+  for (std::uint32_t first = 0; first < end; first += batch) {
+    std::uint32_t const count = std::min(batch, end - first);
+    char const* const chunk = file.read(ConquerTable::entriesOffset + ConquerTable::entrySize * first,
+                                        std::size_t(ConquerTable::entrySize) * count);
+    for (std::uint32_t j = 0; j < count; ++j) {
+      char const* const e = chunk + ConquerTable::entrySize * j;
+      if (!f(first + j, ConquerTable::sequence(e), ConquerTable::slotIndex(e))) return false;
+    }
+  }
+  return true;
+}
 
 }  // namespace Quarn

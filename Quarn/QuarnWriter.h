@@ -429,12 +429,7 @@ void QuarnWriter<Key, Wrapper>::directCommit() {
 
 template <class Key, class Wrapper>
 bool QuarnWriter<Key, Wrapper>::validateFiles() const {
-  if (local_) return true;
-  return ValidatorBase::validateFile(dh_, slots_.mem().name(),
-                                     SlotTable::fileSize(slots_.slotSize(), capacity())) &&
-         ValidatorBase::validateFile(dh_, buckets_.mem().name(),
-                                     BucketTable::fileSize(numBuckets())) &&
-         conquer_.validateFile();
+  return ValidatorBase::validateFiles(dh_, slots_, buckets_, conquer_);
 }
 
 template <class Key, class Wrapper>

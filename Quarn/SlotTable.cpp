@@ -79,14 +79,24 @@ std::uint32_t SlotTable::Header::computeChecksum() const {
 bool SlotTable::Header::validate(std::size_t mappedSize, std::uint32_t expectedFenix,
                                  std::string& error) const {
   std::ostringstream os;
-  std::uint32_t const slotSz = load(slotSize);
-  if (mappedSize < headerSize || mappedSize < headerSize + slotSz || slotSz < valueOffset) {
+  if (mappedSize < headerSize) {
     os << "SlotTable::Header::validate() bad header file size: " << mappedSize;
-  } else if (char m[8];
-             Mem::Atomics::copyFromShared(m, magic, 8), std::memcmp(m, SlotTable::magic, 8) != 0) {
+    error = os.str();
+    return false;
+  }
+  // slotSize sizes everything below: it must be the one its valueSize gives before any size
+  // computed from it means something.
+  std::uint32_t const slotSz = load(slotSize);
+  if (char m[8];
+      Mem::Atomics::copyFromShared(m, magic, 8), std::memcmp(m, SlotTable::magic, 8) != 0) {
     os << "SlotTable::Header::validate() bad magic: " << std::string(m, 8);
   } else if (load(version) != SlotTable::version) {
     os << "SlotTable::Header::validate() bad version: " << load(version);
+  } else if (load(valueSize) > slotSz || slotSz != slotSizeFor(load(valueSize))) {
+    os << "SlotTable::Header::validate() bad slotSize: " << slotSz
+       << " valueSize: " << load(valueSize);
+  } else if (mappedSize < headerSize + std::size_t(slotSz)) {
+    os << "SlotTable::Header::validate() bad header file size: " << mappedSize;
   } else if (expectedFenix != 0 && load(fenix) != expectedFenix) {
     os << "SlotTable::validate() bad fenix:" << load(fenix) << " wanted:" << expectedFenix;
   } else if (std::uint32_t const sum = computeChecksum(); sum != load(checksum)) {

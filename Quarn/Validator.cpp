@@ -3,6 +3,7 @@
 #include <exception>
 #include <sstream>
 
+#include "Mem/Shared.h"
 #include "Quarn/ConquerWriter.h"
 #include "Quarn/Util.h"
 #include "Quarn/WriterTables.h"
@@ -40,101 +41,156 @@ bool ValidatorBase::validate(std::uint32_t fenix) {
 bool ValidatorBase::doValidate(std::uint32_t fenix) {
   error_.clear();
   std::string text;
-  if (!buckets_.header()->validate(buckets_.mem().mappedSize(), fenix, text)) return fail(text);
-  if (!slots_.header()->validate(slots_.mem().mappedSize(), fenix, text)) return fail(text);
+  BucketTable::Header const* const bh = buckets_.header();
+  if (!bh->validate(buckets_.mem().mappedSize(), fenix, text)) return fail(text);
+  if (bh->load(bh->numBuckets) != buckets_.numBuckets()) {
+    return failWith("Validator::doValidate() numBuckets:", bh->load(bh->numBuckets),
+                    " writer's:", buckets_.numBuckets());
+  }
+  SlotTable::Header const* const sh = slots_.header();
+  if (!sh->validate(slots_.mem().mappedSize(), fenix, text)) return fail(text);
+  if (sh->load(sh->numSlots) != slots_.numSlots() || sh->load(sh->slotSize) != slots_.slotSize()) {
+    return failWith("Validator::doValidate() numSlots:", sh->load(sh->numSlots),
+                    " slotSize:", sh->load(sh->slotSize), " writer's:", slots_.numSlots(), "/",
+                    slots_.slotSize());
+  }
   if (!conquer_.validate(fenix, text)) return fail(text);
+  if (!validateFiles(dh_, slots_, buckets_, conquer_)) {
+    return fail("Validator::doValidate() " + rootPath_ + " files on disk differ from their headers");
+  }
 
   std::uint32_t const numSlots = slots_.numSlots();
-  slotMarks_.assign(numSlots, false);
-  positionMarks_.assign(conquer_.capacity(conquer_.currentTable()), false);
+  slotMarks_.assign((std::size_t(numSlots) + 63) / 64, 0);
+  claims_.assign(conquer_.currentPos(conquer_.currentTable()), noIndex);
   marked_ = 0;
   if (!walkOccupiedSlots()) return false;
   if (!walkFreeSlots()) return false;
   if (marked_ != numSlots) {
-    std::ostringstream os;
-    os << "Validator::doValidate() bad slotCount:" << marked_
-       << " occupiedSlots:" << slots_.occupiedSlots() << " freeSlots:" << slots_.freeSlots();
-    return fail(os.str());
+    return failWith("Validator::doValidate() bad slotCount:", marked_,
+                    " occupiedSlots:", slots_.occupiedSlots(), " freeSlots:", slots_.freeSlots());
   }
-  std::uint32_t const end = conquer_.currentPos(conquer_.currentTable());
-  for (std::uint32_t p = 0; p < end; ++p) {
-    std::uint32_t const s = conquer_.entrySlot(p);
-    std::ostringstream os;
-    if (s == noIndex) {
-      if (positionMarks_[p]) {
-        os << "Validator::doValidate() active tombstone pos:" << p;
-        return fail(os.str());
+  return checkNotifications();
+}
+
+bool ValidatorBase::walkChains() {
+  KIV_TRACE(dh_, 5, "Validator::walkOccupiedSlots() starting");
+  std::uint32_t const n = slots_.numSlots();
+  std::uint32_t const numBuckets = buckets_.numBuckets();
+  (void)buckets_.bucket(numBuckets - 1);  // the whole array is mapped (throws otherwise)
+  TableFileReader file(buckets_.mem());
+  constexpr std::uint32_t batch = TableFileReader::chunkSize / 8;
+  constexpr std::uint32_t ahead = 16;  // buckets whose head's link is loaded in advance
+  std::uint32_t const before = marked_;
+  for (std::uint32_t first = 0; first < numBuckets; first += batch) {
+    std::uint32_t const count = std::min(batch, numBuckets - first);
+    char const* const chunk = file.read(BucketTable::fileSize(first), std::size_t(8) * count);
+    for (std::uint32_t j = 0; j < count; ++j) {
+      if (j + ahead < count) {
+        std::uint32_t const later = linkTarget(chunk + 8 * std::size_t(j + ahead));
+        if (later < n) __builtin_prefetch(&links_[later]);
       }
-      continue;
-    }
-    char const* const slot = slots_.slot(s);
-    if (!positionMarks_[p] && (SlotWriterTable::flags(slot) & SlotTable::OCCUPIED)) {
-      os << "Validator::doValidate() occupied slot:" << s << " on deleted notification:" << p;
-      return fail(os.str());
-    }
-    if (std::uint32_t const c = slots_.conquerSlot(s); c != p) {
-      os << "Validator::doValidate() conquer pos:" << p << " has slot:" << s
-         << " with wrong conquerSlot:" << c;
-      return fail(os.str());
+      std::uint32_t const b = first + j;
+      bool head = true;
+      for (std::uint32_t i = linkTarget(chunk + 8 * std::size_t(j)); i != noIndex; head = false) {
+        if (i >= n) outOfRange(i);
+        Link const link = links_[i];
+        if (link.bucket != b) chainBreak(i, b, head, link.bucket == noIndex);
+        if (!markOccupied(i)) return false;  // a slot reached twice ends a cycle here
+        i = link.next;
+      }
     }
   }
-  return true;
+  std::uint32_t const count = marked_ - before;
+  KIV_TRACE(dh_, 5, "Validator::walkOccupiedSlots() marked ", count, " slots");
+  return checkOccupiedCount(count);
+}
+
+void ValidatorBase::chainBreak(std::uint32_t i, std::uint32_t bucket, bool head,
+                               bool unoccupied) const {
+  // The texts of the writer's own chain checks (head: first, further slots: next/lookup).
+  std::ostringstream os;
+  if (unoccupied) {
+    os << "QuarnWriter::" << (head ? "first" : "lookup") << "() slot: " << i
+       << " not marked as occupied";
+  } else {
+    os << "QuarnWriter::" << (head ? "first" : "next") << "() corrupt key detected, slot: " << i
+       << " bucket:" << bucket;
+  }
+  throw CorruptionDetectedException(os.str());
+}
+
+bool ValidatorBase::checkNotifications() {
+  // Every live entry is claimed by the slot it names, every claimed entry is live.
+  std::uint32_t failed = noIndex;
+  conquer_.forEachEntry(static_cast<std::uint32_t>(claims_.size()),
+                        [&](std::uint32_t p, std::uint64_t, std::uint32_t s) {
+                          if (s == claims_[p]) return true;
+                          failed = p;
+                          return false;
+                        });
+  if (failed == noIndex) return true;
+  std::uint32_t const p = failed;
+  std::uint32_t const s = conquer_.entrySlot(p);
+  std::uint32_t const claimant = claims_[p];
+  if (s == noIndex) return failWith("Validator::doValidate() active tombstone pos:", p);
+  if (claimant != noIndex) {
+    if (occupied(claimant)) {
+      return failWith("Validator::markOccupied() slot:", claimant, " bad notification:", p,
+                      " slot:", s);
+    }
+    return failWith("Validator::walkFreeSlots() slot index:", claimant, " has slot:", s,
+                    " with wrong conquer slot:", p);
+  }
+  if (s >= slots_.numSlots()) outOfRange(s);
+  if (occupied(s)) {
+    return failWith("Validator::doValidate() occupied slot:", s, " on deleted notification:", p);
+  }
+  return failWith("Validator::doValidate() conquer pos:", p, " has slot:", s,
+                  " with wrong conquerSlot:", slots_.conquerSlot(s));
 }
 
 bool ValidatorBase::checkOccupiedCount(std::uint32_t count) {
   if (count == slots_.occupiedSlots()) return true;
-  std::ostringstream os;
-  os << "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:" << slots_.occupiedSlots()
-     << " count:" << count;
-  return fail(os.str());
+  return failWith("Validator::walkOccupiedSlots() mismatch header->occupiedSlots:",
+                  slots_.occupiedSlots(), " count:", count);
+}
+
+void ValidatorBase::outOfRange(std::uint32_t i) const {
+  (void)slots_.slot(i);  // throws the tables' own range message
+  throw CorruptionDetectedException("Validator::outOfRange() slot " + std::to_string(i));
 }
 
 bool ValidatorBase::markOccupied(std::uint32_t s) {
   KIV_TRACE(dh_, 8, "Validator::markOccupied() slotIndex: ", s);
-  std::ostringstream os;
-  if (s < slotMarks_.size() && slotMarks_[s]) {
-    os << "Validator::markOccupied() duplicate slot: " << s;
-    return fail(os.str());
-  }
-  char const* const slot = slots_.slot(s);  // throws beyond the highest index
-  slotMarks_[s] = true;
+  if (s >= slots_.numSlots()) outOfRange(s);
+  std::uint64_t& word = slotMarks_[s / 64];
+  std::uint64_t const bit = std::uint64_t(1) << (s % 64);
+  if (word & bit) return failWith("Validator::markOccupied() duplicate slot: ", s);
+  word |= bit;
   ++marked_;
-  std::uint32_t const flags = SlotWriterTable::flags(slot);
-  if (!(flags & SlotTable::OCCUPIED)) {
-    os << "Validator::markOccupied() missing OCCUPIED bit: 0x" << std::hex << flags;
-    return fail(os.str());
-  }
-  if (flags & SlotTable::LOOKASIDE) {
-    os << "Validator::markOccupied() stuck LOOKASIDE bit: 0x" << std::hex << flags;
-    return fail(os.str());
-  }
-  std::uint32_t const c = slots_.conquerSlot(s);
-  if (c == noIndex) return true;
-  if (c >= positionMarks_.size()) {
-    os << "Validator::markOccupied() slot:" << s << " bad conquer index:" << c
-       << " size:" << positionMarks_.size();
-    return fail(os.str());
-  }
-  if (!withinQueue(c)) {
-    os << "Validator::markOccupied() slot:" << s << " conquer index:" << c
-       << " beyond currentPos:" << conquer_.currentPos(conquer_.currentTable());
-    return fail(os.str());
-  }
-  // A tombstone at c is left for the notification walk, which names it precisely.
-  if (std::uint32_t const named = conquer_.entrySlot(c); named != s && named != noIndex) {
-    os << "Validator::markOccupied() slot:" << s << " bad notification:" << c << " slot:" << named;
-    return fail(os.str());
-  }
-  if (positionMarks_[c]) {
-    os << "Validator::markOccupied() slot:" << s << " duplicate conquer position:" << c;
-    return fail(os.str());
-  }
-  positionMarks_[c] = true;
   return true;
 }
 
-bool ValidatorBase::withinQueue(std::uint32_t position) const {
-  return position < conquer_.currentPos(conquer_.currentTable());
+bool ValidatorBase::stuckLookaside(std::uint32_t flags) {
+  std::ostringstream os;
+  os << "Validator::markOccupied() stuck LOOKASIDE bit: 0x" << std::hex << flags;
+  return fail(os.str());
+}
+
+bool ValidatorBase::claim(std::uint32_t s, std::uint32_t c, bool free) {
+  std::uint32_t const capacity = conquer_.capacity(conquer_.currentTable());
+  char const* const who =
+      free ? "Validator::walkFreeSlots() slot index:" : "Validator::markOccupied() slot:";
+  if (c >= capacity) {
+    if (free) return failWith(who, s, " has out of range conquer slot: ", c);
+    return failWith(who, s, " bad conquer index:", c, " size:", capacity);
+  }
+  if (c >= claims_.size()) {
+    return failWith(who, s, " conquer index:", c, " beyond currentPos:", claims_.size());
+  }
+  if (claims_[c] != noIndex) return failWith(who, s, " duplicate conquer position:", c);
+  claims_[c] = s;
+  return true;
 }
 
 bool ValidatorBase::walkFreeSlots() {
@@ -143,44 +199,21 @@ bool ValidatorBase::walkFreeSlots() {
   std::uint32_t count = 0;
   for (std::uint32_t i = slots_.freeSlots(); i != noIndex;) {
     KIV_TRACE(dh_, 8, "Validator::walkFreeSlots() walking slotIndex: ", i);
-    std::ostringstream os;
     if (i > numSlots) {
-      os << "Validator::walkFreeSlots() corrupted free slot detected with out of bound index: "
-         << i;
-      return fail(os.str());
+      return failWith(
+          "Validator::walkFreeSlots() corrupted free slot detected with out of bound index: ", i);
     }
-    char const* const slot = slots_.slot(i);  // throws for i == numSlots
-    if (slotMarks_[i]) {
-      os << "Validator::walkFreeSlots() duplicate freeSlot detected: " << i;
-      return fail(os.str());
-    }
-    slotMarks_[i] = true;
+    if (i == numSlots) outOfRange(i);
+    std::uint64_t& word = slotMarks_[i / 64];
+    std::uint64_t const bit = std::uint64_t(1) << (i % 64);
+    if (word & bit) return failWith("Validator::walkFreeSlots() duplicate freeSlot detected: ", i);
+    word |= bit;
     ++marked_;
     ++count;
-    // A removed slot may still own the live entry of its removal.
-    if (std::uint32_t const c = slots_.conquerSlot(i); c != noIndex) {
-      if (c >= positionMarks_.size()) {
-        os << "Validator::walkFreeSlots() slot index:" << i
-           << " has out of range conquer slot: " << c;
-        return fail(os.str());
-      }
-      if (!withinQueue(c)) {
-        os << "Validator::walkFreeSlots() slot index:" << i << " conquer index:" << c
-           << " beyond currentPos:" << conquer_.currentPos(conquer_.currentTable());
-        return fail(os.str());
-      }
-      if (std::uint32_t const named = conquer_.entrySlot(c); named != i && named != noIndex) {
-        os << "Validator::walkFreeSlots() slot index:" << i << " has slot:" << named
-           << " with wrong conquer slot:" << c;
-        return fail(os.str());
-      }
-      positionMarks_[c] = true;
+    if (occupied(i)) {
+      return failWith("Validator::walkFreeSlots() corrupted free slot not marked as empty: ", i);
     }
-    if (SlotWriterTable::flags(slot) & SlotTable::OCCUPIED) {
-      os << "Validator::walkFreeSlots() corrupted free slot not marked as empty: " << i;
-      return fail(os.str());
-    }
-    i = SlotWriterTable::next(slot);
+    i = links_[i].next;
   }
   KIV_TRACE(dh_, 5, "Validator::walkFreeSlots() marked ", count);
   return true;
@@ -193,6 +226,18 @@ bool ValidatorBase::validateFile(Jorv::DebugHandler& dh, std::string const& file
   KIV_TRACE(dh, 0, "ValidatorBase::validateFile() wrong size ", fileName, " size:", onDisk,
             " expected:", expectedSize);
   return false;
+}
+
+}  // namespace Quarn
+
+namespace Quarn {
+
+bool ValidatorBase::validateFiles(Jorv::DebugHandler& dh, SlotWriterTable const& slots,
+                                  BucketWriterTable const& buckets, ConquerWriter const& conquer) {
+  if (slots.mem().local()) return true;
+  return validateFile(dh, slots.mem().name(), SlotTable::fileSize(slots.slotSize(), slots.numSlots())) &&
+         validateFile(dh, buckets.mem().name(), BucketTable::fileSize(buckets.numBuckets())) &&
+         conquer.validateFile();
 }
 
 }  // namespace Quarn

@@ -1,23 +1,33 @@
 #pragma once
-// Full structural check of a writer's table: headers, every hash chain, the free list and the
-// current notification table, and their cross-references. Never repairs, never throws to its
-// caller, never loops: each slot and each notification position may be claimed once (two bit
-// sets), so a cyclic chain or free list ends at the first repeated slot.
+// Full structural check of a writer's table: headers (both notification tables included), file
+// sizes on disk, every hash chain (occupied, in its key's bucket, ascending), the free list and
+// the current notification table, and their cross-references. Never repairs, never throws to its
+// caller, never loops: each slot may be reached once (a bit set), so a cyclic chain or free list
+// ends at the first repeated slot.
+//
+// Speed: every file is read once, in address order, so the check is bound by memory bandwidth.
+// Chains and the free list link slots anywhere in the file, and chasing those links through the
+// file costs a cache and TLB miss per slot; so one sequential pass first gathers each slot's link
+// and key bucket into a compact array (8 bytes a slot), and the chains and the free list are
+// followed there. Likewise each slot's claim on a notification position goes into an array
+// indexed by position, which the notification pass then compares with the entries in order.
 //
 // Used by a restarting writer (keep the files or re-format them) and by the writer's mounter when
 // a reader reports corruption.
 
+#include <algorithm>
 #include <cstdint>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Jorv/Platform.h"
-#include "Quarn/IterHint.h"
+#include "Quarn/Exceptions.h"
+#include "Quarn/WriterTables.h"
 
 namespace Quarn {
 
-class SlotWriterTable;
-class BucketWriterTable;
 class ConquerWriter;
 template <class Key, class Wrapper>
 class QuarnWriter;
@@ -34,33 +44,92 @@ class ValidatorBase {
   bool doValidate(std::uint32_t fenix);
   std::string const& error() const noexcept { return error_; }
 
-  // Every slot reached through the chains, in iteration order.
+  // Every slot reached through the chains: each occupied, in its key's bucket, reached once.
   virtual bool walkOccupiedSlots() = 0;
   bool walkFreeSlots();
+  // Marks a slot reached through a chain; false when it was reached before.
   bool markOccupied(std::uint32_t slotIndex);
 
   // The file's size on disk against the size its header requires.
   static bool validateFile(Jorv::DebugHandler& dh, std::string const& fileName,
                            std::size_t expectedSize);
+  // validateFile for every file of a shared table, and both notification headers.
+  static bool validateFiles(Jorv::DebugHandler& dh, SlotWriterTable const& slots,
+                            BucketWriterTable const& buckets, ConquerWriter const& conquer);
 
  protected:
+  // What the walks need of one slot, gathered by one sequential pass over the slot file so that
+  // following links touches this compact array instead of the file.
+  struct Link {
+    std::uint32_t next;
+    std::uint32_t bucket;  // of its key when OCCUPIED, else noIndex
+  };
+
+  // The sequential pass: for every slot, its link and its key's bucket (`bucketOf(slot)`), no
+  // LOOKASIDE on an occupied slot, and the claim of its live notification.
+  template <class BucketOf>
+  bool scanSlots(BucketOf&& bucketOf);
+  // Follows every chain from its bucket over `links_`, marking each slot reached.
+  bool walkChains();
+
   bool fail(std::string text);
-  // A slot's live entry must lie in the written part of the current table: a writer that died
-  // between writing an entry and advancing currentPos leaves a claim the next append would
-  // overwrite with another slot's entry.
-  bool withinQueue(std::uint32_t position) const;
+  template <class... Args>
+  bool failWith(Args const&... args) {
+    std::ostringstream os;
+    (os << ... << args);
+    return fail(os.str());
+  }
+  bool stuckLookaside(std::uint32_t flags);
+  // Records that slot `s` (free or not) holds its live entry at `position` of the current table.
+  // That position must lie in the written part of the table (a writer that died between writing
+  // an entry and advancing currentPos leaves a claim that the next append overwrites) and be
+  // claimed once; whether the entry names `s` is checked by the notification pass.
+  bool claim(std::uint32_t s, std::uint32_t position, bool free);
+  bool checkNotifications();
   bool checkOccupiedCount(std::uint32_t count);
+  // Raises CorruptionDetectedException for a chain that reaches slot `i` from `bucket`.
+  [[noreturn]] void chainBreak(std::uint32_t i, std::uint32_t bucket, bool head,
+                               bool unoccupied) const;
+  // Raises the slot range exception of the writer's tables for index `i`.
+  [[noreturn]] void outOfRange(std::uint32_t i) const;
+  bool occupied(std::uint32_t s) const noexcept { return links_[s].bucket != noIndex; }
 
   Jorv::DebugHandler& dh_;
   std::string rootPath_;
   SlotWriterTable& slots_;
   BucketWriterTable& buckets_;
   ConquerWriter& conquer_;
-  std::vector<bool> slotMarks_;
-  std::vector<bool> positionMarks_;
+  std::unique_ptr<Link[]> links_;         // one per slot
+  std::vector<std::uint64_t> slotMarks_;  // one bit per slot: reached by a chain or the free list
+  std::vector<std::uint32_t> claims_;     // per written position: the slot claiming it, or noIndex
   std::uint32_t marked_ = 0;
   std::string error_;
 };
+
+template <class BucketOf>
+bool ValidatorBase::scanSlots(BucketOf&& bucketOf) {
+  std::uint32_t const n = slots_.numSlots();
+  std::uint32_t const size = slots_.slotSize();
+  links_.reset(new Link[n]);
+  TableFileReader file(slots_.mem());
+  std::uint32_t const batch = static_cast<std::uint32_t>(TableFileReader::chunkSize / size);
+  for (std::uint32_t first = 0; first < n; first += batch) {
+    std::uint32_t const count = std::min(batch, n - first);
+    char const* const chunk = file.read(SlotTable::fileSize(size, first), std::size_t(size) * count);
+    for (std::uint32_t j = 0; j < count; ++j) {
+      std::uint32_t const i = first + j;
+      char const* const s = chunk + std::size_t(size) * j;
+      std::uint32_t const flags = SlotWriterTable::flags(s);
+      bool const occupied = flags & SlotTable::OCCUPIED;
+      links_[i] = {SlotWriterTable::next(s), occupied ? bucketOf(s) : noIndex};
+      if (occupied && (flags & SlotTable::LOOKASIDE)) return stuckLookaside(flags);
+      std::uint32_t const c =
+          Mem::Atomics::load32Relaxed(s + offsetof(SlotTable::Slot, conquerSlot));
+      if (c != noIndex && !claim(i, c, !occupied)) return false;
+    }
+  }
+  return true;
+}
 
 template <class Key, class Wrapper>
 class Validator final : public ValidatorBase {
@@ -70,20 +139,15 @@ class Validator final : public ValidatorBase {
         writer_(writer) {}
 
   bool walkOccupiedSlots() override {
-    KIV_TRACE(dh_, 5, "Validator::walkOccupiedSlots() starting");
-    std::uint32_t count = 0;
-    Wrapper value;
-    IterHint hint;
-    for (bool more = writer_.first(0, value, hint); more;
-         more = writer_.next(Key(value.key), value, hint)) {
-      if (!markOccupied(hint.slot)) return false;
-      ++count;
-    }
-    KIV_TRACE(dh_, 5, "Validator::walkOccupiedSlots() marked ", count, " slots");
-    return checkOccupiedCount(count);
+    return scanSlots([this](char const* slot) { return writer_.bucketOf(keyAt(slot)); }) &&
+           walkChains();
   }
 
  private:
+  static Key const& keyAt(char const* slot) noexcept {
+    return reinterpret_cast<Wrapper const*>(slot + SlotTable::valueOffset)->key;
+  }
+
   QuarnWriter<Key, Wrapper>& writer_;
 };
 

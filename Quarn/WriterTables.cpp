@@ -1,5 +1,9 @@
 #include "Quarn/WriterTables.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <cstring>
 #include <sstream>
@@ -9,6 +13,34 @@
 #include "Quarn/Exceptions.h"
 
 namespace Quarn {
+
+TableFileReader::TableFileReader(QuarnMem const& mem) : mem_(mem) {
+  if (mem.local()) return;
+  fd_ = ::open(mem.name().c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st {};
+  if (fd_ >= 0 && (::fstat(fd_, &st) != 0 || std::size_t(st.st_size) != mem.mappedSize())) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+  if (fd_ >= 0) buffer_.reset(new char[chunkSize]);
+}
+
+TableFileReader::~TableFileReader() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+char const* TableFileReader::read(std::size_t offset, std::size_t length) {
+  if (fd_ >= 0 && length <= chunkSize) {
+    std::size_t done = 0;
+    while (done < length) {
+      ssize_t const n = ::pread(fd_, buffer_.get() + done, length - done, off_t(offset + done));
+      if (n <= 0) break;
+      done += std::size_t(n);
+    }
+    if (done == length) return buffer_.get();
+  }
+  return mem_.base() + offset;
+}
 
 std::string SlotCounters::str() const {
   std::ostringstream os;
@@ -40,8 +72,7 @@ bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t init
   if (existing != initialSize) {
     // Readers may still map the old file: a new file takes its name once formatted
     // (attachTableFile commits it), so no reader's page vanishes under it.
-    KIV_TRACE(dh, 5, texts.prefix, "replace ", existing, " bytes by a new file of ", initialSize,
-              " bytes");
+    KIV_TRACE(dh, 5, texts.prefix, "resize from ", existing, " to ", initialSize, " bytes");
     if (!mem.stageReplacement(initialSize)) {
       std::ostringstream os;
       os << texts.prefix << texts.resizeFailure << initialSize;

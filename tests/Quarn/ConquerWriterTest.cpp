@@ -157,4 +157,37 @@ TEST_F(ConquerFixture, EntryNamingAnotherSlotIsCorruption) {
   EXPECT_THROW(cw.notify(w.capacity()), Quarn::CorruptionDetectedException);
 }
 
+// Header words damaged under a running writer are checked against the mapping before the writer
+// indexes with them: the write that would use them fails, nothing is written out of bounds.
+TEST(ConquerWriter, DamagedHeaderWordsStopTheWriter) {
+  struct Case {
+    char const* name;
+    std::uint32_t table;  // 0: current, 1: the other one
+    std::size_t offset;
+    std::uint32_t value;
+    char const* message;
+  };
+  std::vector<Case> const cases{
+      {"current currentPos", 0, 48, 0xFFFFFFF0, "ConquerWriter::notify() "},
+      {"current capacity", 0, 44, 100000, "ConquerWriter::notify() "},
+      {"other capacity", 1, 44, 100000, "ConquerWriter::compact() "},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempRoot root;
+    Writer w(dh(), "damaged", 1000, false, "TestRecord", nullptr, root.path());
+    w.attach();
+    w.write(record(0, 1, 1));
+    auto* h = w.conquer().header(c.table == 0 ? w.conquer().currentTable()
+                                              : 1 - w.conquer().currentTable());
+    Mem::Atomics::store32(reinterpret_cast<char*>(h) + c.offset, c.value);
+    std::string const error = failure<Quarn::CorruptionDetectedException>([&] {
+      for (std::uint32_t i = 0; i < 1000; ++i) w.write(record(0, 2, i));  // forces a compaction
+    });
+    EXPECT_EQ(error.rfind(c.message, 0), 0u) << error;
+    EXPECT_NE(error.find(" do not fit its mapping of "), std::string::npos) << error;
+    EXPECT_FALSE(w.validate());
+  }
+}
+
 }  // namespace

@@ -142,7 +142,14 @@ TEST_F(SlotHeaderFixture, ChecksumCoversNamesAndSizesOnly) {
   format(3);
   std::size_t const size = Quarn::SlotTable::fileSize(slotSize, 3);
   EXPECT_EQ(check(size), "ok");
-  for (std::size_t offset : {16u, 79u, 80u, 143u, 144u, 148u, 152u}) {
+  // A slotSize that its valueSize does not give is named, not taken for a short file.
+  for (std::uint32_t garbled : {57u, 0u, 0x10000u}) {
+    header()->slotSize = garbled;
+    EXPECT_EQ(check(size), "SlotTable::Header::validate() bad slotSize: " +
+                               std::to_string(garbled) + " valueSize: 36");
+  }
+  header()->slotSize = slotSize;
+  for (std::size_t offset : {16u, 79u, 80u, 143u, 144u, 152u}) {
     base()[offset] ^= 1;
     EXPECT_EQ(check(size).rfind("SlotTable::Header::validate() checksum fail: ", 0), 0u) << offset;
     base()[offset] ^= 1;

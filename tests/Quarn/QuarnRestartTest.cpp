@@ -58,6 +58,17 @@ void flipBits(std::string const& path, std::size_t offset, char mask) {
   f.write(&c, 1);
 }
 
+void writeWord(std::string const& path, std::size_t offset, std::uint32_t value) {
+  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+  f.seekp(static_cast<std::streamoff>(offset));
+  f.write(reinterpret_cast<char const*>(&value), sizeof value);
+}
+
+// The notification table that the killed writer did not append to last.
+std::string spareTable(std::string const& dir) {
+  return dir + (at(fileBytes(dir + "/conquer.1"), 32) == 0 ? "/conquer.2" : "/conquer.1");
+}
+
 TEST(QuarnRestart, KilledWritersEntriesSurvive) {
   TempRoot root;
   writeAndKill(root.path());
@@ -98,6 +109,7 @@ TEST(QuarnRestart, DamagedFilesAreReformattedUnderNextFenix) {
     char const* name;
     std::function<void(std::string const& dir)> damage;
     char const* className = "TestRecord";  // the restarted writer's
+    char const* trace = "";                 // a further trace text wanted
   };
   std::vector<Case> const cases{
       {"class name byte", [](std::string const& dir) { flipBits(dir + "/slots", 85, 0x10); }},
@@ -105,7 +117,24 @@ TEST(QuarnRestart, DamagedFilesAreReformattedUnderNextFenix) {
        // Slot 1 holds key 1 (slot 0 held key 0, removed): its flags word sits at +12.
        [](std::string const& dir) { flipBits(dir + "/slots", 176 + 48 * 2 + 12, 0x02); }},
       {"truncated notification table",
-       [](std::string const& dir) { ASSERT_EQ(::truncate((dir + "/conquer.1").c_str(), 60), 0); }},
+       [](std::string const& dir) { ASSERT_EQ(::truncate((dir + "/conquer.1").c_str(), 60), 0); },
+       "TestRecord", "ConquerWriter::attachConquer() resize from 60 to "},
+      // The table the next compaction writes into is checked like the current one.
+      {"spare capacity beyond its file",
+       [](std::string const& dir) { writeWord(spareTable(dir), 44, 100000); }},
+      {"spare truncated",
+       [](std::string const& dir) {
+         ASSERT_EQ(::truncate(spareTable(dir).c_str(), 1000), 0);
+       }},
+      {"spare magic", [](std::string const& dir) { flipBits(spareTable(dir), 2, 0x20); }},
+      {"spare currentPos beyond capacity",
+       [](std::string const& dir) { writeWord(spareTable(dir), 48, 0xFFFFFFF0); }},
+      {"spare with the current table's id",
+       [](std::string const& dir) {
+         writeWord(spareTable(dir), 36, at(fileBytes(dir + "/conquer.1"), 32));
+       }},
+      {"current table id out of range",
+       [](std::string const& dir) { writeWord(dir + "/conquer.1", 32, 5); }},
       {"missing bucket file",
        [](std::string const& dir) { ASSERT_EQ(::unlink((dir + "/buckets").c_str()), 0); }},
       {"files of another record class", [](std::string const&) {}, "OtherRecord"},
@@ -124,6 +153,7 @@ TEST(QuarnRestart, DamagedFilesAreReformattedUnderNextFenix) {
     EXPECT_TRUE(
         trace.contains("QuarnWriter::attach() failed, all entries from " + dir + " will be lost"));
     EXPECT_TRUE(trace.contains("QuarnWriter::attach(): re-formatted successfully"));
+    EXPECT_TRUE(trace.contains(c.trace));
     EXPECT_EQ(w.fenix(), fenix + 1);
     EXPECT_EQ(Quarn::FenixFile::read(dir), fenix + 1);
     EXPECT_EQ(w.size(), 0u);

@@ -154,6 +154,7 @@ TEST(Validator, FileSizesOnDisk) {
   EXPECT_FALSE(w.validateFiles());
   EXPECT_TRUE(trace.contains("ValidatorBase::validateFile() wrong size "));
   EXPECT_TRUE(trace.contains("ConquerWriter::validateFile(): conquer.2 validation failed"));
+  EXPECT_FALSE(w.validate());  // the full check includes the files, the spare table's too
 }
 
 }  // namespace
