@@ -61,7 +61,7 @@ TEST(Validator, FindsEveryPlantedDamage) {
       // Intact: removed slots still own the live entries of their removal.
       {"intact", [](Writer&) {}, "valid"},
       {"chain cycle", [](Writer& w) { Quarn::publishLink(slotOf(w, 2, 4), indexOf(w, 2, 0)); },
-       "QuarnWriter::next() hash chain cycle detected, "},
+       "Validator::markOccupied() duplicate slot: "},
       {"stuck LOOKASIDE",
        [](Writer& w) {
          char* s = slotOf(w, 0, 2);
