@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 #include <random>
 #include <sstream>
@@ -13,6 +14,8 @@
 
 #include "Bidir/ClearConfig.h"
 #include "Bidir/GroupIntfKey.h"
+#include "Bidir/Quarn/Group.h"
+#include "Bidir/Quarn/GroupIntf.h"
 #include "Bidir/States.h"
 #include "Bidir/Status.h"
 #include "Kiv/EntityText.h"
@@ -56,8 +59,8 @@ IpGenAddr randomAddr(std::mt19937& rng) {
 }
 
 IntfId randomIntf(std::mt19937& rng) {
-  static char const* const names[] = {"", "Ethernet1", "Ethernet3/1/2", "Vlan4094",
-                                      "Port-Channel10", "Loopback0", "Management1"};
+  static char const* const names[] = {
+      "", "Ethernet1", "Ethernet3/1/2", "Vlan4094", "Port-Channel10", "Loopback0", "Management1"};
   return IntfId(names[rng() % std::size(names)]);
 }
 
@@ -69,6 +72,32 @@ GroupKey randomGroupKey(std::mt19937& rng) {
 }
 GroupIntfKey randomGroupIntfKey(std::mt19937& rng) {
   return GroupIntfKey(randomAddr(rng), randomIntf(rng));
+}
+// Times in seconds as the agent records them, and now and then any finite double (records with
+// a NaN never compare equal).
+double randomTime(std::mt19937& rng) {
+  if (rng() % 4) return static_cast<double>(rng() % 100000000) / 1000.0;
+  std::uint64_t bits = std::uint64_t{rng()} << 32 | rng();
+  std::uint64_t const exponent = 0x7ffull << 52;
+  return std::bit_cast<double>((bits & ~exponent) | (std::uint64_t{rng() % 0x7ff} << 52));
+}
+Quarn::Group randomGroup(std::mt19937& rng) {
+  Quarn::Group g;
+  g.key = randomAddr(rng);
+  g.creationTime = randomTime(rng);
+  g.upJoinState = static_cast<GroupStates::UpJoinState>(rng() % 2);
+  g.inactive = rng() % 2;
+  return g;
+}
+Quarn::GroupIntf randomGroupIntf(std::mt19937& rng) {
+  Quarn::GroupIntf g;
+  g.key = randomGroupIntfKey(rng);
+  g.forward = rng() % 2;
+  g.joinState = static_cast<GroupIntfStates::JoinState>(rng() % 3);
+  g.lastJoinReceived = randomTime(rng);
+  g.localReceiverInclude = rng() % 2;
+  g.iAmDf = rng() % 2;
+  return g;
 }
 
 // A loose spelling of a structured value: random white space wherever a blank is allowed, the
@@ -123,6 +152,8 @@ struct Loose {
     if constexpr (std::is_same_v<V, MrouteClearFlags>) return randomFlags(rng);
     if constexpr (std::is_same_v<V, GroupKey>) return randomGroupKey(rng);
     if constexpr (std::is_same_v<V, GroupIntfKey>) return randomGroupIntfKey(rng);
+    if constexpr (std::is_same_v<V, Quarn::Group>) return randomGroup(rng);
+    if constexpr (std::is_same_v<V, Quarn::GroupIntf>) return randomGroupIntf(rng);
   }
 };
 
@@ -148,6 +179,19 @@ TEST(ValueText, PrintedFormsAreExact) {
   EXPECT_EQ(valueToStrep(GroupIntfKey(IpGenAddr("ff0e::1"), IntfId("Ethernet3/1"))),
             "Value('Routing::Pim::Bidir::GroupIntfKey', ** {'groupAddr': ff0e::1, "
             "'intfId': Ethernet3/1})");
+  Quarn::GroupIntf record;
+  record.key = GroupIntfKey(IpGenAddr("239.1.1.1"), IntfId("Vlan1"));
+  record.joinState = GroupIntfStates::joined;
+  record.lastJoinReceived = 3.25;
+  record.iAmDf = true;
+  EXPECT_EQ(valueToStrep(record),
+            "Value('Routing::Pim::Bidir::Quarn::GroupIntf', ** {'key': "
+            "Value('Routing::Pim::Bidir::GroupIntfKey', ** {'groupAddr': 239.1.1.1, 'intfId': "
+            "Vlan1}), 'forward': False, 'joinState': 'joined', 'lastJoinReceived': 3.25, "
+            "'localReceiverInclude': False, 'iAmDf': True})");
+  EXPECT_EQ(valueToStrep(Quarn::Group()),
+            "Value('Routing::Pim::Bidir::Quarn::Group', ** {'key': , 'creationTime': 0, "
+            "'upJoinState': 'upNotJoined', 'inactive': False})");
   EXPECT_EQ(valueToStrep(GroupIntfStates::joined), "'joined'");
   EXPECT_EQ(stringValue(GroupStates::upJoined), "upJoined");
   EXPECT_EQ(stringValue(static_cast<GroupIntfStates::JoinState>(7)), "GroupIntf::JoinState(7)");
@@ -164,6 +208,8 @@ TEST(ValueText, RandomValuesRoundTripInPrintedAndLooseSpellings) {
     expectRoundTrips(randomFlags(rng), loose);
     expectRoundTrips(randomGroupKey(rng), loose);
     expectRoundTrips(randomGroupIntfKey(rng), loose);
+    expectRoundTrips(randomGroup(rng), loose);
+    expectRoundTrips(randomGroupIntf(rng), loose);
     auto up = static_cast<GroupStates::UpJoinState>(rng() % 2);
     auto join = static_cast<GroupIntfStates::JoinState>(rng() % 3);
     ASSERT_EQ(Kiv::strepToValue<GroupStates::UpJoinState>(valueToStrep(up)), up);
@@ -193,6 +239,21 @@ TEST(ValueText, EveryRefusalIsReachedByAMinimalText) {
   String8 const flags = "Value('Routing::Pim::Bidir::MrouteClearFlags', ** {";
   String8 const groupKey = "Value('Routing::Pim::Bidir::ClearConfig::GroupKey', ** {";
   String8 const intfKey = "Value('Routing::Pim::Bidir::GroupIntfKey', ** {";
+  String8 const group = "Value('Routing::Pim::Bidir::Quarn::Group', ** {";
+  String8 const groupIntf = "Value('Routing::Pim::Bidir::Quarn::GroupIntf', ** {";
+  EXPECT_EQ(refusalOf<Quarn::Group>(group + "'key': 10.0.0.1 "),
+            "premature end of value type Group");
+  EXPECT_EQ(refusalOf<Quarn::GroupIntf>(groupIntf), "premature end of value type GroupIntf");
+  EXPECT_EQ(refusalOf<Quarn::Group>(group + "'groupAddr': 1})"),
+            "Group has no such attribute: groupAddr");
+  EXPECT_EQ(refusalOf<Quarn::GroupIntf>(groupIntf + "'IAmDf': True})"),
+            "GroupIntf has no such attribute: IAmDf");
+  EXPECT_EQ(refusalOf<Quarn::GroupIntf>(groupIntf + "'key': " + intfKey + "'intfId': Vlan0})})"),
+            "attribute 'key': attribute 'intfId': invalid interface name: 'Vlan0'");
+  EXPECT_EQ(refusalOf<Quarn::Group>(group + "'upJoinState': 'joined'})"),
+            "attribute 'upJoinState': UpJoinState");
+  EXPECT_EQ(refusalOf<Quarn::GroupIntf>(groupIntf + "'lastJoinReceived': 1e999})"),
+            "attribute 'lastJoinReceived': number out of range at '1e999})'");
   EXPECT_EQ(refusalOf<MrouteClearFlags>(flags), "premature end of value type MrouteClearFlags");
   EXPECT_EQ(refusalOf<GroupKey>(groupKey + " "), "premature end of value type GroupKey");
   EXPECT_EQ(refusalOf<GroupIntfKey>(intfKey + "'groupAddr': 1.2.3.4"),
@@ -234,8 +295,7 @@ TEST(ValueText, EveryRefusalIsReachedByAMinimalText) {
             "expected \" 'Routing::Pim::Bidir::ClearConfig::GroupKey'\" at 'MrouteClearFlags'");
   EXPECT_EQ(refusalOf<GroupIntfKey>("Value('Routing::Pim::Bidir::GroupIntfKey', {})"),
             "expected \" **\" at '{})'");
-  EXPECT_EQ(refusalOf<GroupIntfKey>(intfKey + "'intfId' Vlan1})"),
-            "expected \" : \" at 'Vlan1})'");
+  EXPECT_EQ(refusalOf<GroupIntfKey>(intfKey + "'intfId' Vlan1})"), "expected \" : \" at 'Vlan1})'");
   // A refused parse changes nothing that already held a value.
   GroupKey held(MrouteClearFlags(2), IpGenAddr("239.1.1.1"));
   EXPECT_THROW(held = Kiv::strepToValue<GroupKey>(groupKey + "'gAddr': 10.0.0.1, 'x': 1})"),
@@ -253,9 +313,9 @@ TEST(ValueText, EntityReferencesResolveOnlyToLiveEntitiesOfTheirType) {
   EXPECT_EQ(Kiv::strepToValue<Kiv::Ptr<Group>>(Kiv::valueToStrep(group)), group);
   EXPECT_EQ(Kiv::strepToValue<Kiv::Ptr<Group>>(""), nullptr);
   EXPECT_EQ(Kiv::valueToStrep(Kiv::Ptr<Group>()), "");
-  EXPECT_EQ(refusalOf<Kiv::Ptr<Group>>(text),
-            "cannot convert " + Kiv::excerpt(text.cbegin(), text.cend()) +
-                " to Routing::Pim::Bidir::Group");
+  EXPECT_EQ(refusalOf<Kiv::Ptr<Group>>(text), "cannot convert " +
+                                                  Kiv::excerpt(text.cbegin(), text.cend()) +
+                                                  " to Routing::Pim::Bidir::Group");
   // A type name that does not match the entity at the address, and an entity that has gone.
   String8 forged = text;
   forged.replace(5, 27, "Routing::Pim::Bidir::Group");
