@@ -12,6 +12,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <string_view>
 #include <tuple>
@@ -132,14 +133,28 @@ struct SetterTraits<void (O::*)(A) noexcept> : SetterTraits<void (O::*)(A)> {};
 
 }  // namespace detail
 
+// A data member may sit below its type's alignment in a packed shared-memory record, so trivially
+// copyable members are copied as bytes rather than loaded or stored as typed values.
 template <auto Member>
 constexpr auto field(std::string_view name, AttributeId id, std::string_view typeName,
                      AttributeKind kind = AttributeKind::settable) {
   using Owner = typename detail::MemberTraits<decltype(Member)>::Owner;
   using T = typename detail::MemberTraits<decltype(Member)>::Type;
-  return TypedAttribute<Owner, T, T>{{name, id, typeName, kind},
-                                     [](Owner const& o) -> T { return o.*Member; },
-                                     [](Owner& o, T const& v) { o.*Member = v; }};
+  if constexpr (std::is_trivially_copyable_v<T>) {
+    return TypedAttribute<Owner, T, T>{{name, id, typeName, kind},
+                                       [](Owner const& o) -> T {
+                                         T v{};
+                                         std::memcpy(&v, &(o.*Member), sizeof v);
+                                         return v;
+                                       },
+                                       [](Owner& o, T const& v) {
+                                         std::memcpy(&(o.*Member), &v, sizeof v);
+                                       }};
+  } else {
+    return TypedAttribute<Owner, T, T>{{name, id, typeName, kind},
+                                       [](Owner const& o) -> T { return o.*Member; },
+                                       [](Owner& o, T const& v) { o.*Member = v; }};
+  }
 }
 
 template <auto Getter, auto Setter = nullptr>
