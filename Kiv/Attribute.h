@@ -141,15 +141,14 @@ constexpr auto field(std::string_view name, AttributeId id, std::string_view typ
   using Owner = typename detail::MemberTraits<decltype(Member)>::Owner;
   using T = typename detail::MemberTraits<decltype(Member)>::Type;
   if constexpr (std::is_trivially_copyable_v<T>) {
-    return TypedAttribute<Owner, T, T>{{name, id, typeName, kind},
-                                       [](Owner const& o) -> T {
-                                         T v{};
-                                         std::memcpy(&v, &(o.*Member), sizeof v);
-                                         return v;
-                                       },
-                                       [](Owner& o, T const& v) {
-                                         std::memcpy(&(o.*Member), &v, sizeof v);
-                                       }};
+    return TypedAttribute<Owner, T, T>{
+        {name, id, typeName, kind},
+        [](Owner const& o) -> T {
+          T v{};
+          std::memcpy(&v, &(o.*Member), sizeof v);
+          return v;
+        },
+        [](Owner& o, T const& v) { std::memcpy(&(o.*Member), &v, sizeof v); }};
   } else {
     return TypedAttribute<Owner, T, T>{{name, id, typeName, kind},
                                        [](Owner const& o) -> T { return o.*Member; },

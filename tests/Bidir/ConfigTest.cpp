@@ -78,9 +78,8 @@ TEST(Config, IntervalStartsAtItsConstantDefaultAndNotifiesOnlyChanges) {
   config->isNondestructingIs(true);
   EXPECT_EQ(config->groupExpiryInterval(), 65535);
   // The throwing notifiee is reported with the attribute's identifier; the walk goes on.
-  EXPECT_EQ(heard.lines, (Lines{"groupExpiryInterval", "groupExpiryInterval",
-                                "groupExpiryInterval", "groupExpiryInterval", "isNondestructing",
-                                "isNondestructing"}));
+  EXPECT_EQ(heard.lines, (Lines{"groupExpiryInterval", "groupExpiryInterval", "groupExpiryInterval",
+                                "groupExpiryInterval", "isNondestructing", "isNondestructing"}));
   EXPECT_EQ(heard.exceptions, (std::vector<Kiv::AttributeId>{259, 259, 6}));
   config->isNondestructingIs(false);
   EXPECT_EQ(config->attributeString(258), "vrfName");
@@ -193,9 +192,7 @@ struct ConfigCollOps {
   static auto make() { return configCollFactory("config"); }
   static auto is(ConfigColl& c, L3::VrfName n) { return c.vrfConfigIs(n); }
   static auto del(ConfigColl& c, L3::VrfName n) { return c.vrfConfigDel(n); }
-  static auto delIt(ConfigColl& c, ConfigColl::VrfConfigIterator& it) {
-    return c.vrfConfigDel(it);
-  }
+  static auto delIt(ConfigColl& c, ConfigColl::VrfConfigIterator& it) { return c.vrfConfigDel(it); }
   static void delAll(ConfigColl& c) { c.vrfConfigDelAll(); }
   static void notify(ConfigColl& c, L3::VrfName n) { c.vrfConfigNotify(n); }
   static auto begin(ConfigColl& c) { return c.vrfConfigIter().begin(); }

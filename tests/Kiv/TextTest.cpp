@@ -56,8 +56,7 @@ TEST(TextReaders, BooleansIntegersAndStrings) {
   EXPECT_EQ(Kiv::valueToStrep(std::uint32_t{4294967295u}), "4294967295");
   EXPECT_EQ(Kiv::valueToStrep(String8("it's\\\n\xff")), "'it\\'s\\\\\\x0a\\xff'");
   EXPECT_EQ(Kiv::strepToValue<String8>("\"a'b\\\"\""), "a'b\"");
-  EXPECT_EQ(refusal([] { Kiv::strepToValue<String8>("'abc"); }),
-            "unterminated string at '\\'abc'");
+  EXPECT_EQ(refusal([] { Kiv::strepToValue<String8>("'abc"); }), "unterminated string at '\\'abc'");
   EXPECT_EQ(refusal([] { Kiv::strepToValue<String8>("'\\q'"); }),
             "bad escape in string at '\\\\q\\''");
   EXPECT_EQ(refusal([] { Kiv::strepToValue<String8>("abc"); }),
@@ -88,8 +87,7 @@ TEST(TextReaders, EveryDoubleRoundTripsThroughExtendedPrecision) {
   EXPECT_EQ(Kiv::valueToStrep(-0.0), "-0");
   EXPECT_EQ(Kiv::strepToValue<double>("0x1.8p+1"), 3.0);
   EXPECT_EQ(Kiv::strepToValue<double>("-Infinity"), -HUGE_VAL);
-  EXPECT_EQ(refusal([] { Kiv::strepToValue<double>("1e400"); }),
-            "number out of range at '1e400'");
+  EXPECT_EQ(refusal([] { Kiv::strepToValue<double>("1e400"); }), "number out of range at '1e400'");
   EXPECT_EQ(refusal([] { Kiv::strepToValue<double>("--1"); }), "expected a number at '--1'");
 }
 
