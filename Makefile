@@ -1,5 +1,5 @@
 # Thin wrappers over the CMake presets; see README.md.
-.PHONY: all demo test test-asan test-tsan bench install clean
+.PHONY: all demo test test-asan test-tsan bench fuzz install clean
 
 all:
 	cmake --preset default >/dev/null && cmake --build --preset default
@@ -25,6 +25,12 @@ test-tsan:
 bench:
 	cmake --preset release >/dev/null && cmake --build --preset release --target quarn_bench
 	./build/release/bench/quarn_bench
+
+# The libFuzzer targets of the text readers (clang), each run for FUZZ_SECONDS (default 300).
+FUZZ_SECONDS ?= 300
+fuzz:
+	cmake --preset fuzz >/dev/null && cmake --build --preset fuzz
+	fuzz/run.sh $(FUZZ_SECONDS)
 
 clean:
 	rm -rf build

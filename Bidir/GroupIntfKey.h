@@ -6,10 +6,16 @@
 // Ordering is lexicographic, address first; <=, > and >= derive from < alone so that all agree.
 // `hash()` is the Ip6Addr hash of the 16 address bytes XOR the interface hash: the family word is
 // not mixed in (an IPv4 and an IPv6 key with the same stored bytes hash alike; == separates them).
+//
+// Text: Value('Routing::Pim::Bidir::GroupIntfKey', ** {'groupAddr': 239.1.1.1, 'intfId': Vlan1});
+// a field the text leaves out keeps its default (the unset address, the empty interface name).
 
 #include <cstdint>
 #include <iosfwd>
+#include <tuple>
 #include <type_traits>
+
+#include "Kiv/Attribute.h"
 
 #include "Lanx/IntfId.h"
 #include "Lanx/IpGenAddr.h"
@@ -18,9 +24,13 @@ namespace Routing::Pim::Bidir {
 
 class GroupIntfKey {
  public:
+  static constexpr char const* typeName = "Routing::Pim::Bidir::GroupIntfKey";
+
   constexpr GroupIntfKey() = default;
   GroupIntfKey(Lanx::IpGenAddr const& groupAddr, Lanx::IntfId const& intfId) noexcept
       : groupAddr_(groupAddr), intfId_(intfId) {}
+  // Reads one key at the cursor and leaves the cursor behind it.
+  GroupIntfKey(Kiv::String8::IteratorConst& cursor, Kiv::String8::IteratorConst end);
 
   Lanx::IpGenAddr const& groupAddr() const noexcept { return groupAddr_; }
   Lanx::IntfId const& intfId() const noexcept { return intfId_; }
@@ -42,6 +52,14 @@ class GroupIntfKey {
 
   std::uint32_t hash() const noexcept { return groupAddr_.hash() ^ intfId_.hash(); }
 
+  static constexpr auto attributes() {
+    return std::tuple{
+        Kiv::field<&GroupIntfKey::groupAddr_>("groupAddr", 2, "Lanx::IpGenAddr"),
+        Kiv::field<&GroupIntfKey::intfId_>("intfId", 3, "Lanx::IntfId"),
+        Kiv::property<&GroupIntfKey::hash>("hash", 4, "U32", Kiv::AttributeKind::computed),
+    };
+  }
+
  private:
   Lanx::IpGenAddr groupAddr_;
   Lanx::IntfId intfId_;
@@ -50,5 +68,8 @@ class GroupIntfKey {
 static_assert(sizeof(GroupIntfKey) == 28 && alignof(GroupIntfKey) == 4);
 static_assert(std::is_trivially_copyable_v<GroupIntfKey> &&
               std::is_standard_layout_v<GroupIntfKey>);
+
+Kiv::String8 valueToStrep(GroupIntfKey const& v);
+std::ostream& operator<<(std::ostream& os, GroupIntfKey const& v);
 
 }  // namespace Routing::Pim::Bidir

@@ -3,7 +3,9 @@
 #include <array>
 #include <string_view>
 
-#include "Kiv/Exception.h"
+#include <ostream>
+
+#include "Kiv/Text.h"
 
 namespace Routing::Pim::Bidir {
 
@@ -29,6 +31,13 @@ struct EnumText {
   }
   char const* nameOf(std::uint32_t value) const noexcept {
     return value < N ? names[value] : nullptr;
+  }
+  Kiv::String8 stringValue(std::uint32_t value) const {
+    if (char const* name = nameOf(value)) return name;
+    return Kiv::format("%s(%d)", qualifiedName, static_cast<int>(value));
+  }
+  Enum read(Kiv::TextIt& cursor, Kiv::TextIt end) const {
+    return byName(Kiv::sequenceToValue<Kiv::String8>(cursor, end));
   }
 };
 
@@ -57,6 +66,33 @@ auto GroupIntfStates::JoinStateInstance(Kiv::String8 const& name) -> JoinState {
 }
 char const* GroupIntfStates::joinStateName(JoinState v) noexcept {
   return kJoinState.nameOf(v);
+}
+
+Kiv::String8 stringValue(GroupStates::UpJoinState v) {
+  return kUpJoinState.stringValue(v);
+}
+Kiv::String8 stringValue(GroupIntfStates::JoinState v) {
+  return kJoinState.stringValue(v);
+}
+Kiv::String8 valueToStrep(GroupStates::UpJoinState v) {
+  return "'" + stringValue(v) + "'";
+}
+Kiv::String8 valueToStrep(GroupIntfStates::JoinState v) {
+  return "'" + stringValue(v) + "'";
+}
+std::ostream& operator<<(std::ostream& os, GroupStates::UpJoinState v) {
+  return os << stringValue(v);
+}
+std::ostream& operator<<(std::ostream& os, GroupIntfStates::JoinState v) {
+  return os << stringValue(v);
+}
+GroupStates::UpJoinState sequenceToValue(Kiv::TextIt& cursor, Kiv::TextIt end,
+                                         GroupStates::UpJoinState const*) {
+  return kUpJoinState.read(cursor, end);
+}
+GroupIntfStates::JoinState sequenceToValue(Kiv::TextIt& cursor, Kiv::TextIt end,
+                                           GroupIntfStates::JoinState const*) {
+  return kJoinState.read(cursor, end);
 }
 
 }  // namespace Routing::Pim::Bidir

@@ -9,6 +9,7 @@
 // one ("UpJoinState"). The two texts differ on purpose: callers tell the two failures apart.
 
 #include <cstdint>
+#include <iosfwd>
 
 #include "Kiv/String8.h"
 
@@ -30,5 +31,18 @@ struct GroupIntfStates {
 };
 
 static_assert(sizeof(GroupStates::UpJoinState) == 4 && sizeof(GroupIntfStates::JoinState) == 4);
+
+Kiv::String8 stringValue(GroupStates::UpJoinState v);
+Kiv::String8 stringValue(GroupIntfStates::JoinState v);
+Kiv::String8 valueToStrep(GroupStates::UpJoinState v);
+Kiv::String8 valueToStrep(GroupIntfStates::JoinState v);
+std::ostream& operator<<(std::ostream& os, GroupStates::UpJoinState v);
+std::ostream& operator<<(std::ostream& os, GroupIntfStates::JoinState v);
+GroupStates::UpJoinState sequenceToValue(Kiv::String8::IteratorConst& cursor,
+                                         Kiv::String8::IteratorConst end,
+                                         GroupStates::UpJoinState const* tag);
+GroupIntfStates::JoinState sequenceToValue(Kiv::String8::IteratorConst& cursor,
+                                           Kiv::String8::IteratorConst end,
+                                           GroupIntfStates::JoinState const* tag);
 
 }  // namespace Routing::Pim::Bidir

@@ -151,6 +151,21 @@ class Collection {
     auto const keep = owner_.keepAlive();
     owner_.notify(id_, onMember_, key);
   }
+  // As memberDel, returning the removed member (null when `key` was absent).
+  Ptr<Member> memberRemove(Key const& key) {
+    Ptr<Member> removed = member(key);
+    if (removed) memberDel(key);
+    return removed;
+  }
+  // As memberDel of the member under `it`, which first moves on to the next member (so a walk
+  // can remove as it goes); returns the removed member.
+  Ptr<Member> memberRemove(Iterator& it) {
+    if (it == end()) return {};
+    Iterator const victim = it++;
+    Ptr<Member> removed = victim.ptr();
+    memberDel(victim);
+    return removed;
+  }
 
   Iterator begin() { return Iterator(map_.begin()); }
   Iterator end() { return Iterator(map_.end()); }

@@ -50,6 +50,7 @@ String8 Entity::attributeString(AttributeId id) const {
 }
 
 Entity::~Entity() {
+  liveEntityDel(this);
   // Registered notifiees hold references, so none can be left here; detach defensively anyway so
   // that a stray one never follows a dangling pointer.
   for (NotifieeConst* n : notifiees_) n->inList_ = false;

@@ -62,7 +62,7 @@ class Entity : public PtrInterface {
 
   class NotifieeConst;
 
-  explicit Entity(Name name = Name()) : name_(std::move(name)) {}
+  explicit Entity(Name name = Name()) : name_(std::move(name)) { liveEntityAdd(this); }
   Entity(Entity const&) = delete;
   Entity& operator=(Entity const&) = delete;
 
@@ -94,6 +94,12 @@ class Entity : public PtrInterface {
   virtual AttributeTable const& attributeTable() const;
 
   std::size_t notifieeCount() const noexcept { return notifiees_.size(); }
+
+  // The live entity at `address`, or null. Every entity is registered from construction to
+  // destruction, so a printed reference (Kiv/EntityText.h) is resolved without ever following
+  // the number itself; an entity that has lost its last reference (its destructor is due) is not
+  // handed out. Call it on the thread that owns the entities, like any other entity operation.
+  static Ptr<Entity> liveEntity(std::uintptr_t address);
 
  protected:
   ~Entity() override;
@@ -129,6 +135,8 @@ class Entity : public PtrInterface {
   void walk(AttributeId id, Call call, void const* context) const;
   void notifieeAdd(NotifieeConst* n) const { notifiees_.push_back(n); }
   void notifieeDel(NotifieeConst* n) const noexcept;
+  static void liveEntityAdd(Entity const* e);
+  static void liveEntityDel(Entity const* e) noexcept;
 
   Name name_;
   Entity* parent_ = nullptr;

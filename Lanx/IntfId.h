@@ -61,6 +61,10 @@ static_assert(sizeof(IntfId) == 8 && alignof(IntfId) == 4);
 static_assert(std::is_trivially_copyable_v<IntfId> && std::is_standard_layout_v<IntfId>);
 
 std::ostream& operator<<(std::ostream& os, IntfId const& intf);
+// The interface's text inside a value's text form: its name.
+inline Kiv::String8 valueToStrep(IntfId const& intf) {
+  return intf.name();
+}
 
 // Reads one interface name at `cursor` (letters, digits, '-', '/', or the same between single
 // quotes; an empty token is the default identifier) and advances the cursor past it.

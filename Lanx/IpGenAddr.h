@@ -66,6 +66,10 @@ static_assert(sizeof(IpGenAddr) == 20 && alignof(IpGenAddr) == 4);
 static_assert(std::is_trivially_copyable_v<IpGenAddr> && std::is_standard_layout_v<IpGenAddr>);
 
 std::ostream& operator<<(std::ostream& os, IpGenAddr const& addr);
+// The address's text inside a value's text form: the same as toString().
+inline Kiv::String8 valueToStrep(IpGenAddr const& addr) {
+  return addr.toString();
+}
 
 // Reads one address at `cursor` (a bare token of hex digits, '.' and ':', or the same between
 // single quotes; an empty token is the unset address) and advances the cursor past it.

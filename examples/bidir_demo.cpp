@@ -32,7 +32,7 @@ class GroupReactor : public Group::Notifiee {
   }
   void onUpJoinState() override {
     std::cout << "  group " << notifier()->groupAddr() << ": upstream "
-              << Group::upJoinStateName(notifier()->upJoinState()) << "\n";
+              << notifier()->upJoinState() << "\n";
   }
   void onRpfChanged() override {
     std::cout << "  group " << notifier()->groupAddr()
@@ -45,7 +45,7 @@ class IntfReactor : public GroupIntf::Notifiee {
  public:
   void onJoinState() override {
     std::cout << "  " << notifier()->intfId()
-              << ": joinState = " << GroupIntf::joinStateName(notifier()->joinState()) << "\n";
+              << ": joinState = " << notifier()->joinState() << "\n";
   }
   void onIAmDf() override {
     std::cout << "  " << notifier()->intfId() << ": iAmDf = " << notifier()->iAmDf() << "\n";

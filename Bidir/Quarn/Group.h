@@ -4,11 +4,17 @@
 // The layout is a file format shared between processes: 4-byte packing (the double sits at a
 // 4-byte boundary), 36 bytes, pinned below. A plain value (no pointers), copied byte for byte into
 // table slots. Equality compares every field, key first; a NaN creationTime never compares equal.
+//
+// Text: Value('Routing::Pim::Bidir::Quarn::Group', ** {'key': 239.1.1.1, 'creationTime': 12.5,
+// 'upJoinState': 'upJoined', 'inactive': False}); a field the text leaves out keeps its default.
 
 #include <cstddef>
+#include <iosfwd>
+#include <tuple>
 #include <type_traits>
 
 #include "Bidir/States.h"
+#include "Kiv/Attribute.h"
 #include "Lanx/IpGenAddr.h"
 
 namespace Routing::Pim::Bidir::Quarn {
@@ -17,6 +23,10 @@ namespace Routing::Pim::Bidir::Quarn {
 struct Group {
   static constexpr char const* typeName = "Routing::Pim::Bidir::Quarn::Group";
   using UpJoinState = GroupStates::UpJoinState;
+
+  Group() = default;
+  // Reads one record at the cursor and leaves the cursor behind it.
+  Group(Kiv::String8::IteratorConst& cursor, Kiv::String8::IteratorConst end);
 
   Lanx::IpGenAddr key;
   double creationTime = 0.0;  // seconds, as Bidir::Group::creationTime
@@ -28,6 +38,16 @@ struct Group {
            a.inactive == b.inactive;
   }
   friend bool operator!=(Group const& a, Group const& b) noexcept { return !(a == b); }
+
+  static constexpr auto attributes() {
+    return std::tuple{
+        Kiv::field<&Group::key>("key", 2, "Lanx::IpGenAddr"),
+        Kiv::field<&Group::creationTime>("creationTime", 3, "F64"),
+        Kiv::field<&Group::upJoinState>("upJoinState", 4,
+                                        "Routing::Pim::Bidir::Group::UpJoinState"),
+        Kiv::field<&Group::inactive>("inactive", 5, "Bool"),
+    };
+  }
 };
 #pragma pack(pop)
 
@@ -37,5 +57,8 @@ static_assert(offsetof(Group, creationTime) == 20);
 static_assert(offsetof(Group, upJoinState) == 28);
 static_assert(offsetof(Group, inactive) == 32);
 static_assert(std::is_trivially_copyable_v<Group> && std::is_standard_layout_v<Group>);
+
+Kiv::String8 valueToStrep(Group const& v);
+std::ostream& operator<<(std::ostream& os, Group const& v);
 
 }  // namespace Routing::Pim::Bidir::Quarn
