@@ -28,6 +28,7 @@ namespace {
 
 using Kiv::String8;
 using namespace Routing::Pim::Bidir;
+namespace Records = Routing::Pim::Bidir::Quarn;
 
 [[noreturn]] void disagree(char const* what, String8 const& a, String8 const& b) {
   std::fprintf(stderr, "%s disagree:\n  %s\n  %s\n", what, a.c_str(), b.c_str());
@@ -145,9 +146,9 @@ void fuzzOne(String8 const& input) {
   roundTrip<GroupIntfKey>(input);
 #elif defined(FUZZ_Records)
   if (selector % 2) {
-    roundTrip<Quarn::Group>(rest);
+    roundTrip<Records::Group>(rest);
   } else {
-    roundTrip<Quarn::GroupIntf>(rest);
+    roundTrip<Records::GroupIntf>(rest);
   }
 #elif defined(FUZZ_JoinStates)
   if (selector % 2) {

@@ -27,6 +27,7 @@ using Kiv::String8;
 using Lanx::IntfId;
 using Lanx::IpGenAddr;
 using namespace Routing::Pim::Bidir;
+namespace Records = Routing::Pim::Bidir::Quarn;
 using GroupKey = ClearConfig::GroupKey;
 using Kiv::valueToStrep;
 
@@ -81,16 +82,16 @@ double randomTime(std::mt19937& rng) {
   std::uint64_t const exponent = 0x7ffull << 52;
   return std::bit_cast<double>((bits & ~exponent) | (std::uint64_t{rng() % 0x7ff} << 52));
 }
-Quarn::Group randomGroup(std::mt19937& rng) {
-  Quarn::Group g;
+Records::Group randomGroup(std::mt19937& rng) {
+  Records::Group g;
   g.key = randomAddr(rng);
   g.creationTime = randomTime(rng);
   g.upJoinState = static_cast<GroupStates::UpJoinState>(rng() % 2);
   g.inactive = rng() % 2;
   return g;
 }
-Quarn::GroupIntf randomGroupIntf(std::mt19937& rng) {
-  Quarn::GroupIntf g;
+Records::GroupIntf randomGroupIntf(std::mt19937& rng) {
+  Records::GroupIntf g;
   g.key = randomGroupIntfKey(rng);
   g.forward = rng() % 2;
   g.joinState = static_cast<GroupIntfStates::JoinState>(rng() % 3);
@@ -152,8 +153,8 @@ struct Loose {
     if constexpr (std::is_same_v<V, MrouteClearFlags>) return randomFlags(rng);
     if constexpr (std::is_same_v<V, GroupKey>) return randomGroupKey(rng);
     if constexpr (std::is_same_v<V, GroupIntfKey>) return randomGroupIntfKey(rng);
-    if constexpr (std::is_same_v<V, Quarn::Group>) return randomGroup(rng);
-    if constexpr (std::is_same_v<V, Quarn::GroupIntf>) return randomGroupIntf(rng);
+    if constexpr (std::is_same_v<V, Records::Group>) return randomGroup(rng);
+    if constexpr (std::is_same_v<V, Records::GroupIntf>) return randomGroupIntf(rng);
   }
 };
 
@@ -179,7 +180,7 @@ TEST(ValueText, PrintedFormsAreExact) {
   EXPECT_EQ(valueToStrep(GroupIntfKey(IpGenAddr("ff0e::1"), IntfId("Ethernet3/1"))),
             "Value('Routing::Pim::Bidir::GroupIntfKey', ** {'groupAddr': ff0e::1, "
             "'intfId': Ethernet3/1})");
-  Quarn::GroupIntf record;
+  Records::GroupIntf record;
   record.key = GroupIntfKey(IpGenAddr("239.1.1.1"), IntfId("Vlan1"));
   record.joinState = GroupIntfStates::joined;
   record.lastJoinReceived = 3.25;
@@ -189,7 +190,7 @@ TEST(ValueText, PrintedFormsAreExact) {
             "Value('Routing::Pim::Bidir::GroupIntfKey', ** {'groupAddr': 239.1.1.1, 'intfId': "
             "Vlan1}), 'forward': False, 'joinState': 'joined', 'lastJoinReceived': 3.25, "
             "'localReceiverInclude': False, 'iAmDf': True})");
-  EXPECT_EQ(valueToStrep(Quarn::Group()),
+  EXPECT_EQ(valueToStrep(Records::Group()),
             "Value('Routing::Pim::Bidir::Quarn::Group', ** {'key': , 'creationTime': 0, "
             "'upJoinState': 'upNotJoined', 'inactive': False})");
   EXPECT_EQ(valueToStrep(GroupIntfStates::joined), "'joined'");
@@ -241,18 +242,18 @@ TEST(ValueText, EveryRefusalIsReachedByAMinimalText) {
   String8 const intfKey = "Value('Routing::Pim::Bidir::GroupIntfKey', ** {";
   String8 const group = "Value('Routing::Pim::Bidir::Quarn::Group', ** {";
   String8 const groupIntf = "Value('Routing::Pim::Bidir::Quarn::GroupIntf', ** {";
-  EXPECT_EQ(refusalOf<Quarn::Group>(group + "'key': 10.0.0.1 "),
+  EXPECT_EQ(refusalOf<Records::Group>(group + "'key': 10.0.0.1 "),
             "premature end of value type Group");
-  EXPECT_EQ(refusalOf<Quarn::GroupIntf>(groupIntf), "premature end of value type GroupIntf");
-  EXPECT_EQ(refusalOf<Quarn::Group>(group + "'groupAddr': 1})"),
+  EXPECT_EQ(refusalOf<Records::GroupIntf>(groupIntf), "premature end of value type GroupIntf");
+  EXPECT_EQ(refusalOf<Records::Group>(group + "'groupAddr': 1})"),
             "Group has no such attribute: groupAddr");
-  EXPECT_EQ(refusalOf<Quarn::GroupIntf>(groupIntf + "'IAmDf': True})"),
+  EXPECT_EQ(refusalOf<Records::GroupIntf>(groupIntf + "'IAmDf': True})"),
             "GroupIntf has no such attribute: IAmDf");
-  EXPECT_EQ(refusalOf<Quarn::GroupIntf>(groupIntf + "'key': " + intfKey + "'intfId': Vlan0})})"),
+  EXPECT_EQ(refusalOf<Records::GroupIntf>(groupIntf + "'key': " + intfKey + "'intfId': Vlan0})})"),
             "attribute 'key': attribute 'intfId': invalid interface name: 'Vlan0'");
-  EXPECT_EQ(refusalOf<Quarn::Group>(group + "'upJoinState': 'joined'})"),
+  EXPECT_EQ(refusalOf<Records::Group>(group + "'upJoinState': 'joined'})"),
             "attribute 'upJoinState': UpJoinState");
-  EXPECT_EQ(refusalOf<Quarn::GroupIntf>(groupIntf + "'lastJoinReceived': 1e999})"),
+  EXPECT_EQ(refusalOf<Records::GroupIntf>(groupIntf + "'lastJoinReceived': 1e999})"),
             "attribute 'lastJoinReceived': number out of range at '1e999})'");
   EXPECT_EQ(refusalOf<MrouteClearFlags>(flags), "premature end of value type MrouteClearFlags");
   EXPECT_EQ(refusalOf<GroupKey>(groupKey + " "), "premature end of value type GroupKey");
