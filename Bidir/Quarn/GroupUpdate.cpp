@@ -1,0 +1,25 @@
+#include "Bidir/Quarn/GroupUpdate.h"
+
+#include "Vesp/BlockTimer.h"
+
+namespace Routing::Pim::Bidir::Quarn {
+
+void doUpdateGroup(Kiv::Ptr<Bidir::Group> const& group, Group const& record) {
+  VESP_BLOCK("doUpdateGroup");
+  if (!group) return;
+  group->creationTimeIs(record.creationTime);
+  group->upJoinStateIs(record.upJoinState);
+  group->inactiveIs(record.inactive);
+}
+
+void doUpdateGroupIntf(Kiv::Ptr<Bidir::GroupIntf> const& groupIntf, GroupIntf const& record) {
+  VESP_BLOCK("doUpdateGroupIntf");
+  if (!groupIntf) return;
+  groupIntf->forwardIs(record.forward);
+  groupIntf->joinStateIs(record.joinState);
+  groupIntf->lastJoinReceivedIs(record.lastJoinReceived);
+  groupIntf->localReceiverIncludeIs(record.localReceiverInclude);
+  groupIntf->iAmDfIs(record.iAmDf);
+}
+
+}  // namespace Routing::Pim::Bidir::Quarn
