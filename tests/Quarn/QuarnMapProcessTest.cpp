@@ -1,12 +1,17 @@
-// The table front across processes: a reader process is unable to change the writer's files.
-// The writer is this test binary re-executed with QUARN_MAP_WRITER set.
+// The table front across processes: a reader process is unable to change the writer's files;
+// reader processes of every mode and their writer survive table files truncated under them.
+// Children are this test binary re-executed with a role variable set (support/Children.h).
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "Quarn/Util.h"
@@ -94,6 +99,223 @@ TEST_F(QuarnMapFixture, ReaderProcessCannotChangeTheSharedFiles) {
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "store into a reader mapping";
+}
+
+// What a reader process holds, sent to the parent whenever it changes: whether its front is
+// mounted, and a digest of the copy it keeps from notifications alone (each reported key is
+// looked up through its front, then stored or dropped).
+struct View {
+  pid_t pid = 0;
+  std::uint32_t attached = 0;
+  std::uint64_t digest = 0;
+  bool operator==(View const&) const = default;
+};
+
+std::uint64_t digestOf(std::map<TestKey, std::uint32_t> const& table) {
+  std::uint64_t d = table.size();
+  for (auto const& [k, v] : table) {
+    d = (d ^ (std::uint64_t(k.group) << 40 | std::uint64_t(k.id) << 20 | v)) * 0x100000001b3ull;
+  }
+  return d;
+}
+
+struct Probe {
+  std::function<void(TestKey const&)> onKey;
+};
+using ProbedMap = Quarn::QuarnMap<TestKey, TestWrapper, Probe>;
+
+// "<dir> <mode> <fd>": a consumer of the table in `mode` that also keeps reading it (a lookup and
+// a full iteration per loop turn), writing its View to `fd` on every change.
+int consumerChild(std::string const& arg) {
+  std::istringstream in(arg);
+  std::string dir;
+  int mode = 0, fd = -1;
+  in >> dir >> mode >> fd;
+  Kiv::Activity activity;
+  std::map<TestKey, std::uint32_t> model;
+  std::unique_ptr<ProbedMap> map;
+  Probe probe{[&](TestKey const& key) {
+    bool found = false;
+    TestWrapper const w = map->safeLookup(key, found);
+    if (found) {
+      model[key] = w.value;
+    } else {
+      model.erase(key);
+    }
+  }};
+  map = std::make_unique<ProbedMap>(QuarnMapFixture::table, &probe, dir, activity);
+  map->remountIntervalIs(0.05);
+  map->init(QuarnType(mode), false, 100);
+  View sent{};
+  for (;;) {
+    activity.runOnce(0.02);
+    bool found = false;
+    map->safeLookup(TestKey{1, 1}, found);
+    TestWrapper w;
+    Quarn::IterHint hint;
+    for (bool more = map->first(w, hint); more; more = map->next(w.key, w, hint)) {
+    }
+    View const now{::getpid(), map->fullyAttached() ? 1u : 0u, digestOf(model)};
+    if (now != sent) {
+      (void)!::write(fd, &now, sizeof now);
+      sent = now;
+    }
+  }
+}
+
+// "<dir> <commandFd> <ackFd>": a writer that writes each record it reads from `commandFd` and
+// answers 1 (written) or 0 (refused) on `ackFd`.
+int commandedWriter(std::string const& arg) {
+  std::istringstream in(arg);
+  std::string dir;
+  int command = -1, ack = -1;
+  in >> dir >> command >> ack;
+  Kiv::Activity activity;
+  Quarn::QuarnMap<TestKey, TestWrapper> map(QuarnMapFixture::table, nullptr, dir, activity);
+  map.init(QuarnType::writer, false, 100);
+  Kiv::FdWatch watch(activity, command, EPOLLIN, [&](std::uint32_t) {
+    TestWrapper r;
+    if (::read(command, &r, sizeof r) != ssize_t(sizeof r)) return activity.stop();
+    char ok = 1;
+    try {
+      map.safeWrite(r);
+    } catch (Jorv::Exception const&) {
+      ok = 0;
+    }
+    (void)!::write(ack, &ok, 1);
+  });
+  for (;;) {
+    try {
+      activity.run();
+      return 0;
+    } catch (Quarn::CorruptionDetectedException const&) {
+      // a reader's report found the damage; the owner decides (here: the parent restarts it)
+    }
+  }
+}
+
+[[maybe_unused]] bool const consumerHook = TestSupport::childRole("QUARN_CONSUMER", consumerChild);
+[[maybe_unused]] bool const commandedHook =
+    TestSupport::childRole("QUARN_COMMANDED_WRITER", commandedWriter);
+
+struct Pipe {
+  int fd[2] = {-1, -1};
+  Pipe() { EXPECT_EQ(::pipe(fd), 0); }
+  ~Pipe() {
+    ::close(fd[0]);
+    ::close(fd[1]);
+  }
+};
+
+// A child process and a descriptor that becomes readable when it ends.
+struct Watched {
+  pid_t pid;
+  int pidfd;
+  std::string name;
+  Watched(pid_t p, std::string n)
+      : pid(p), pidfd(int(::syscall(SYS_pidfd_open, p, 0))), name(std::move(n)) {}
+  ~Watched() { ::close(pidfd); }
+  Watched(Watched const&) = delete;
+  Watched& operator=(Watched const&) = delete;
+  // Empty while it runs, else how it ended.
+  std::string ended() const {
+    pollfd p{pidfd, POLLIN, 0};
+    if (::poll(&p, 1, 0) != 1) return {};
+    siginfo_t info{};
+    ::waitid(P_PIDFD, id_t(pidfd), &info, WEXITED | WNOWAIT);
+    return name + (info.si_code == CLD_EXITED ? " exited " : " died of signal ") +
+           std::to_string(info.si_status);
+  }
+};
+
+// Reader processes of every reading mode and a writer process on one table. The parent
+// truncates the slot, bucket or notification file under them: nobody dies of SIGBUS, the direct
+// reader reports the damage, and a writer restarted on the damaged files re-formats them and
+// brings every consumer back to exactly its table.
+TEST(QuarnMapProcess, TablesTruncatedUnderReaderProcessesAndTheirWriterAreSurvived) {
+  TempRoot tmp;
+  std::string const root = tmp.path() + "/" + QuarnMapFixture::table;
+  Pipe views, commands, acks;
+  TestSupport::Children consumerProcs{"QUARN_CONSUMER"}, writerProcs{"QUARN_COMMANDED_WRITER"};
+  std::vector<std::unique_ptr<Watched>> procs;  // the consumers, then the writer
+  for (QuarnType mode : {QuarnType::reader, QuarnType::shadow, QuarnType::keyshadow}) {
+    pid_t const pid = consumerProcs.spawn(tmp.path() + " " + std::to_string(int(mode)) + " " +
+                                          std::to_string(views.fd[1]));
+    procs.push_back(std::make_unique<Watched>(pid, Quarn::quarnTypeWord(mode)));
+  }
+  auto startWriter = [&] {
+    procs.push_back(std::make_unique<Watched>(
+        writerProcs.spawn(tmp.path() + " " + std::to_string(commands.fd[0]) + " " +
+                          std::to_string(acks.fd[1])),
+        "writer"));
+  };
+  startWriter();
+
+  // Waits up to 20 s until `done`, reading what arrives on `fd`; fails when a child ends.
+  auto until = [&](int fd, std::function<void()> const& onReadable,
+                   std::function<bool()> const& done) {
+    double const deadline = Kiv::Activity::now() + 20;
+    while (!done()) {
+      std::vector<pollfd> fds{{fd, POLLIN, 0}};
+      for (auto const& p : procs) fds.push_back({p->pidfd, POLLIN, 0});
+      int const left = int((deadline - Kiv::Activity::now()) * 1000);
+      if (left <= 0 || ::poll(fds.data(), fds.size(), left) <= 0) return false;
+      for (auto const& p : procs) {
+        if (std::string const how = p->ended(); !how.empty()) {
+          ADD_FAILURE() << how;
+          return false;
+        }
+      }
+      if (fds[0].revents & POLLIN) onReadable();
+    }
+    return true;
+  };
+  std::map<pid_t, View> latest;
+  auto readView = [&] {
+    View v;
+    if (::read(views.fd[0], &v, sizeof v) == ssize_t(sizeof v)) latest[v.pid] = v;
+  };
+  // Every consumer mounted and holding exactly `table`.
+  auto consumersHold = [&](std::map<TestKey, std::uint32_t> const& table) {
+    return until(views.fd[0], readView, [&] {
+      for (std::size_t i = 0; i < 3; ++i) {
+        View const& v = latest[procs[i]->pid];
+        if (v.attached == 0 || v.digest != digestOf(table)) return false;
+      }
+      return true;
+    });
+  };
+  std::map<TestKey, std::uint32_t> truth;
+  auto write = [&](TestWrapper const& r) {
+    char ok = -1;
+    EXPECT_EQ(::write(commands.fd[1], &r, sizeof r), ssize_t(sizeof r));
+    bool const answered = until(
+        acks.fd[0], [&] { (void)!::read(acks.fd[0], &ok, 1); }, [&] { return ok != -1; });
+    if (ok == 1) truth[r.key] = r.value;
+    return answered;
+  };
+
+  for (char const* file : {"slots", "buckets", "conquer.1"}) {
+    SCOPED_TRACE(file);
+    for (std::uint32_t i = 0; i < 30; ++i) ASSERT_TRUE(write(record(i % 4, i, i)));
+    ASSERT_TRUE(consumersHold(truth));
+    ASSERT_EQ(::truncate((root + "/" + file).c_str(), 0), 0);
+    ASSERT_TRUE(write(record(9, 9, 9)));  // kicks the readers through the damaged queue
+    // The direct reader's lookups and iteration meet damaged slots or buckets.
+    if (std::string(file) != "conquer.1") {
+      ASSERT_TRUE(until(views.fd[0], readView, [&] {
+        return !Quarn::Util::fileRead(root + "/corruption-detected").empty() &&
+               latest[procs[0]->pid].attached == 0;
+      }));
+    }
+    writerProcs.kill(procs.back()->pid);
+    procs.pop_back();
+    ::unlink((root + "/corruption-detected").c_str());
+    startWriter();
+    truth.clear();  // the files are re-formatted
+    ASSERT_TRUE(write(record(5, 5, 5)));
+    ASSERT_TRUE(consumersHold(truth));
+  }
 }
 
 }  // namespace
