@@ -101,7 +101,7 @@ TEST_F(QuarnMapFixture, ReaderProcessCannotChangeTheSharedFiles) {
   EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "store into a reader mapping";
 }
 
-// What a reader process holds, sent to the parent whenever it changes: whether its front is
+// What a consumer process holds, sent to the parent whenever it changes: whether its front is
 // mounted, and a digest of the copy it keeps from notifications alone (each reported key is
 // looked up through its front, then stored or dropped).
 struct View {
@@ -113,16 +113,14 @@ struct View {
 
 std::uint64_t digestOf(std::map<TestKey, std::uint32_t> const& table) {
   std::uint64_t d = table.size();
-  for (auto const& [k, v] : table) {
+  for (auto const& [k, v] : table)
     d = (d ^ (std::uint64_t(k.group) << 40 | std::uint64_t(k.id) << 20 | v)) * 0x100000001b3ull;
-  }
   return d;
 }
 
 struct Probe {
   std::function<void(TestKey const&)> onKey;
 };
-using ProbedMap = Quarn::QuarnMap<TestKey, TestWrapper, Probe>;
 
 // "<dir> <mode> <fd>": a consumer of the table in `mode` that also keeps reading it (a lookup and
 // a full iteration per loop turn), writing its View to `fd` on every change.
@@ -133,38 +131,31 @@ int consumerChild(std::string const& arg) {
   in >> dir >> mode >> fd;
   Kiv::Activity activity;
   std::map<TestKey, std::uint32_t> model;
-  std::unique_ptr<ProbedMap> map;
+  std::unique_ptr<Quarn::QuarnMap<TestKey, TestWrapper, Probe>> map;
   Probe probe{[&](TestKey const& key) {
     bool found = false;
     TestWrapper const w = map->safeLookup(key, found);
-    if (found) {
-      model[key] = w.value;
-    } else {
-      model.erase(key);
-    }
+    found ? void(model[key] = w.value) : void(model.erase(key));
   }};
-  map = std::make_unique<ProbedMap>(QuarnMapFixture::table, &probe, dir, activity);
+  map = std::make_unique<Quarn::QuarnMap<TestKey, TestWrapper, Probe>>(QuarnMapFixture::table,
+                                                                       &probe, dir, activity);
   map->remountIntervalIs(0.05);
   map->init(QuarnType(mode), false, 100);
-  View sent{};
-  for (;;) {
+  for (View sent{};;) {
     activity.runOnce(0.02);
     bool found = false;
-    map->safeLookup(TestKey{1, 1}, found);
-    TestWrapper w;
+    TestWrapper w = map->safeLookup(TestKey{1, 1}, found);
     Quarn::IterHint hint;
     for (bool more = map->first(w, hint); more; more = map->next(w.key, w, hint)) {
     }
-    View const now{::getpid(), map->fullyAttached() ? 1u : 0u, digestOf(model)};
-    if (now != sent) {
-      (void)!::write(fd, &now, sizeof now);
-      sent = now;
-    }
+    View const now{::getpid(), map->fullyAttached(), digestOf(model)};
+    if (now != sent) (void)!::write(fd, &(sent = now), sizeof now);
   }
 }
 
 // "<dir> <commandFd> <ackFd>": a writer that writes each record it reads from `commandFd` and
-// answers 1 (written) or 0 (refused) on `ackFd`.
+// answers 1 (written) or 0 (refused) on `ackFd`. A damage it validates on a reader's report
+// raises out of its loop; its owner (the parent) restarts it.
 int commandedWriter(std::string const& arg) {
   std::istringstream in(arg);
   std::string dir;
@@ -189,7 +180,6 @@ int commandedWriter(std::string const& arg) {
       activity.run();
       return 0;
     } catch (Quarn::CorruptionDetectedException const&) {
-      // a reader's report found the damage; the owner decides (here: the parent restarts it)
     }
   }
 }
@@ -198,71 +188,52 @@ int commandedWriter(std::string const& arg) {
 [[maybe_unused]] bool const commandedHook =
     TestSupport::childRole("QUARN_COMMANDED_WRITER", commandedWriter);
 
-struct Pipe {
-  int fd[2] = {-1, -1};
-  Pipe() { EXPECT_EQ(::pipe(fd), 0); }
-  ~Pipe() {
-    ::close(fd[0]);
-    ::close(fd[1]);
-  }
-};
+// How a child ended, read through its pidfd; empty while it runs.
+std::string ended(int pidfd) {
+  pollfd p{pidfd, POLLIN, 0};
+  siginfo_t info{};
+  if (::poll(&p, 1, 0) != 1 || ::waitid(P_PIDFD, id_t(pidfd), &info, WEXITED | WNOWAIT) != 0)
+    return {};
+  return (info.si_code == CLD_EXITED ? "exited " : "died of signal ") +
+         std::to_string(info.si_status);
+}
 
-// A child process and a descriptor that becomes readable when it ends.
-struct Watched {
-  pid_t pid;
-  int pidfd;
-  std::string name;
-  Watched(pid_t p, std::string n)
-      : pid(p), pidfd(int(::syscall(SYS_pidfd_open, p, 0))), name(std::move(n)) {}
-  ~Watched() { ::close(pidfd); }
-  Watched(Watched const&) = delete;
-  Watched& operator=(Watched const&) = delete;
-  // Empty while it runs, else how it ended.
-  std::string ended() const {
-    pollfd p{pidfd, POLLIN, 0};
-    if (::poll(&p, 1, 0) != 1) return {};
-    siginfo_t info{};
-    ::waitid(P_PIDFD, id_t(pidfd), &info, WEXITED | WNOWAIT);
-    return name + (info.si_code == CLD_EXITED ? " exited " : " died of signal ") +
-           std::to_string(info.si_status);
-  }
-};
-
-// Reader processes of every reading mode and a writer process on one table. The parent
+// Consumer processes of every reading mode and a writer process on one table. The parent
 // truncates the slot, bucket or notification file under them: nobody dies of SIGBUS, the direct
 // reader reports the damage, and a writer restarted on the damaged files re-formats them and
 // brings every consumer back to exactly its table.
 TEST(QuarnMapProcess, TablesTruncatedUnderReaderProcessesAndTheirWriterAreSurvived) {
   TempRoot tmp;
   std::string const root = tmp.path() + "/" + QuarnMapFixture::table;
-  Pipe views, commands, acks;
+  int views[2], commands[2], acks[2];
+  ASSERT_EQ(::pipe(views) | ::pipe(commands) | ::pipe(acks), 0);
   TestSupport::Children consumerProcs{"QUARN_CONSUMER"}, writerProcs{"QUARN_COMMANDED_WRITER"};
-  std::vector<std::unique_ptr<Watched>> procs;  // the consumers, then the writer
+  std::vector<std::pair<pid_t, int>> procs;  // with pidfds: the consumers, then the writer
+  auto watched = [&](pid_t pid) {
+    procs.emplace_back(pid, int(::syscall(SYS_pidfd_open, pid, 0)));
+  };
   for (QuarnType mode : {QuarnType::reader, QuarnType::shadow, QuarnType::keyshadow}) {
-    pid_t const pid = consumerProcs.spawn(tmp.path() + " " + std::to_string(int(mode)) + " " +
-                                          std::to_string(views.fd[1]));
-    procs.push_back(std::make_unique<Watched>(pid, Quarn::quarnTypeWord(mode)));
+    watched(consumerProcs.spawn(tmp.path() + " " + std::to_string(int(mode)) + " " +
+                                std::to_string(views[1])));
   }
   auto startWriter = [&] {
-    procs.push_back(std::make_unique<Watched>(
-        writerProcs.spawn(tmp.path() + " " + std::to_string(commands.fd[0]) + " " +
-                          std::to_string(acks.fd[1])),
-        "writer"));
+    watched(writerProcs.spawn(tmp.path() + " " + std::to_string(commands[0]) + " " +
+                              std::to_string(acks[1])));
   };
   startWriter();
 
-  // Waits up to 20 s until `done`, reading what arrives on `fd`; fails when a child ends.
+  // Reads what arrives on `fd` until `done`, for at most 20 s; fails when a child ends.
   auto until = [&](int fd, std::function<void()> const& onReadable,
                    std::function<bool()> const& done) {
     double const deadline = Kiv::Activity::now() + 20;
     while (!done()) {
       std::vector<pollfd> fds{{fd, POLLIN, 0}};
-      for (auto const& p : procs) fds.push_back({p->pidfd, POLLIN, 0});
+      for (auto const& [pid, pidfd] : procs) fds.push_back({pidfd, POLLIN, 0});
       int const left = int((deadline - Kiv::Activity::now()) * 1000);
       if (left <= 0 || ::poll(fds.data(), fds.size(), left) <= 0) return false;
-      for (auto const& p : procs) {
-        if (std::string const how = p->ended(); !how.empty()) {
-          ADD_FAILURE() << how;
+      for (std::size_t i = 0; i < procs.size(); ++i) {
+        if (std::string const how = ended(procs[i].second); !how.empty()) {
+          ADD_FAILURE() << (i < 3 ? "consumer " + std::to_string(i) : "writer") << " " << how;
           return false;
         }
       }
@@ -273,13 +244,12 @@ TEST(QuarnMapProcess, TablesTruncatedUnderReaderProcessesAndTheirWriterAreSurviv
   std::map<pid_t, View> latest;
   auto readView = [&] {
     View v;
-    if (::read(views.fd[0], &v, sizeof v) == ssize_t(sizeof v)) latest[v.pid] = v;
+    if (::read(views[0], &v, sizeof v) == ssize_t(sizeof v)) latest[v.pid] = v;
   };
-  // Every consumer mounted and holding exactly `table`.
   auto consumersHold = [&](std::map<TestKey, std::uint32_t> const& table) {
-    return until(views.fd[0], readView, [&] {
+    return until(views[0], readView, [&] {
       for (std::size_t i = 0; i < 3; ++i) {
-        View const& v = latest[procs[i]->pid];
+        View const& v = latest[procs[i].first];
         if (v.attached == 0 || v.digest != digestOf(table)) return false;
       }
       return true;
@@ -288,9 +258,9 @@ TEST(QuarnMapProcess, TablesTruncatedUnderReaderProcessesAndTheirWriterAreSurviv
   std::map<TestKey, std::uint32_t> truth;
   auto write = [&](TestWrapper const& r) {
     char ok = -1;
-    EXPECT_EQ(::write(commands.fd[1], &r, sizeof r), ssize_t(sizeof r));
+    EXPECT_EQ(::write(commands[1], &r, sizeof r), ssize_t(sizeof r));
     bool const answered = until(
-        acks.fd[0], [&] { (void)!::read(acks.fd[0], &ok, 1); }, [&] { return ok != -1; });
+        acks[0], [&] { (void)!::read(acks[0], &ok, 1); }, [&] { return ok != -1; });
     if (ok == 1) truth[r.key] = r.value;
     return answered;
   };
@@ -303,12 +273,13 @@ TEST(QuarnMapProcess, TablesTruncatedUnderReaderProcessesAndTheirWriterAreSurviv
     ASSERT_TRUE(write(record(9, 9, 9)));  // kicks the readers through the damaged queue
     // The direct reader's lookups and iteration meet damaged slots or buckets.
     if (std::string(file) != "conquer.1") {
-      ASSERT_TRUE(until(views.fd[0], readView, [&] {
+      ASSERT_TRUE(until(views[0], readView, [&] {
         return !Quarn::Util::fileRead(root + "/corruption-detected").empty() &&
-               latest[procs[0]->pid].attached == 0;
+               latest[procs[0].first].attached == 0;
       }));
     }
-    writerProcs.kill(procs.back()->pid);
+    writerProcs.kill(procs.back().first);
+    ::close(procs.back().second);
     procs.pop_back();
     ::unlink((root + "/corruption-detected").c_str());
     startWriter();
@@ -316,6 +287,8 @@ TEST(QuarnMapProcess, TablesTruncatedUnderReaderProcessesAndTheirWriterAreSurviv
     ASSERT_TRUE(write(record(5, 5, 5)));
     ASSERT_TRUE(consumersHold(truth));
   }
+  for (int fd : {views[0], views[1], commands[0], commands[1], acks[0], acks[1]}) ::close(fd);
+  for (auto const& [pid, pidfd] : procs) ::close(pidfd);
 }
 
 }  // namespace
