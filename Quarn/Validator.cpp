@@ -56,7 +56,8 @@ bool ValidatorBase::doValidate(std::uint32_t fenix) {
   }
   if (!conquer_.validate(fenix, text)) return fail(text);
   if (!validateFiles(dh_, slots_, buckets_, conquer_)) {
-    return fail("Validator::doValidate() " + rootPath_ + " files on disk differ from their headers");
+    return fail("Validator::doValidate() " + rootPath_ +
+                " files on disk differ from their headers");
   }
 
   std::uint32_t const numSlots = slots_.numSlots();
@@ -90,12 +91,18 @@ bool ValidatorBase::walkChains() {
         if (later < n) __builtin_prefetch(&links_[later]);
       }
       std::uint32_t const b = first + j;
-      bool head = true;
-      for (std::uint32_t i = linkTarget(chunk + 8 * std::size_t(j)); i != noIndex; head = false) {
+      std::uint32_t prev = noIndex;
+      for (std::uint32_t i = linkTarget(chunk + 8 * std::size_t(j)); i != noIndex;) {
         if (i >= n) outOfRange(i);
         Link const link = links_[i];
-        if (link.bucket != b) chainBreak(i, b, head, link.bucket == noIndex);
+        if (link.bucket != b) chainBreak(i, b, prev == noIndex, link.bucket == noIndex);
         if (!markOccupied(i)) return false;  // a slot reached twice ends a cycle here
+        if (prev != noIndex && !keyLess(prev, i)) {
+          return failWith("Validator::walkOccupiedSlots() chain of bucket ", b,
+                          " out of key order: slot ", prev, " then slot ", i);
+        }
+        if (link.next < n) prefetchKey(link.next);
+        prev = i;
         i = link.next;
       }
     }
@@ -235,7 +242,8 @@ namespace Quarn {
 bool ValidatorBase::validateFiles(Jorv::DebugHandler& dh, SlotWriterTable const& slots,
                                   BucketWriterTable const& buckets, ConquerWriter const& conquer) {
   if (slots.mem().local()) return true;
-  return validateFile(dh, slots.mem().name(), SlotTable::fileSize(slots.slotSize(), slots.numSlots())) &&
+  return validateFile(dh, slots.mem().name(),
+                      SlotTable::fileSize(slots.slotSize(), slots.numSlots())) &&
          validateFile(dh, buckets.mem().name(), BucketTable::fileSize(buckets.numBuckets())) &&
          conquer.validateFile();
 }

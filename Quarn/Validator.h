@@ -1,22 +1,25 @@
 #pragma once
 // Full structural check of a writer's table: headers (both notification tables included), file
-// sizes on disk, every hash chain (occupied, in its key's bucket, ascending), the free list and
-// the current notification table, and their cross-references. Never repairs, never throws to its
-// caller, never loops: each slot may be reached once (a bit set), so a cyclic chain or free list
-// ends at the first repeated slot.
+// sizes on disk, every hash chain (occupied, in its key's bucket, in strictly ascending key
+// order: lookups stop at the first greater key, so a misordered chain hides keys), the free list
+// and the current notification table, and their cross-references. Never repairs, never throws to
+// its caller, never loops: each slot may be reached once (a bit set), so a cyclic chain or free
+// list ends at the first repeated slot.
 //
 // Speed: every file is read once, in address order, so the check is bound by memory bandwidth.
 // Chains and the free list link slots anywhere in the file, and chasing those links through the
 // file costs a cache and TLB miss per slot; so one sequential pass first gathers each slot's link
 // and key bucket into a compact array (8 bytes a slot), and the chains and the free list are
-// followed there. Likewise each slot's claim on a notification position goes into an array
-// indexed by position, which the notification pass then compares with the entries in order.
+// followed there (with a copy of each occupied slot's key, for the order). Likewise each slot's
+// claim on a notification position goes into an array indexed by position, which the notification
+// pass then compares with the entries in order.
 //
 // Used by a restarting writer (keep the files or re-format them) and by the writer's mounter when
 // a reader reports corruption.
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -65,12 +68,18 @@ class ValidatorBase {
     std::uint32_t bucket;  // of its key when OCCUPIED, else noIndex
   };
 
-  // The sequential pass: for every slot, its link and its key's bucket (`bucketOf(slot)`), no
-  // LOOKASIDE on an occupied slot, and the claim of its live notification.
+  // The sequential pass: for every slot, its link and its key's bucket (`bucketOf(slot, index)`
+  // for an occupied one), no LOOKASIDE on an occupied slot, and the claim of its live notification.
   template <class BucketOf>
   bool scanSlots(BucketOf&& bucketOf);
-  // Follows every chain from its bucket over `links_`, marking each slot reached.
+  // Follows every chain from its bucket over `links_`, marking each slot reached and checking
+  // that each key is less than the next one's.
   bool walkChains();
+  // Whether the key of occupied slot `a` is less than the key of occupied slot `b` (from the
+  // copies the sequential pass made).
+  virtual bool keyLess(std::uint32_t a, std::uint32_t b) const = 0;
+  // Hints that `keyLess` will soon read slot `i`'s key.
+  virtual void prefetchKey(std::uint32_t i) const = 0;
 
   bool fail(std::string text);
   template <class... Args>
@@ -115,13 +124,14 @@ bool ValidatorBase::scanSlots(BucketOf&& bucketOf) {
   std::uint32_t const batch = static_cast<std::uint32_t>(TableFileReader::chunkSize / size);
   for (std::uint32_t first = 0; first < n; first += batch) {
     std::uint32_t const count = std::min(batch, n - first);
-    char const* const chunk = file.read(SlotTable::fileSize(size, first), std::size_t(size) * count);
+    char const* const chunk =
+        file.read(SlotTable::fileSize(size, first), std::size_t(size) * count);
     for (std::uint32_t j = 0; j < count; ++j) {
       std::uint32_t const i = first + j;
       char const* const s = chunk + std::size_t(size) * j;
       std::uint32_t const flags = SlotWriterTable::flags(s);
       bool const occupied = flags & SlotTable::OCCUPIED;
-      links_[i] = {SlotWriterTable::next(s), occupied ? bucketOf(s) : noIndex};
+      links_[i] = {SlotWriterTable::next(s), occupied ? bucketOf(s, i) : noIndex};
       if (occupied && (flags & SlotTable::LOOKASIDE)) return stuckLookaside(flags);
       std::uint32_t const c =
           Mem::Atomics::load32Relaxed(s + offsetof(SlotTable::Slot, conquerSlot));
@@ -139,16 +149,26 @@ class Validator final : public ValidatorBase {
         writer_(writer) {}
 
   bool walkOccupiedSlots() override {
-    return scanSlots([this](char const* slot) { return writer_.bucketOf(keyAt(slot)); }) &&
-           walkChains();
+    keys_.reset(new Key[slots_.numSlots()]);
+    bool const ok = scanSlots([this](char const* slot, std::uint32_t i) {
+                      std::memcpy(static_cast<void*>(&keys_[i]), &keyAt(slot), sizeof(Key));
+                      return writer_.bucketOf(keys_[i]);
+                    }) &&
+                    walkChains();
+    keys_.reset();
+    return ok;
   }
 
  private:
+  bool keyLess(std::uint32_t a, std::uint32_t b) const override { return keys_[a] < keys_[b]; }
+  void prefetchKey(std::uint32_t i) const override { __builtin_prefetch(&keys_[i]); }
+
   static Key const& keyAt(char const* slot) noexcept {
     return reinterpret_cast<Wrapper const*>(slot + SlotTable::valueOffset)->key;
   }
 
   QuarnWriter<Key, Wrapper>& writer_;
+  std::unique_ptr<Key[]> keys_;  // during walkOccupiedSlots: each occupied slot's key
 };
 
 }  // namespace Quarn

@@ -108,6 +108,12 @@ TEST(Validator, FindsEveryPlantedDamage) {
          setFlags(s, Quarn::SlotWriterTable::flags(s) | Quarn::SlotTable::OCCUPIED);
        },
        "Validator::walkFreeSlots() corrupted free slot not marked as empty: "},
+      {"keys out of order in their chain",
+       [](Writer& w) {
+         char* value = Quarn::SlotWriterTable::value(slotOf(w, 2, 1));
+         Mem::Atomics::store32(value, 9);  // the key's id: 0, 9, 2, 3, 4 in one bucket
+       },
+       "Validator::walkOccupiedSlots() chain of bucket "},
       {"key in the wrong bucket",
        [](Writer& w) {
          char* value = Quarn::SlotWriterTable::value(slotOf(w, 1, 3));
