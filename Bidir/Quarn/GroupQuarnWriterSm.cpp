@@ -176,32 +176,36 @@ void GroupQuarnWriterSm::KivGroup::handleDelete() {
 
 GroupQuarnWriterSm::KivGroup::KivIntf::KivIntf(KivGroup* kivGroup,
                                                Kiv::Ptr<Bidir::GroupIntf const> const& groupIntf)
-    : Reactor(kivGroup), intfId_(groupIntf->intfId()) {
+    : Reactor(kivGroup), key_(kivGroup->groupAddr_, groupIntf->intfId()), sm_(kivGroup->owner()) {
   notifierIs(groupIntf);
   doUpdateGroupIntf();
   initialized_ = true;
 }
 
+GroupQuarnWriterSm* GroupQuarnWriterSm::KivGroup::KivIntf::writer() const noexcept {
+  if (!kivZombie()) return sm_;
+  KivGroup const* const group = kivGroup();
+  return group ? group->owner() : nullptr;
+}
+
 Kiv::Activity& GroupQuarnWriterSm::KivGroup::KivIntf::kivFwkActivity() const {
-  KivGroup const* group = kivGroup();
-  GroupQuarnWriterSm const* sm = group ? group->groupQuarnWriterSm() : nullptr;
+  GroupQuarnWriterSm const* const sm = writer();
   return sm ? sm->kivFwkActivity() : Kiv::Activity::current();
 }
 
 void GroupQuarnWriterSm::KivGroup::KivIntf::doUpdateGroupIntf() {
-  KivGroup* const group = kivGroup();
-  GroupQuarnWriterSm* const sm = group ? group->owner() : nullptr;
+  GroupQuarnWriterSm* const sm = writer();
   if (sm == nullptr) return;
-  KIV_TRACE(trace(), 8, kSource, "doUpdateGroupIntf(", group->groupAddr_, "::", intfId_, ")");
+  KIV_TRACE(trace(), 8, kSource, "doUpdateGroupIntf(", key_.groupAddr(), "::", key_.intfId(), ")");
   if (!sm->statusInitialized()) {
-    KIV_TRACE(trace(), 7, kSource, "doUpdateGroupIntf(", group->groupAddr_, "::", intfId_,
+    KIV_TRACE(trace(), 7, kSource, "doUpdateGroupIntf(", key_.groupAddr(), "::", key_.intfId(),
               "), status unintialized");
     return;
   }
-  auto const groupIntf = notifier();
-  if (!groupIntf || !sm->quarnStatus_) return;
+  auto const* const groupIntf = static_cast<Bidir::GroupIntf const*>(notifierBase());
+  if (groupIntf == nullptr || !sm->quarnStatus_) return;
   GroupIntf record;
-  record.key = GroupIntfKey(group->groupAddr_, intfId_);
+  record.key = key_;
   record.forward = groupIntf->forward();
   record.joinState = groupIntf->joinState();
   record.lastJoinReceived = groupIntf->lastJoinReceived();
@@ -211,18 +215,15 @@ void GroupQuarnWriterSm::KivGroup::KivIntf::doUpdateGroupIntf() {
 }
 
 void GroupQuarnWriterSm::KivGroup::KivIntf::handleDelete() {
-  KivGroup* const group = kivGroup();
-  GroupQuarnWriterSm* const sm = group ? group->owner() : nullptr;
+  GroupQuarnWriterSm* const sm = writer();
   if (sm == nullptr) return;
-  KIV_TRACE(trace(), 8, kSource, "handleDelete(", group->groupAddr_, "::", intfId_, ")");
+  KIV_TRACE(trace(), 8, kSource, "handleDelete(", key_.groupAddr(), "::", key_.intfId(), ")");
   if (!sm->statusInitialized()) {
-    KIV_TRACE(trace(), 7, kSource, "handleDelete(", group->groupAddr_, "::", intfId_,
+    KIV_TRACE(trace(), 7, kSource, "handleDelete(", key_.groupAddr(), "::", key_.intfId(),
               "), status unintialized");
     return;
   }
-  if (auto const quarnStatus = sm->quarnStatus_) {
-    quarnStatus->groupIntfDel(GroupIntfKey(group->groupAddr_, intfId_));
-  }
+  if (auto const quarnStatus = sm->quarnStatus_) quarnStatus->groupIntfDel(key_);
 }
 
 // ---- GroupQuarnWriterSm

@@ -75,8 +75,8 @@ class GroupQuarnWriterSm : public Kiv::StateMachine {
     class KivIntf : public Kiv::Reactor<Bidir::GroupIntf::NotifieeConst, KivGroup> {
      public:
       KivIntf(KivGroup* kivGroup, Kiv::Ptr<Bidir::GroupIntf const> const& groupIntf);
-      Lanx::IntfId const& intfId() const noexcept { return intfId_; }
-      Lanx::IntfId const& fwkKey() const noexcept { return intfId_; }
+      Lanx::IntfId const& intfId() const noexcept { return key_.intfId(); }
+      Lanx::IntfId const& fwkKey() const noexcept { return key_.intfId(); }
       KivGroup* kivGroup() const noexcept { return owner(); }
       void kivGroupIs(KivGroup* kivGroup) noexcept { ownerIs(kivGroup); }
       bool initialized() const noexcept { return initialized_; }
@@ -98,7 +98,12 @@ class GroupQuarnWriterSm : public Kiv::StateMachine {
       void onChange() {
         if (kivAlive()) doUpdateGroupIntf();
       }
-      Lanx::IntfId const intfId_;
+      // The state machine through the back pointers: sm_ while this reactor is not a zombie (a
+      // group reactor or state machine that lets go makes its interface reactors zombies first).
+      GroupQuarnWriterSm* writer() const noexcept;
+
+      GroupIntfKey const key_;  // the record's key, so that an update reads no other reactor
+      GroupQuarnWriterSm* const sm_;
       bool initialized_ = false;
     };
 
