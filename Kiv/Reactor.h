@@ -212,6 +212,34 @@ class ReactorColl final : public MemberMap<Key, R, KeyHash>, public ReactorNode 
     notify(key);
     return created;
   }
+  // The member under `key` when it watches `notifier`; otherwise the member there (which watches
+  // an entity since replaced) is removed as by memberDel, and one made by `make()` is inserted.
+  template <class Notifier, class Make>
+  Ptr<R> memberIs(Key const& key, Notifier const& notifier, Make&& make) {
+    if (auto existing = this->member(key)) {
+      if (existing->notifier() == notifier) return existing;
+      memberDel(key);
+    }
+    return memberIs(key, make);
+  }
+  // Full resynchronisation with the entities of a collection: `add(entity)` for each of
+  // `entities` (a snapshot of Ptrs), then memberDel of every key for which `holds(key)` is false.
+  // Stops as soon as `alive()` is false (a handler let go of the reactor that asked for it).
+  template <class Entities, class Add, class Holds, class Alive>
+  void memberSync(Entities const& entities, Add&& add, Holds&& holds, Alive&& alive) {
+    for (auto const& entity : entities) {
+      if (!alive()) return;
+      add(entity);
+    }
+    std::vector<Key> stale;
+    for (auto const& [slot, member] : map_) {
+      if (!holds(slot.key)) stale.push_back(slot.key);
+    }
+    for (Key const& key : stale) {
+      if (!alive()) return;
+      memberDel(key);
+    }
+  }
   // Makes a member with `make()` and inserts it, detaching (not deleting) one already under `key`.
   template <class Make>
   Ptr<R> newMember(Key const& key, Make&& make) {

@@ -51,7 +51,7 @@ void GroupQuarnWriterSm::KivStatus::onGroup(Lanx::IpGenAddr const& address) {
 
 void GroupQuarnWriterSm::KivStatus::onGroupkivImmediate() {
   if (!kivAlive()) return;
-  // Many calls that notify follow: keep the state machine, and walk snapshots, since handlers
+  // Many calls that notify follow: keep the state machine, and walk a snapshot, since handlers
   // may change both the agent's groups and this state machine's reactors meanwhile.
   auto const sm = Kiv::liveRef(owner());
   GroupQuarnWriterSm* const machine = owner();
@@ -61,18 +61,13 @@ void GroupQuarnWriterSm::KivStatus::onGroupkivImmediate() {
   for (auto it = status->groupIter().begin(); it != status->groupIter().end(); ++it) {
     groups.push_back(it.ptr());
   }
-  for (auto const& group : groups) {
-    if (!kivAlive()) return;
-    if (group->bidirStatus() == status) machine->groupIs(group);
-  }
-  std::vector<Lanx::IpGenAddr> stale;
-  for (auto it = machine->groups_.begin(); it != machine->groups_.end(); ++it) {
-    if (!status->group(it.key())) stale.push_back(it.key());
-  }
-  for (auto const& address : stale) {
-    if (!kivAlive()) return;
-    machine->groupDel(address);
-  }
+  machine->groups_.memberSync(
+      groups,
+      [&](Kiv::Ptr<Bidir::Group const> const& group) {
+        if (group->bidirStatus() == status) machine->groupIs(group);
+      },
+      [&](Lanx::IpGenAddr const& address) { return bool(status->group(address)); },
+      [&] { return kivAlive(); });
 }
 
 // ---- KivGroup
@@ -92,11 +87,7 @@ Kiv::Ptr<GroupQuarnWriterSm::KivGroup::KivIntf> GroupQuarnWriterSm::KivGroup::in
     Kiv::throwNullArgument("_intf",
                            "Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm::KivGroup::intf");
   }
-  if (auto existing = intfs_.member(_intf->intfId())) {
-    if (existing->notifier() == _intf) return existing;
-    intfs_.memberDel(_intf->intfId());  // it watched an entity that has been replaced
-  }
-  return intfs_.memberIs(_intf->intfId(), [&] { return Kiv::newPtr<KivIntf>(this, _intf); });
+  return intfs_.memberIs(_intf->intfId(), _intf, [&] { return Kiv::newPtr<KivIntf>(this, _intf); });
 }
 
 Kiv::Ptr<GroupQuarnWriterSm::KivGroup::KivIntf> GroupQuarnWriterSm::KivGroup::newIntf(
@@ -126,18 +117,13 @@ void GroupQuarnWriterSm::KivGroup::onGroupIntfkivImmediate() {
   for (auto it = group->groupIntfIter().begin(); it != group->groupIntfIter().end(); ++it) {
     present.push_back(it.ptr());
   }
-  for (auto const& groupIntf : present) {
-    if (!kivAlive()) return;
-    if (groupIntf->parentGroup() == group) intfIs(groupIntf);
-  }
-  std::vector<Lanx::IntfId> stale;
-  for (auto it = intfs_.begin(); it != intfs_.end(); ++it) {
-    if (!group->groupIntf(it.key())) stale.push_back(it.key());
-  }
-  for (auto const& intfId : stale) {
-    if (!kivAlive()) return;
-    intfDel(intfId);
-  }
+  intfs_.memberSync(
+      present,
+      [&](Kiv::Ptr<Bidir::GroupIntf const> const& groupIntf) {
+        if (groupIntf->parentGroup() == group) intfIs(groupIntf);
+      },
+      [&](Lanx::IntfId const& intfId) { return bool(group->groupIntf(intfId)); },
+      [&] { return kivAlive(); });
 }
 
 void GroupQuarnWriterSm::KivGroup::doUpdateGroup() {
@@ -265,11 +251,8 @@ Kiv::Ptr<GroupQuarnWriterSm::KivGroup> GroupQuarnWriterSm::groupIs(
   if (!_group) {
     Kiv::throwNullArgument("_group", "Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm::group");
   }
-  if (auto existing = groups_.member(_group->groupAddr())) {
-    if (existing->notifier() == _group) return existing;
-    groups_.memberDel(_group->groupAddr());  // it watched an entity that has been replaced
-  }
-  return groups_.memberIs(_group->groupAddr(), [&] { return Kiv::newPtr<KivGroup>(this, _group); });
+  return groups_.memberIs(_group->groupAddr(), _group,
+                          [&] { return Kiv::newPtr<KivGroup>(this, _group); });
 }
 
 Kiv::Ptr<GroupQuarnWriterSm::KivGroup> GroupQuarnWriterSm::newGroup(
