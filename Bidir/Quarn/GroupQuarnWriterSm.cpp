@@ -15,6 +15,17 @@ Kiv::TraceHandle& trace() {
 
 constexpr char kSource[] = "GroupQuarnWriterSm::";
 
+// The entry line of an update or removal, and its guard: true when the agent's Status is
+// initialised; otherwise the "status ..." line (spelt as the caller passes it) and false.
+template <class... Key>
+bool initializedFor(bool initialized, char const* function, char const* uninitialized,
+                    Key const&... key) {
+  KIV_TRACE(trace(), 8, kSource, function, "(", key..., ")");
+  if (initialized) return true;
+  KIV_TRACE(trace(), 7, kSource, function, "(", key..., "), status ", uninitialized);
+  return false;
+}
+
 using Kind = Kiv::AttributeKind;
 using A = GroupQuarnWriterSm::Attr;
 
@@ -129,9 +140,7 @@ void GroupQuarnWriterSm::KivGroup::onGroupIntfkivImmediate() {
 void GroupQuarnWriterSm::KivGroup::doUpdateGroup() {
   GroupQuarnWriterSm* const sm = owner();
   if (sm == nullptr) return;
-  KIV_TRACE(trace(), 8, kSource, "doUpdateGroup(", groupAddr_, ")");
-  if (!sm->statusInitialized()) {
-    KIV_TRACE(trace(), 7, kSource, "doUpdateGroup(", groupAddr_, "), status uninitialized");
+  if (!initializedFor(sm->statusInitialized(), "doUpdateGroup", "uninitialized", groupAddr_)) {
     return;
   }
   auto const group = notifier();
@@ -147,9 +156,7 @@ void GroupQuarnWriterSm::KivGroup::doUpdateGroup() {
 void GroupQuarnWriterSm::KivGroup::handleDelete() {
   GroupQuarnWriterSm* const sm = owner();
   if (sm == nullptr) return;
-  KIV_TRACE(trace(), 8, kSource, "handleDelete(", groupAddr_, ")");
-  if (!sm->statusInitialized()) {
-    KIV_TRACE(trace(), 7, kSource, "handleDelete(", groupAddr_, "), status uninitialized");
+  if (!initializedFor(sm->statusInitialized(), "handleDelete", "uninitialized", groupAddr_)) {
     return;
   }
   // Runs from the removal of this reactor, whose holder keeps the state machine alive; this
@@ -182,10 +189,8 @@ Kiv::Activity& GroupQuarnWriterSm::KivGroup::KivIntf::kivFwkActivity() const {
 void GroupQuarnWriterSm::KivGroup::KivIntf::doUpdateGroupIntf() {
   GroupQuarnWriterSm* const sm = writer();
   if (sm == nullptr) return;
-  KIV_TRACE(trace(), 8, kSource, "doUpdateGroupIntf(", key_.groupAddr(), "::", key_.intfId(), ")");
-  if (!sm->statusInitialized()) {
-    KIV_TRACE(trace(), 7, kSource, "doUpdateGroupIntf(", key_.groupAddr(), "::", key_.intfId(),
-              "), status unintialized");
+  if (!initializedFor(sm->statusInitialized(), "doUpdateGroupIntf", "unintialized",
+                      key_.groupAddr(), "::", key_.intfId())) {
     return;
   }
   auto const* const groupIntf = static_cast<Bidir::GroupIntf const*>(notifierBase());
@@ -203,10 +208,8 @@ void GroupQuarnWriterSm::KivGroup::KivIntf::doUpdateGroupIntf() {
 void GroupQuarnWriterSm::KivGroup::KivIntf::handleDelete() {
   GroupQuarnWriterSm* const sm = writer();
   if (sm == nullptr) return;
-  KIV_TRACE(trace(), 8, kSource, "handleDelete(", key_.groupAddr(), "::", key_.intfId(), ")");
-  if (!sm->statusInitialized()) {
-    KIV_TRACE(trace(), 7, kSource, "handleDelete(", key_.groupAddr(), "::", key_.intfId(),
-              "), status unintialized");
+  if (!initializedFor(sm->statusInitialized(), "handleDelete", "unintialized", key_.groupAddr(),
+                      "::", key_.intfId())) {
     return;
   }
   if (auto const quarnStatus = sm->quarnStatus_) quarnStatus->groupIntfDel(key_);
