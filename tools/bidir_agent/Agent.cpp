@@ -44,8 +44,13 @@ using QuarnStatus = Bidir::Quarn::Status;
 
 constexpr double kPrunePendingSeconds = 0.5;  // J/P override interval, shortened
 constexpr double kJoinHoldSeconds = 8;        // a join not refreshed for this long expires
-constexpr double kGroupAbsentSeconds = 1;     // a group that went stays away at least this long
-constexpr double kGroupChurnEvery = 0.125;    // a group goes, then one comes back, alternately
+// Groups go and come back alternately, one step every kGroupChurnEvery; a group that went stays
+// away at least kGroupAbsentSeconds. A step that creates a group allocates table slots, so it
+// comes well after the step that freed slots: a direct reader that is that far behind could
+// find a removed group's slot holding another group and miss the removal until its next full
+// pass.
+constexpr double kGroupAbsentSeconds = 1;
+constexpr double kGroupChurnEvery = 0.5;
 
 // The activity's clock, timing each tick: a tick of the restart review is one slice.
 class SliceClock final : public Kiv::Clock {
