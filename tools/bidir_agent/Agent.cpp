@@ -50,7 +50,7 @@ constexpr double kJoinHoldSeconds = 8;        // a join not refreshed for this l
 // find a removed group's slot holding another group and miss the removal until its next full
 // pass.
 constexpr double kGroupAbsentSeconds = 1;
-constexpr double kGroupChurnEvery = 0.5;
+constexpr double kGroupChurnEvery = 1;
 
 // The activity's clock, timing each tick: a tick of the restart review is one slice.
 class SliceClock final : public Kiv::Clock {
@@ -158,6 +158,7 @@ class Agent {
   bool nextGroupGoes_ = true;
   double nextGroupChurn_ = 0;
   std::uint64_t dfMoves_ = 0;
+  bool go_ = false;
   bool stopReceived_ = false;
   Command stop_;
 };
@@ -187,6 +188,7 @@ void Agent::onCommand() {
   if (!receive(commandFd_, &c, sizeof c)) {
     std::_Exit(0);  // the supervisor is gone (it removes the files)
   }
+  if (c.op == Command::go) go_ = true;
   if (c.op == Command::stop) {
     stopReceived_ = true;
     stop_ = c;
@@ -235,7 +237,8 @@ int Agent::run() {
   attachForeignTables();
   quarn_->mount(Quarn::QuarnType::writer);
   exported_->notifierIs(quarn_);
-  if (quarn_->groupCount() + quarn_->groupIntfCount() > 0) {
+  bool const restarted = quarn_->groupCount() + quarn_->groupIntfCount() > 0;
+  if (restarted) {
     restore();
   } else {
     build();
@@ -243,6 +246,9 @@ int Agent::run() {
   resume();
   Report ready = report(Report::ready);
   send(reportFd_, &ready, sizeof ready);
+  // A first start waits for the reader to attach, so that its first full pass over the tables
+  // does not race the churn; a restarted agent goes on at once.
+  while (!restarted && !go_ && !stopReceived_) activity_.runOnce(0.05);
   churn();
   finish(stop_);
   for (;;) activity_.runOnce(-1);  // serve the readers until the supervisor goes

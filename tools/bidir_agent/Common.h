@@ -93,7 +93,9 @@ struct Report {
 static_assert(sizeof(Report) < PIPE_BUF);
 
 struct Command {
-  enum Op : std::uint32_t { stop, verify };
+  // go: the agent starts its churn (the reader is attached); stop: the churn ends; verify: the
+  // reader compares its state with the agent's digest.
+  enum Op : std::uint32_t { go, stop, verify };
   Op op = stop;
   std::uint64_t digest = 0;   // verify: the agent's digest
   std::uint16_t rpfOf[16] = {};  // stop (agent): the final elections to wait for

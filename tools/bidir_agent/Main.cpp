@@ -108,7 +108,6 @@ class Supervisor {
   Child* agent_ = nullptr;
   Child* reader_ = nullptr;
   double start_ = 0;
-  double churnStart_ = 0;
   std::vector<Life> lives_;
   double killedAt_ = 0;
   Report reconciled_;
@@ -225,9 +224,6 @@ void Supervisor::onReady(Child& child, Report const& r) {
                     static_cast<unsigned long long>(r.intfs),
                     static_cast<unsigned long long>(r.records));
         reader_ = &start(Role::reader);
-        churnStart_ = now();
-        restart_.armIn(options_.restartAt);
-        stop_.armIn(options_.seconds);
       } else {
         backAt_ = r.time;
         std::printf("[%5.1fs] agent churning again, %.3f s after SIGKILL\n", since(),
@@ -235,11 +231,18 @@ void Supervisor::onReady(Child& child, Report const& r) {
         if (stopping_) stopChurn();
       }
       break;
-    case Role::reader:
-      std::printf("[%5.1fs] reader attached: %llu groups, %llu interfaces\n", since(),
-                  static_cast<unsigned long long>(r.groups),
+    case Role::reader: {
+      std::printf("[%5.1fs] reader attached: %llu groups, %llu interfaces; the churn begins\n",
+                  since(), static_cast<unsigned long long>(r.groups),
                   static_cast<unsigned long long>(r.intfs));
+      Command go;
+      go.op = Command::go;
+      command(agent_, go);
+      if (!lives_.empty()) lives_.back().readyAt = now();
+      restart_.armIn(options_.restartAt);
+      stop_.armIn(options_.seconds);
       break;
+    }
   }
 }
 
