@@ -26,10 +26,11 @@
 #include "Bidir/Df/RpaRpfStatus.h"
 #include "Bidir/Group.h"
 #include "Bidir/GroupIntf.h"
+#include "Bidir/Quarn/GroupQuarnRestartSm.h"
+#include "Bidir/Quarn/GroupQuarnWriterSm.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
 #include "Common.h"
-#include "Export.h"
 #include "Kiv/Clock.h"
 #include "Kiv/Timer.h"
 #include "Pim/RpHashStatus.h"
@@ -138,8 +139,8 @@ class Agent {
   Kiv::Ptr<QuarnStatus> quarn_ = Bidir::Quarn::statusFactory("default");
   Kiv::Ptr<SliceClock> clock_ = Kiv::newPtr<SliceClock>(Kiv::Activity::current());
   // Declared after what they watch: destroyed first (the writer leaves the records in place).
-  Export::Held writer_;
-  Export::Held restart_;
+  Kiv::Ptr<Bidir::Quarn::GroupQuarnWriterSm> writer_;
+  Kiv::Ptr<Bidir::Quarn::GroupQuarnRestartSm> restart_;
   Kiv::Ptr<ExportCounter> exported_ = Kiv::newPtr<ExportCounter>();
   Kiv::Ptr<DfWatcher> dfWatcher_ = Kiv::newPtr<DfWatcher>();
 
@@ -258,9 +259,10 @@ int Agent::run() {
 // while the Status is not initialized); the restart review brings the state back in slices.
 void Agent::restore() {
   std::uint32_t const recordsBefore = quarn_->groupIntfCount();
-  writer_ = Export::writer(status_, quarn_);
+  writer_ = Bidir::Quarn::groupQuarnWriterSmFactory(status_, quarn_);
   double const start = now();
-  restart_ = Export::restart(status_, quarn_, clock_);
+  restart_ = Bidir::Quarn::groupQuarnRestartSmFactory(status_, quarn_,
+                                                        KivQuarn::KivQuarnType::writer, clock_);
   while (!status_->initialized()) activity_.runOnce(0.05);
   Report r = report(Report::reconciled);
   r.reconcileSeconds = now() - start;
@@ -279,7 +281,7 @@ void Agent::restore() {
 void Agent::build() {
   for (std::uint32_t g = 0; g < options_.groups; ++g) createGroup(g);
   status_->initializedIs(true);
-  writer_ = Export::writer(status_, quarn_);
+  writer_ = Bidir::Quarn::groupQuarnWriterSmFactory(status_, quarn_);
 }
 
 // Brings the driver's own bookkeeping in line with the Status (after a restart it is all that

@@ -20,10 +20,10 @@
 #include "Bidir/Df/RpaRpfStatus.h"
 #include "Bidir/Group.h"
 #include "Bidir/GroupIntf.h"
+#include "Bidir/Quarn/GroupQuarnReaderSm.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
 #include "Common.h"
-#include "Export.h"
 #include "Pim/RpHashStatus.h"
 
 namespace BidirAgent {
@@ -80,7 +80,7 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   rpaRpf->rpaRpfControl().init(Quarn::QuarnType::reader, false, 0);
 
   // The state machine first, then the probe: notifiees are called in registration order.
-  Export::Held const readerSm = Export::reader(status, quarn);
+  auto const readerSm = Bidir::Quarn::groupQuarnReaderSmFactory(status, quarn);
   auto probe = Kiv::newPtr<LagProbe>(*status);
   probe->notifierIs(quarn);
 
