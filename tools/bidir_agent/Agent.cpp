@@ -186,7 +186,7 @@ Agent::~Agent() {
 
 void Agent::onCommand() {
   Command c;
-  if (!receive(commandFd_, &c, sizeof c)) {
+  if (!receive(commandFd_, c)) {
     std::_Exit(0);  // the supervisor is gone (it removes the files)
   }
   if (c.op == Command::go) go_ = true;
@@ -246,7 +246,7 @@ int Agent::run() {
   }
   resume();
   Report ready = report(Report::ready);
-  send(reportFd_, &ready, sizeof ready);
+  send(reportFd_, ready);
   // A first start waits for the reader to attach, so that its first full pass over the tables
   // does not race the churn; a restarted agent goes on at once.
   while (!restarted && !go_ && !stopReceived_) activity_.runOnce(0.05);
@@ -273,7 +273,7 @@ void Agent::restore() {
     r.sliceMean += s / double(slices.size());
   }
   r.interfaceRecordsRemoved = recordsBefore - quarn_->groupIntfCount();
-  send(reportFd_, &r, sizeof r);
+  send(reportFd_, r);
   restart_ = nullptr;
 }
 
@@ -374,7 +374,7 @@ void Agent::churn() {
     activity_.runOnce(exported_->changes - base >= due ? 0.0002 : 0);
     if (t >= nextReport) {
       Report r = report(Report::progress);
-      send(reportFd_, &r, sizeof r);
+      send(reportFd_, r);
       nextReport = t + 0.25;
     }
   }
@@ -505,7 +505,7 @@ void Agent::finish(Command const& stop) {
   Report r = report(Report::finished);
   r.digest = writeDigest(*status_, root_ + "/agent.digest");
   std::copy(std::begin(rpf_), std::end(rpf_), r.rpfOf);
-  send(reportFd_, &r, sizeof r);
+  send(reportFd_, r);
 }
 
 }  // namespace

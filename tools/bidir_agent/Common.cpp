@@ -89,32 +89,6 @@ char const* roleName(Role role) {
   return "?";
 }
 
-void send(int fd, void const* message, std::size_t size) {
-  (void)!::write(fd, message, size);
-}
-
-bool receive(int fd, void* message, std::size_t size) {
-  return ::read(fd, message, size) == ssize_t(size);
-}
-
-void LagHistogram::add(double seconds) {
-  double const us = std::max(0.0, seconds * 1e6);
-  ++total_;
-  max_ = std::max(max_, us);
-  if (us < double(counts_.size())) ++counts_[std::size_t(us)];
-}
-
-double LagHistogram::percentile(double p) const {
-  if (total_ == 0) return 0;
-  auto const rank = std::uint64_t(std::ceil(p * double(total_)));
-  std::uint64_t seen = 0;
-  for (std::size_t i = 0; i < counts_.size(); ++i) {
-    seen += counts_[i];
-    if (seen >= rank) return double(i);
-  }
-  return max_;
-}
-
 namespace {
 
 // FNV-1a over the bytes of trivially copyable values (all of them free of padding: pinned by

@@ -9,9 +9,7 @@
 
 #include <unistd.h>
 
-#include <cmath>
 #include <cstdint>
-#include <limits.h>
 #include <string>
 #include <vector>
 
@@ -19,6 +17,7 @@
 #include "Kiv/Activity.h"
 #include "Lanx/IntfId.h"
 #include "Lanx/IpGenAddr.h"
+#include "tools/support/DemoSupport.h"
 
 namespace BidirAgent {
 
@@ -101,23 +100,9 @@ struct Command {
   std::uint16_t rpfOf[16] = {};  // stop (agent): the final elections to wait for
 };
 
-void send(int fd, void const* message, std::size_t size);
-// Reads one whole message; false at end of file or on a short read.
-bool receive(int fd, void* message, std::size_t size);
-
-// Microsecond histogram: exact below 100 ms, one overflow bucket above.
-class LagHistogram {
- public:
-  void add(double seconds);
-  double percentile(double p) const;
-  double max() const { return max_; }
-  std::uint64_t total() const { return total_; }
-
- private:
-  std::vector<std::uint32_t> counts_ = std::vector<std::uint32_t>(100000, 0);
-  std::uint64_t total_ = 0;
-  double max_ = 0;
-};
+using DemoSupport::LagHistogram;
+using DemoSupport::receive;
+using DemoSupport::send;
 
 // The group state of a Status in canonical order (groups by address, interfaces by id): every
 // attribute the tables carry and every value computed from them (joins, pimInclude, oList;

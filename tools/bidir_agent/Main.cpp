@@ -42,13 +42,8 @@ namespace BidirAgent {
 
 namespace {
 
-std::atomic<Kiv::Activity*> loopForSignals{nullptr};
-volatile std::sig_atomic_t interrupted = 0;
-
-void onSignal(int) {
-  interrupted = 1;
-  if (Kiv::Activity* loop = loopForSignals.load()) loop->stop();
-}
+using DemoSupport::interrupted;
+using DemoSupport::loopForSignals;
 
 struct Child {
   Role role;
@@ -94,7 +89,7 @@ class Supervisor {
   }
   void stopChild(Child& child);
   void command(Child* child, Command const& c) {
-    if (child != nullptr && child->pid > 0) send(child->commandFd, &c, sizeof c);
+    if (child != nullptr && child->pid > 0) send(child->commandFd, c);
   }
   bool summary() const;
   double since() const { return now() - start_; }
@@ -157,7 +152,7 @@ Child& Supervisor::start(Role role) {
 
 void Supervisor::handleReport(Child& child) {
   Report r;
-  if (!receive(child.reportFd, &r, sizeof r)) {
+  if (!receive(child.reportFd, r)) {
     child.watch.reset();
     fail(std::string(roleName(child.role)) + " process ended unexpectedly");
     return;
@@ -299,12 +294,8 @@ void Supervisor::stopChurn() {
 
 void Supervisor::stopChild(Child& child) {
   if (child.pid <= 0) return;
-  ::kill(child.pid, SIGKILL);
-  ::waitpid(child.pid, nullptr, 0);
-  child.pid = -1;
   child.watch.reset();
-  ::close(child.reportFd);
-  ::close(child.commandFd);
+  DemoSupport::stopChild(child.pid, child.reportFd, child.commandFd);
 }
 
 int Supervisor::run() {
@@ -398,29 +389,10 @@ bool Supervisor::summary() const {
 }
 
 int supervise(Options const& options) {
-  char pattern[] = "/dev/shm/bidir-agent-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) {
-    std::perror("mkdtemp");
-    return 1;
-  }
-  std::string const root = pattern;
-  ::setenv("QUARN_ROOT", root.c_str(), 1);  // the children inherit it: every table lives here
-  struct sigaction sa {};
-  sa.sa_handler = onSignal;
-  ::sigemptyset(&sa.sa_mask);
-  ::sigaction(SIGINT, &sa, nullptr);
-  ::sigaction(SIGTERM, &sa, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
-  int status = 1;
-  try {
-    Supervisor supervisor(root, options);
-    status = supervisor.run();
-  } catch (std::exception const& e) {
-    std::fprintf(stderr, "bidir agent: %s\n", e.what());
-  }
-  std::error_code ec;
-  std::filesystem::remove_all(root, ec);
-  return status;
+  // The children inherit $QUARN_ROOT: every table of the run lives in the private root.
+  return DemoSupport::withPrivateRoot("bidir-agent", [&](std::string const& root) {
+    return Supervisor(root, options).run();
+  });
 }
 
 // A child: its role's main, with failures reported to the supervisor.
@@ -440,7 +412,7 @@ int child(Role role, Options const& options, std::string const& root) {
     r.kind = Report::failed;
     r.role = role;
     std::snprintf(r.text, sizeof r.text, "%s", e.what());
-    send(reportFd, &r, sizeof r);
+    send(reportFd, r);
   }
   return 1;
 }

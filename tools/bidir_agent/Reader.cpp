@@ -87,7 +87,7 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   Command command;
   bool verify = false;
   Kiv::FdWatch commands(activity, commandFd, EPOLLIN, [&](std::uint32_t) {
-    if (!receive(commandFd, &command, sizeof command)) std::_Exit(0);
+    if (!receive(commandFd, command)) std::_Exit(0);
     verify = verify || command.op == Command::verify;
   });
   auto report = [&](Report::Kind kind) {
@@ -118,14 +118,14 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   waitFor([&] { return groupIntfs.fullyAttached(); });
   probe->attachedAt = now();
   Report const ready = report(Report::ready);
-  send(reportFd, &ready, sizeof ready);
+  send(reportFd, ready);
 
   double nextReport = 0;
   while (!verify) {
     activity.runOnce(0.05);
     if (now() >= nextReport) {
       Report const r = report(Report::progress);
-      send(reportFd, &r, sizeof r);
+      send(reportFd, r);
       nextReport = now() + 0.25;
     }
   }
@@ -142,7 +142,7 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   } while (digest != command.digest && now() < deadline);
   Report r = report(Report::finished);
   r.digest = digest;
-  send(reportFd, &r, sizeof r);
+  send(reportFd, r);
   for (;;) activity.runOnce(-1);
 }
 

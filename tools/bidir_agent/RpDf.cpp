@@ -55,7 +55,7 @@ int runRpDf(Options const& options, int reportFd, int commandFd) {
   ready.kind = Report::ready;
   ready.role = Role::rpdf;
   ready.time = now();
-  send(reportFd, &ready, sizeof ready);
+  send(reportFd, ready);
 
   std::mt19937 rng(std::random_device{}());
   std::uint64_t moves = 0;
@@ -74,7 +74,7 @@ int runRpDf(Options const& options, int reportFd, int commandFd) {
   move.armIn(options.dfMoveEvery);
   Kiv::FdWatch commands(activity, commandFd, EPOLLIN, [&](std::uint32_t) {
     Command c;
-    if (!receive(commandFd, &c, sizeof c)) std::_Exit(0);
+    if (!receive(commandFd, c)) std::_Exit(0);
     if (c.op == Command::stop && moving) {
       moving = false;
       move.cancel();
@@ -84,7 +84,7 @@ int runRpDf(Options const& options, int reportFd, int commandFd) {
       r.time = now();
       r.dfMoves = moves;
       std::copy(std::begin(rpfOf), std::end(rpfOf), r.rpfOf);
-      send(reportFd, &r, sizeof r);
+      send(reportFd, r);
     }
   });
   for (;;) activity.runOnce(-1);
