@@ -386,6 +386,7 @@ void Agent::event() {
   std::uint32_t const j = std::uint32_t(rng_() % options_.intfs);
   Kiv::Ptr<Bidir::Group> group = status_->group(addrs_[g]);
   Kiv::Ptr<Bidir::GroupIntf> intf = group->groupIntf(intfIds_[j]);
+  if (!intf) return;
   unsigned const kind = unsigned(rng_() % 100);
   if (kind < 55) {
     // A join reaches only the DF of the link.

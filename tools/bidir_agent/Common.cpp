@@ -72,11 +72,6 @@ Lanx::IntfId intfId(std::uint32_t j) {
 Lanx::IpGenAddr rpAddr(std::uint32_t r) {
   return Lanx::IpGenAddr::ipv4Addr(0x0a000001u + r);
 }
-std::uint32_t groupIndex(Lanx::IpGenAddr const& addr) {
-  std::uint32_t const v = addr.ipv4HostOrder();
-  return addr.isIpv4() && (v >> 16) == 0xef01u ? (v & 0xffffu) : UINT32_MAX;
-}
-
 char const* roleName(Role role) {
   switch (role) {
     case Role::rpdf:

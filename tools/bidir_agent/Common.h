@@ -55,8 +55,6 @@ inline double now() { return Kiv::Activity::now(); }
 Lanx::IpGenAddr groupAddr(std::uint32_t i);
 Lanx::IntfId intfId(std::uint32_t j);
 Lanx::IpGenAddr rpAddr(std::uint32_t r);
-// The index of a group address made by groupAddr, or UINT32_MAX.
-std::uint32_t groupIndex(Lanx::IpGenAddr const& addr);
 
 // ---- messages (each one write below PIPE_BUF: never interleaved, never split)
 
