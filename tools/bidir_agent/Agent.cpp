@@ -44,7 +44,7 @@ using Bidir::Df::Quarn::RpaRpfStatus;
 using QuarnStatus = Bidir::Quarn::Status;
 
 constexpr double kPrunePendingSeconds = 0.5;  // J/P override interval, shortened
-constexpr double kJoinHoldSeconds = 8;        // a join not refreshed for this long expires
+constexpr double kJoinHoldSeconds = 8;  // a join not refreshed for this long expires
 // Groups go and come back alternately, one step every kGroupChurnEvery; a group that went stays
 // away at least kGroupAbsentSeconds. A step that creates a group allocates table slots, so it
 // comes well after the step that freed slots: a direct reader that is that far behind could
@@ -156,6 +156,7 @@ class Agent {
   std::vector<std::uint32_t> touched_;
   std::vector<char> isTouched_;
   std::uint32_t sweepCursor_ = 0;
+  double holdBase_ = 0;  // the hold timers (re)started when the churn began
   bool nextGroupGoes_ = true;
   double nextGroupChurn_ = 0;
   std::uint64_t dfMoves_ = 0;
@@ -359,6 +360,7 @@ void Agent::upstream() {
 // reached the tables, then lets the activity run (readers' wake-up channel, the DF table).
 void Agent::churn() {
   double const start = now();
+  holdBase_ = start;
   std::uint64_t const base = exported_->changes;
   double nextReport = start;
   nextGroupChurn_ = start + kGroupChurnEvery;
@@ -422,7 +424,8 @@ void Agent::expire(double t) {
 }
 
 // Joins not refreshed within the hold time expire; a few groups are swept each round, so every
-// group is visited about once a second.
+// group is visited about once a second. Hold timers start when the churn does (a restarted agent
+// starts its timers afresh), so joins older than that do not all expire at once.
 void Agent::sweepJoins(double t) {
   auto const perRound = std::max<std::uint32_t>(1, options_.groups / 2000);
   for (std::uint32_t n = 0; n < perRound; ++n) {
@@ -431,7 +434,7 @@ void Agent::sweepJoins(double t) {
     if (!group) continue;
     for (auto& intf : group->groupIntfIter()) {
       if (intf.joinState() == Bidir::GroupIntf::joined &&
-          intf.lastJoinReceived() + kJoinHoldSeconds < t) {
+          std::max(intf.lastJoinReceived(), holdBase_) + kJoinHoldSeconds < t) {
         intf.joinStateIs(Bidir::GroupIntf::noInfo);
         forwardFollows(intf);
         touched(g);

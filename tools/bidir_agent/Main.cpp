@@ -247,7 +247,9 @@ void Supervisor::progress() {
   if (options_.quiet) return;
   std::string line;
   char buf[200];
-  if (agent_ != nullptr && agent_->pid > 0) {
+  if (agent_ != nullptr && agent_->pid > 0 && agent_->last.time == 0) {
+    line += "agent starting";
+  } else if (agent_ != nullptr && agent_->pid > 0) {
     Report const& a = agent_->last;
     double const rate = lives_.empty() || lives_.back().lastAt <= lives_.back().readyAt
                             ? 0
