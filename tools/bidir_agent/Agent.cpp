@@ -156,7 +156,7 @@ class Agent {
   std::vector<std::uint32_t> touched_;
   std::vector<char> isTouched_;
   std::uint32_t sweepCursor_ = 0;
-  double holdBase_ = 0;  // the hold timers (re)started when the churn began
+  double holdBase_ = 0;  // when the churn began: only joins heard since then are timed
   bool nextGroupGoes_ = true;
   double nextGroupChurn_ = 0;
   std::uint64_t dfMoves_ = 0;
@@ -424,8 +424,9 @@ void Agent::expire(double t) {
 }
 
 // Joins not refreshed within the hold time expire; a few groups are swept each round, so every
-// group is visited about once a second. Hold timers start when the churn does (a restarted agent
-// starts its timers afresh), so joins older than that do not all expire at once.
+// group is visited about once a second. Only joins heard since the churn began are timed: the
+// joins the build (or the previous life) left would otherwise all expire in one burst, which the
+// pacing would pay for with the churn itself.
 void Agent::sweepJoins(double t) {
   auto const perRound = std::max<std::uint32_t>(1, options_.groups / 2000);
   for (std::uint32_t n = 0; n < perRound; ++n) {
@@ -434,7 +435,7 @@ void Agent::sweepJoins(double t) {
     if (!group) continue;
     for (auto& intf : group->groupIntfIter()) {
       if (intf.joinState() == Bidir::GroupIntf::joined &&
-          std::max(intf.lastJoinReceived(), holdBase_) + kJoinHoldSeconds < t) {
+          intf.lastJoinReceived() >= holdBase_ && intf.lastJoinReceived() + kJoinHoldSeconds < t) {
         intf.joinStateIs(Bidir::GroupIntf::noInfo);
         forwardFollows(intf);
         touched(g);
