@@ -91,7 +91,8 @@ class GroupQuarnRestartSm : public Kiv::StateMachine {
   double reviewStopTime() const noexcept { return reviewStopTime_; }
   bool initialized() const noexcept { return initialized_; }
 
-  // One slice (see the class comment); only its entry line while not initialized.
+  // One slice (see the class comment); only its entry line while not initialized. Without a
+  // clock nothing paces the review: the owner calls doReview until Status::initialized.
   void doReview();
   void doReviewGroups();
   void doReviewGroupIntfs();
@@ -102,8 +103,6 @@ class GroupQuarnRestartSm : public Kiv::StateMachine {
   Kiv::AttributeTable const& attributeTable() const override;
 
  private:
-  friend std::ostream& operator<<(std::ostream& os, GroupQuarnRestartSm const& sm);
-
   double now() const;
   // The common walk of the phases: from the bookmarked record (or the first), `handle(record)`
   // answers whether the record was handled (false: passed over); sets `done` at the end.

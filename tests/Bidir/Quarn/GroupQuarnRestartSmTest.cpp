@@ -40,6 +40,72 @@ struct ManualClock : Kiv::Clock {
   void fire() const { tick(); }
 };
 
+// The state of a restarted agent, taken back from `tables` on the activity's clock.
+Kiv::Ptr<Bidir::Status> restarted(Kiv::Ptr<BQ::Status> const& tables, double quantum) {
+  auto status = Bidir::statusFactory("agent");
+  auto sm = BQ::groupQuarnRestartSmFactory(status, tables, KivQuarnType::writer,
+                                           Kiv::newPtr<Kiv::ActivityClock>());
+  sm->reviewQuantumIs(quantum);
+  bool const done = TestSupport::runUntil(
+      Kiv::Activity::current(), [&] { return status->initialized(); }, 60);
+  return done ? status : nullptr;
+}
+
+// One RFC 5015-shaped change of the agent's state, exported as the writer does it: a new group's
+// interface records before its own, a leaving group's after them.
+void churn(Bidir::Status& status, BQ::Status& tables, std::mt19937& rng) {
+  auto pick = [&](unsigned n) { return static_cast<unsigned>(rng() % n); };
+  auto eth = [](unsigned n) { return Lanx::IntfId("Ethernet" + std::to_string(n)); };
+  Lanx::IpGenAddr const a = addr(1 + pick(40));
+  Kiv::Ptr<Bidir::Group> g = status.group(a);
+  auto exportIntf = [&](Bidir::GroupIntf& gi) {
+    gi.joinStateIs(Bidir::GroupIntf::JoinState(pick(3)));
+    gi.iAmDfIs(pick(4) != 0);
+    gi.lastJoinReceivedIs(pick(1000));
+    tables.groupIntfIs(MirrorTest::recordOf(a, gi));
+  };
+  if (!g) {
+    g = status.groupIs(a);
+    g->creationTimeIs(pick(1000));
+    for (unsigned i = 1; i <= 8; ++i) {
+      if (pick(2) == 0) exportIntf(*g->groupIntfIs(eth(i)));
+    }
+    tables.groupIs(MirrorTest::recordOf(*g));
+  } else if (pick(6) == 0) {
+    for (auto const& gi : g->groupIntfIter()) tables.groupIntfDel(GroupIntfKey(a, gi.intfId()));
+    tables.groupDel(a);
+    status.groupDel(a);
+  } else if (pick(3) == 0) {
+    g->upJoinStateIs(Bidir::Group::UpJoinState(pick(2)));
+    g->inactiveIs(pick(2) == 0);
+    tables.groupIs(MirrorTest::recordOf(*g));
+  } else if (Lanx::IntfId const intf = eth(1 + pick(8)); pick(4) == 0) {
+    tables.groupIntfDel(GroupIntfKey(a, intf));
+    g->groupIntfDel(intf);
+  } else {
+    exportIntf(*g->groupIntfIs(intf));
+  }
+}
+
+// The agent: takes its state back, says so in <root>/churning, then changes it until killed.
+int agentChild(std::string const& arg) {
+  std::string const rootDir = arg.substr(0, arg.find(' '));
+  std::mt19937 rng(std::stoul(arg.substr(arg.find(' ') + 1)));
+  ::setenv("QUARN_ROOT", rootDir.c_str(), 1);
+  auto tables = BQ::statusFactory("quarn");
+  tables->mount(Quarn::QuarnType::writer);
+  auto status = restarted(tables, 0.1);
+  if (!status) return 1;
+  Quarn::Util::fileWriteAtomic(rootDir + "/churning", "yes");
+  for (;;) {
+    for (int i = 0; i < 50; ++i) churn(*status, *tables, rng);
+    Kiv::Activity::current().runOnce(0);
+  }
+}
+
+[[maybe_unused]] bool const agentHook =
+    TestSupport::childRole("GROUP_QUARN_RESTART_AGENT", agentChild);
+
 struct GroupQuarnRestartSmTest : ::testing::Test {
   TestSupport::QuarnRoot root;
 };
@@ -138,6 +204,30 @@ TEST_F(GroupQuarnRestartSmTest, EmptyTablesFinishInTheFirstSlice) {
   EXPECT_EQ(clock->timeMin(), Kiv::Clock::never);
   ASSERT_EQ(trace.lines().size(), 2u);
   EXPECT_TRUE(trace.lines()[1].ends_with(")::doReview(), Quarn groups: 0, Status groups: 0"));
+}
+
+TEST_F(GroupQuarnRestartSmTest, AgentKilledDuringChurnIsTakenBackFromTheTables) {
+  TestSupport::Children children{"GROUP_QUARN_RESTART_AGENT"};
+  std::mt19937 rng(11);
+  std::string const churning = root.path() + "/churning";
+  for (int round = 0; round < 4; ++round) {
+    ::unlink(churning.c_str());
+    pid_t const pid = children.spawn(root.path() + " " + std::to_string(round));
+    ASSERT_TRUE(TestSupport::runUntil(
+        Kiv::Activity::current(), [&] { return !Quarn::Util::fileRead(churning).empty(); }, 60));
+    ::usleep(rng() % 30000);  // a random moment of the churn
+    children.kill(pid);
+
+    auto tables = BQ::statusFactory("quarn");
+    tables->mount(Quarn::QuarnType::writer);
+    auto status = restarted(tables, round % 2 == 0 ? 0.1 : 0.0);
+    ASSERT_TRUE(status) << "round " << round;
+    EXPECT_GT(tables->groupCount(), 0u) << "round " << round;
+    EXPECT_EQ(MirrorTest::mismatch(*status, *tables), "") << "round " << round;
+    for (auto it = tables->groupIntfIterator(); it; ++it) {
+      EXPECT_TRUE(status->group(it.key().groupAddr())) << "stale record left: " << it.key();
+    }
+  }
 }
 
 }  // namespace
