@@ -74,11 +74,18 @@ Kiv::String8 stringValue(GroupStates::UpJoinState v) {
 Kiv::String8 stringValue(GroupIntfStates::JoinState v) {
   return kJoinState.stringValue(v);
 }
+// Built by appending: `"'" + text` trips a false -Wrestrict of GCC 12 at -O3.
 Kiv::String8 valueToStrep(GroupStates::UpJoinState v) {
-  return "'" + stringValue(v) + "'";
+  std::string text = "'";
+  text += stringValue(v);
+  text += '\'';
+  return text;
 }
 Kiv::String8 valueToStrep(GroupIntfStates::JoinState v) {
-  return "'" + stringValue(v) + "'";
+  std::string text = "'";
+  text += stringValue(v);
+  text += '\'';
+  return text;
 }
 std::ostream& operator<<(std::ostream& os, GroupStates::UpJoinState v) {
   return os << stringValue(v);

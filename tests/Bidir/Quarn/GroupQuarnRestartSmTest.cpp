@@ -1,6 +1,7 @@
 // The restart review: slices of a clock (a manual clock here, the activity's clock across real
-// processes), stale interface records by role, the trace lines, and an agent killed at random
-// moments of churn whose successor takes back exactly what the tables hold.
+// processes), stale interface records by role, the trace lines, a writer that waits for the end
+// of the review, and an agent killed at random moments of churn whose successor takes back
+// exactly what the tables hold.
 
 #include "Bidir/Quarn/GroupQuarnRestartSm.h"
 
@@ -12,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "Bidir/Quarn/GroupQuarnWriterSm.h"
 #include "Mirror.h"
 #include "Quarn/TestRecord.h"
 #include "Quarn/Util.h"
@@ -40,65 +42,59 @@ struct ManualClock : Kiv::Clock {
   void fire() const { tick(); }
 };
 
-// The state of a restarted agent, taken back from `tables` on the activity's clock.
-Kiv::Ptr<Bidir::Status> restarted(Kiv::Ptr<BQ::Status> const& tables, double quantum) {
-  auto status = Bidir::statusFactory("agent");
+// Takes `status` back from `tables` on the activity's clock; false if it does not finish.
+bool restarted(Kiv::Ptr<Bidir::Status> const& status, Kiv::Ptr<BQ::Status> const& tables,
+               double quantum) {
   auto sm = BQ::groupQuarnRestartSmFactory(status, tables, KivQuarnType::writer,
                                            Kiv::newPtr<Kiv::ActivityClock>());
   sm->reviewQuantumIs(quantum);
-  bool const done = TestSupport::runUntil(
+  return TestSupport::runUntil(
       Kiv::Activity::current(), [&] { return status->initialized(); }, 60);
-  return done ? status : nullptr;
 }
 
-// One RFC 5015-shaped change of the agent's state, exported as the writer does it: a new group's
-// interface records before its own, a leaving group's after them.
-void churn(Bidir::Status& status, BQ::Status& tables, std::mt19937& rng) {
+// One RFC 5015-shaped change of the agent's state, through the entities' setters.
+void churn(Bidir::Status& status, std::mt19937& rng) {
   auto pick = [&](unsigned n) { return static_cast<unsigned>(rng() % n); };
   auto eth = [](unsigned n) { return Lanx::IntfId("Ethernet" + std::to_string(n)); };
   Lanx::IpGenAddr const a = addr(1 + pick(40));
   Kiv::Ptr<Bidir::Group> g = status.group(a);
-  auto exportIntf = [&](Bidir::GroupIntf& gi) {
+  auto joins = [&](Bidir::GroupIntf& gi) {
     gi.joinStateIs(Bidir::GroupIntf::JoinState(pick(3)));
     gi.iAmDfIs(pick(4) != 0);
     gi.lastJoinReceivedIs(pick(1000));
-    tables.groupIntfIs(MirrorTest::recordOf(a, gi));
   };
   if (!g) {
     g = status.groupIs(a);
     g->creationTimeIs(pick(1000));
     for (unsigned i = 1; i <= 8; ++i) {
-      if (pick(2) == 0) exportIntf(*g->groupIntfIs(eth(i)));
+      if (pick(2) == 0) joins(*g->groupIntfIs(eth(i)));
     }
-    tables.groupIs(MirrorTest::recordOf(*g));
   } else if (pick(6) == 0) {
-    for (auto const& gi : g->groupIntfIter()) tables.groupIntfDel(GroupIntfKey(a, gi.intfId()));
-    tables.groupDel(a);
     status.groupDel(a);
   } else if (pick(3) == 0) {
     g->upJoinStateIs(Bidir::Group::UpJoinState(pick(2)));
     g->inactiveIs(pick(2) == 0);
-    tables.groupIs(MirrorTest::recordOf(*g));
   } else if (Lanx::IntfId const intf = eth(1 + pick(8)); pick(4) == 0) {
-    tables.groupIntfDel(GroupIntfKey(a, intf));
     g->groupIntfDel(intf);
   } else {
-    exportIntf(*g->groupIntfIs(intf));
+    joins(*g->groupIntfIs(intf));
   }
 }
 
-// The agent: takes its state back, says so in <root>/churning, then changes it until killed.
+// The agent: takes its state back while its writer waits, says so in <root>/churning, then
+// changes its state (exported by the writer) until killed.
 int agentChild(std::string const& arg) {
   std::string const rootDir = arg.substr(0, arg.find(' '));
   std::mt19937 rng(std::stoul(arg.substr(arg.find(' ') + 1)));
   ::setenv("QUARN_ROOT", rootDir.c_str(), 1);
   auto tables = BQ::statusFactory("quarn");
   tables->mount(Quarn::QuarnType::writer);
-  auto status = restarted(tables, 0.1);
-  if (!status) return 1;
+  auto status = Bidir::statusFactory("agent");
+  auto writer = BQ::groupQuarnWriterSmFactory(status, tables);
+  if (!restarted(status, tables, 0.1)) return 1;
   Quarn::Util::fileWriteAtomic(rootDir + "/churning", "yes");
   for (;;) {
-    for (int i = 0; i < 50; ++i) churn(*status, *tables, rng);
+    for (int i = 0; i < 50; ++i) churn(*status, rng);
     Kiv::Activity::current().runOnce(0);
   }
 }
@@ -206,6 +202,48 @@ TEST_F(GroupQuarnRestartSmTest, EmptyTablesFinishInTheFirstSlice) {
   EXPECT_TRUE(trace.lines()[1].ends_with(")::doReview(), Quarn groups: 0, Status groups: 0"));
 }
 
+// Counts what reaches the tables (writes and removals).
+struct TableChanges : BQ::Status::Notifiee {
+  int count = 0;
+  void onGroup(Lanx::IpGenAddr const&) override { ++count; }
+  void onGroupIntf(GroupIntfKey const&) override { ++count; }
+};
+
+TEST_F(GroupQuarnRestartSmTest, WriterWritesNothingUntilTheReviewEnds) {
+  auto tables = BQ::statusFactory("quarn");
+  for (std::uint32_t g = 1; g <= 5; ++g) {
+    BQ::Group r;
+    r.key = addr(g);
+    r.creationTime = g;
+    tables->newGroup(r);
+    for (std::uint32_t i = 1; i <= 3; ++i) {
+      BQ::GroupIntf ri;
+      ri.key = intfKey(g, i);
+      ri.forward = true;
+      tables->newGroupIntf(ri);
+    }
+  }
+  auto changes = Kiv::newPtr<TableChanges>();
+  changes->notifierIs(tables);
+  QuarnTest::TraceCapture trace{"PimBidir::QuarnWriter", 7};
+  auto status = Bidir::statusFactory("agent");
+  auto writer = BQ::groupQuarnWriterSmFactory(status, tables);
+  auto clock = Kiv::newPtr<ManualClock>();
+  auto sm = BQ::groupQuarnRestartSmFactory(status, tables, KivQuarnType::writer, clock);
+  sm->reviewQuantumIs(0.0);
+  while (clock->timeMin() != Kiv::Clock::never) {
+    clock->fire();
+    ASSERT_EQ(changes->count, 0);
+  }
+  EXPECT_TRUE(status->initialized());
+  EXPECT_EQ(MirrorTest::mismatch(*status, *tables), "");
+  EXPECT_EQ(trace.count("), status uninitialized"), 5u);
+  EXPECT_EQ(trace.count("), status unintialized"), 15u);
+  status->group(addr(2))->inactiveIs(true);
+  EXPECT_EQ(changes->count, 1);
+  EXPECT_TRUE(tables->group(addr(2)).inactive);
+}
+
 TEST_F(GroupQuarnRestartSmTest, AgentKilledDuringChurnIsTakenBackFromTheTables) {
   TestSupport::Children children{"GROUP_QUARN_RESTART_AGENT"};
   std::mt19937 rng(11);
@@ -220,8 +258,8 @@ TEST_F(GroupQuarnRestartSmTest, AgentKilledDuringChurnIsTakenBackFromTheTables) 
 
     auto tables = BQ::statusFactory("quarn");
     tables->mount(Quarn::QuarnType::writer);
-    auto status = restarted(tables, round % 2 == 0 ? 0.1 : 0.0);
-    ASSERT_TRUE(status) << "round " << round;
+    auto status = Bidir::statusFactory("agent");
+    ASSERT_TRUE(restarted(status, tables, round % 2 == 0 ? 0.1 : 0.0)) << "round " << round;
     EXPECT_GT(tables->groupCount(), 0u) << "round " << round;
     EXPECT_EQ(MirrorTest::mismatch(*status, *tables), "") << "round " << round;
     for (auto it = tables->groupIntfIterator(); it; ++it) {
