@@ -120,16 +120,17 @@ void GroupQuarnRestartSm::reviewWalk(Iterator it, Handle const& handle,
   done = true;
 }
 
+Status::GroupIterator GroupQuarnRestartSm::groupReviewStart() const {
+  if (!quarnStatus_) return {};
+  return !reviewBookmark_ ? quarnStatus_->groupIterator()
+                          : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
+}
+
 void GroupQuarnRestartSm::doReviewGroups() {
   RESTART_TRACE(8, "doReviewGroups");
   if (reviewedGroups_) return;
-  Status::GroupIterator start;
-  if (quarnStatus_) {
-    start = !reviewBookmark_ ? quarnStatus_->groupIterator()
-                             : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
-  }
   reviewWalk(
-      start,
+      groupReviewStart(),
       [this](Group const& record) {
         doUpdateGroup(status_->groupIs(record.key), record);
         RESTART_TRACE(4, "doReviewGroups(), Updated group ", record.key);
@@ -166,13 +167,8 @@ void GroupQuarnRestartSm::doReviewGroupIntfs() {
 void GroupQuarnRestartSm::doInitializeGroups() {
   RESTART_TRACE(8, "doInitializeGroups");
   if (initializedGroups_) return;
-  Status::GroupIterator start;
-  if (quarnStatus_) {
-    start = !reviewBookmark_ ? quarnStatus_->groupIterator()
-                             : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
-  }
   reviewWalk(
-      start,
+      groupReviewStart(),
       [this](Group const& record) {
         Kiv::Ptr<Bidir::Group> const group = status_->group(record.key);
         if (!group) return false;

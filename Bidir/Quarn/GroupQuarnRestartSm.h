@@ -104,6 +104,8 @@ class GroupQuarnRestartSm : public Kiv::StateMachine {
 
  private:
   double now() const;
+  // Where a walk of the group table begins: the bookmarked group, or the first record.
+  Status::GroupIterator groupReviewStart() const;
   // The common walk of the phases: from the bookmarked record (or the first), `handle(record)`
   // answers whether the record was handled (false: passed over); sets `done` at the end.
   template <class Iterator, class Handle, class BookmarkOf>
