@@ -32,23 +32,22 @@ Kiv::TraceHandle& th() {
 // ---- reactor
 
 void GroupQuarnReaderSm::KivQuarnStatus::onGroup(Lanx::IpGenAddr const& key) {
-  if (zombie_) return;
-  // A handler may drop the last outside reference to the state machine.
-  if (Kiv::Ptr<GroupQuarnReaderSm> const sm = sm_) sm->handleQuarnGroup(key);
+  if (!kivAlive()) return;
+  Kiv::liveRef(owner())->handleQuarnGroup(key);
 }
 
 void GroupQuarnReaderSm::KivQuarnStatus::onGroupIntf(GroupIntfKey const& key) {
-  if (zombie_) return;
-  if (Kiv::Ptr<GroupQuarnReaderSm> const sm = sm_) sm->handleQuarnGroupIntf(key);
+  if (!kivAlive()) return;
+  Kiv::liveRef(owner())->handleQuarnGroupIntf(key);
 }
 
 // ---- state machine
 
 GroupQuarnReaderSm::GroupQuarnReaderSm(Kiv::Ptr<Bidir::Status> const& status)
-    : Kiv::Entity("GroupQuarnReaderSm"), status_(status) {}
+    : Kiv::StateMachine("GroupQuarnReaderSm"), status_(status) {}
 
 GroupQuarnReaderSm::~GroupQuarnReaderSm() {
-  quarnStatusDel();
+  kivDoZombieReactors(true);
 }
 
 Kiv::AttributeTable const& GroupQuarnReaderSm::attributeTable() const {
@@ -56,7 +55,7 @@ Kiv::AttributeTable const& GroupQuarnReaderSm::attributeTable() const {
 }
 
 Kiv::Ptr<Status const> GroupQuarnReaderSm::quarnStatus() const {
-  return kivQuarnStatus_ ? kivQuarnStatus_->notifier() : nullptr;
+  return kivQuarnStatus_.reactor() ? kivQuarnStatus_.reactor()->notifier() : nullptr;
 }
 
 void GroupQuarnReaderSm::handleQuarnGroup(Lanx::IpGenAddr const& address) {
@@ -108,39 +107,20 @@ void GroupQuarnReaderSm::handleInitialized() {
   initialized_ = true;
 }
 
-void GroupQuarnReaderSm::hasNotificationActiveIs(bool active) {
-  if (kivQuarnStatus_) kivQuarnStatus_->isRegisteredNotifieeIs(active);
-}
-
-void GroupQuarnReaderSm::kivDoZombieReactors(bool zombie) {
-  if (kivQuarnStatus_) kivQuarnStatus_->zombieIs(zombie);
-}
-
 Kiv::Ptr<GroupQuarnReaderSm::KivQuarnStatus> GroupQuarnReaderSm::quarnStatusIs(
     Kiv::Ptr<Status const> const& quarnStatus) {
-  if (kivQuarnStatus_ && kivQuarnStatus_->notifier() == quarnStatus) return kivQuarnStatus_;
+  if (quarnStatus && quarnStatus == this->quarnStatus()) return kivQuarnStatus_.reactor();
   return newQuarnStatus(quarnStatus);
 }
 
 Kiv::Ptr<GroupQuarnReaderSm::KivQuarnStatus> GroupQuarnReaderSm::newQuarnStatus(
     Kiv::Ptr<Status const> const& quarnStatus) {
   if (!quarnStatus) {
-    throw Kiv::NullArgumentException(
-        "null _quarnStatus parameter to mutator for "
-        "Routing::Pim::Bidir::Quarn::GroupQuarnReaderSm::quarnStatus not allowed\"");
+    Kiv::throwNullArgument("_quarnStatus",
+                           "Routing::Pim::Bidir::Quarn::GroupQuarnReaderSm::quarnStatus");
   }
-  quarnStatusDel();
-  kivQuarnStatus_ = Kiv::newPtr<KivQuarnStatus>(quarnStatus);
-  kivQuarnStatus_->groupQuarnReaderSmIs(this);
-  return kivQuarnStatus_;
-}
-
-void GroupQuarnReaderSm::quarnStatusDel() {
-  Kiv::Ptr<KivQuarnStatus> const reactor = std::move(kivQuarnStatus_);
-  if (!reactor) return;
-  reactor->zombieIs(true);
-  reactor->groupQuarnReaderSmIs(nullptr);
-  reactor->notifierIs(nullptr);
+  kivQuarnStatus_.reactorIs(Kiv::newPtr<KivQuarnStatus>(quarnStatus, this));
+  return kivQuarnStatus_.reactor();
 }
 
 Kiv::Ptr<GroupQuarnReaderSm> groupQuarnReaderSmFactory(Kiv::Ptr<Bidir::Status> const& status,

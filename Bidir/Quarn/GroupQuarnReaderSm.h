@@ -14,20 +14,18 @@
 // Corruption met by a lookup is reported once to the table front and the key is then absent, so
 // the local entity goes. Nothing here is raised as an exception.
 //
-// Handlers run on the process's activity, synchronously inside the table's notification. The
-// nested reactor holds a raw back pointer to this state machine; the destructor turns it into a
-// zombie and clears that pointer, so a reactor kept alive by a walk in progress does nothing.
+// Handlers run on the process's activity, synchronously inside the table's notification.
 
 #include "Bidir/GroupIntfKey.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
-#include "Kiv/Entity.h"
 #include "Kiv/Ptr.h"
+#include "Kiv/Reactor.h"
 #include "Lanx/IpGenAddr.h"
 
 namespace Routing::Pim::Bidir::Quarn {
 
-class GroupQuarnReaderSm : public Kiv::Entity {
+class GroupQuarnReaderSm : public Kiv::StateMachine {
  public:
   static constexpr char const* typeName = "Routing::Pim::Bidir::Quarn::GroupQuarnReaderSm";
 
@@ -40,23 +38,20 @@ class GroupQuarnReaderSm : public Kiv::Entity {
   };
 
   // Notifiee of the table root: every keyed change goes to the state machine while alive.
-  class KivQuarnStatus : public Status::NotifieeConst {
+  class KivQuarnStatus : public Kiv::Reactor<Status::NotifieeConst, GroupQuarnReaderSm> {
    public:
-    explicit KivQuarnStatus(Kiv::Ptr<Status const> const& quarnStatus) { notifierIs(quarnStatus); }
-    GroupQuarnReaderSm* groupQuarnReaderSm() const noexcept { return sm_; }
-    void groupQuarnReaderSmIs(GroupQuarnReaderSm* sm) noexcept { sm_ = sm; }
-    bool zombie() const noexcept { return zombie_; }
-    void zombieIs(bool zombie) noexcept { zombie_ = zombie; }
+    KivQuarnStatus(Kiv::Ptr<Status const> const& quarnStatus, GroupQuarnReaderSm* sm)
+        : Reactor(sm) {
+      notifierIs(quarnStatus);
+    }
+    GroupQuarnReaderSm* groupQuarnReaderSm() const noexcept { return owner(); }
+    void groupQuarnReaderSmIs(GroupQuarnReaderSm* sm) noexcept { ownerIs(sm); }
 
     void onGroup(Lanx::IpGenAddr const& key) override;
     void onGroupIntf(GroupIntfKey const& key) override;
     // A reader does not resynchronise on an immediate notification.
     void onGroupkivImmediate() override {}
     void onGroupIntfkivImmediate() override {}
-
-   private:
-    GroupQuarnReaderSm* sm_ = nullptr;
-    bool zombie_ = false;
   };
 
   explicit GroupQuarnReaderSm(Kiv::Ptr<Bidir::Status> const& status);
@@ -71,21 +66,16 @@ class GroupQuarnReaderSm : public Kiv::Entity {
   void handleQuarnGroupIntf(GroupIntfKey const& key);
   void handleInitialized();
 
-  // Switches delivery to the reactor off and on.
-  void hasNotificationActiveIs(bool active);
-  // A zombie reactor stays registered but does nothing.
-  void kivDoZombieReactors(bool zombie);
-
   // The reactor for `quarnStatus`, created (replacing one for another root) when absent.
   Kiv::Ptr<KivQuarnStatus> quarnStatusIs(Kiv::Ptr<Status const> const& quarnStatus);
   Kiv::Ptr<KivQuarnStatus> newQuarnStatus(Kiv::Ptr<Status const> const& quarnStatus);
-  void quarnStatusDel();
+  void quarnStatusDel() { kivQuarnStatus_.reactorIs(nullptr); }
 
   Kiv::AttributeTable const& attributeTable() const override;
 
  private:
   Kiv::Ptr<Bidir::Status> const status_;
-  Kiv::Ptr<KivQuarnStatus> kivQuarnStatus_;
+  Kiv::ReactorPtr<KivQuarnStatus> kivQuarnStatus_{*this};
   bool initialized_ = false;
 };
 

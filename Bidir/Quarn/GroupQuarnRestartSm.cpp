@@ -54,9 +54,8 @@ std::ostream& operator<<(std::ostream& os, GroupQuarnRestartSm const& sm) {
 // ---- reactors
 
 void GroupQuarnRestartSm::KivClock::onTime() {
-  if (zombie_) return;
-  // The slice's handlers may drop the last outside reference to the state machine.
-  if (Kiv::Ptr<GroupQuarnRestartSm> const sm = sm_) sm->doReview();
+  if (!kivAlive()) return;
+  Kiv::liveRef(owner())->doReview();
 }
 
 // ---- state machine
@@ -65,24 +64,17 @@ GroupQuarnRestartSm::GroupQuarnRestartSm(Kiv::Ptr<Bidir::Status> const& status,
                                          Kiv::Ptr<Status> const& quarnStatus,
                                          KivQuarn::KivQuarnType role,
                                          Kiv::Ptr<Kiv::Clock const> const& clock)
-    : Kiv::Entity("GroupQuarnRestartSm"),
-      activity_(&Kiv::Activity::current()),
+    : Kiv::StateMachine("GroupQuarnRestartSm"),
       status_(status),
       quarnStatus_(quarnStatus),
       role_(role),
       clock_(clock) {
-  if (clock_) {
-    kivClock_ = std::make_unique<KivClock>(clock_.ptr());
-    kivClock_->groupQuarnRestartSmIs(this);
-  }
-  if (quarnStatus_) kivQuarnStatus_ = Kiv::newPtr<KivQuarnStatus>(quarnStatus_);
+  if (clock_) kivClock_.reactorIs(Kiv::newPtr<KivClock>(clock_.ptr(), this));
+  if (quarnStatus_) kivQuarnStatus_.reactorIs(Kiv::newPtr<KivQuarnStatus>(quarnStatus_, this));
 }
 
 GroupQuarnRestartSm::~GroupQuarnRestartSm() {
   kivDoZombieReactors(true);
-  if (kivClock_) kivClock_->groupQuarnRestartSmIs(nullptr);
-  kivClock_.reset();
-  if (kivQuarnStatus_) kivQuarnStatus_->notifierIs(nullptr);
 }
 
 Kiv::AttributeTable const& GroupQuarnRestartSm::attributeTable() const {
@@ -128,16 +120,17 @@ void GroupQuarnRestartSm::reviewWalk(Iterator it, Handle const& handle,
   done = true;
 }
 
+Status::GroupIterator GroupQuarnRestartSm::groupReviewStart() const {
+  if (!quarnStatus_) return {};
+  return !reviewBookmark_ ? quarnStatus_->groupIterator()
+                          : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
+}
+
 void GroupQuarnRestartSm::doReviewGroups() {
   RESTART_TRACE(8, "doReviewGroups");
   if (reviewedGroups_) return;
-  Status::GroupIterator start;
-  if (quarnStatus_) {
-    start = !reviewBookmark_ ? quarnStatus_->groupIterator()
-                             : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
-  }
   reviewWalk(
-      start,
+      groupReviewStart(),
       [this](Group const& record) {
         doUpdateGroup(status_->groupIs(record.key), record);
         RESTART_TRACE(4, "doReviewGroups(), Updated group ", record.key);
@@ -174,13 +167,8 @@ void GroupQuarnRestartSm::doReviewGroupIntfs() {
 void GroupQuarnRestartSm::doInitializeGroups() {
   RESTART_TRACE(8, "doInitializeGroups");
   if (initializedGroups_) return;
-  Status::GroupIterator start;
-  if (quarnStatus_) {
-    start = !reviewBookmark_ ? quarnStatus_->groupIterator()
-                             : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
-  }
   reviewWalk(
-      start,
+      groupReviewStart(),
       [this](Group const& record) {
         Kiv::Ptr<Bidir::Group> const group = status_->group(record.key);
         if (!group) return false;
@@ -195,15 +183,6 @@ void GroupQuarnRestartSm::handleInitialized() {
   RESTART_TRACE(8, "handleInitialized");
   initialized_ = true;
   if (clock_) clock_->timeMinIs(now());
-}
-
-void GroupQuarnRestartSm::hasNotificationActiveIs(bool active) {
-  if (kivClock_) kivClock_->notifierIs(active ? clock_.ptr() : nullptr);
-  if (kivQuarnStatus_) kivQuarnStatus_->isRegisteredNotifieeIs(active);
-}
-
-void GroupQuarnRestartSm::kivDoZombieReactors(bool zombie) {
-  if (kivClock_) kivClock_->zombieIs(zombie);
 }
 
 Kiv::Ptr<GroupQuarnRestartSm> groupQuarnRestartSmFactory(Kiv::Ptr<Bidir::Status> const& status,

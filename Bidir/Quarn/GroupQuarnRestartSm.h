@@ -27,20 +27,18 @@
 // line and the interface lines show addresses of key copies, not the keys' text.
 
 #include <iosfwd>
-#include <memory>
 
 #include "Bidir/GroupIntfKey.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
-#include "Kiv/Activity.h"
 #include "Kiv/Clock.h"
-#include "Kiv/Entity.h"
 #include "Kiv/Ptr.h"
+#include "Kiv/Reactor.h"
 #include "KivQuarn/KivQuarnType.h"
 
 namespace Routing::Pim::Bidir::Quarn {
 
-class GroupQuarnRestartSm : public Kiv::Entity {
+class GroupQuarnRestartSm : public Kiv::StateMachine {
  public:
   static constexpr char const* typeName = "Routing::Pim::Bidir::Quarn::GroupQuarnRestartSm";
 
@@ -62,31 +60,24 @@ class GroupQuarnRestartSm : public Kiv::Entity {
   };
 
   // Runs one slice of the review on each tick while alive.
-  class KivClock : public Kiv::Clock::Notifiee {
+  class KivClock : public Kiv::Reactor<Kiv::Clock::Notifiee, GroupQuarnRestartSm> {
    public:
-    explicit KivClock(Kiv::Clock const* clock) : Notifiee(clock) {}
-    GroupQuarnRestartSm* groupQuarnRestartSm() const noexcept { return sm_; }
-    void groupQuarnRestartSmIs(GroupQuarnRestartSm* sm) noexcept { sm_ = sm; }
-    bool zombie() const noexcept { return zombie_; }
-    void zombieIs(bool zombie) noexcept { zombie_ = zombie; }
+    KivClock(Kiv::Clock const* clock, GroupQuarnRestartSm* sm) : Reactor(sm) { notifierIs(clock); }
     void onTime() override;
-
-   private:
-    GroupQuarnRestartSm* sm_ = nullptr;
-    bool zombie_ = false;
   };
 
   // Holds the registration with the table root; it handles no notification.
-  class KivQuarnStatus : public Status::Notifiee {
+  class KivQuarnStatus : public Kiv::Reactor<Status::Notifiee, GroupQuarnRestartSm> {
    public:
-    explicit KivQuarnStatus(Kiv::Ptr<Status> const& quarnStatus) { notifierIs(quarnStatus); }
+    KivQuarnStatus(Kiv::Ptr<Status> const& quarnStatus, GroupQuarnRestartSm* sm) : Reactor(sm) {
+      notifierIs(quarnStatus);
+    }
   };
 
   GroupQuarnRestartSm(Kiv::Ptr<Bidir::Status> const& status, Kiv::Ptr<Status> const& quarnStatus,
                       KivQuarn::KivQuarnType role, Kiv::Ptr<Kiv::Clock const> const& clock);
   ~GroupQuarnRestartSm() override;
 
-  Kiv::Activity& kivFwkActivity() const noexcept { return *activity_; }
   Kiv::Ptr<Bidir::Status> const& status() const noexcept { return status_; }
   Kiv::Ptr<Status> const& quarnStatus() const noexcept { return quarnStatus_; }
   KivQuarn::KivQuarnType role() const noexcept { return role_; }
@@ -100,7 +91,8 @@ class GroupQuarnRestartSm : public Kiv::Entity {
   double reviewStopTime() const noexcept { return reviewStopTime_; }
   bool initialized() const noexcept { return initialized_; }
 
-  // One slice (see the class comment); only its entry line while not initialized.
+  // One slice (see the class comment); only its entry line while not initialized. Without a
+  // clock nothing paces the review: the owner calls doReview until Status::initialized.
   void doReview();
   void doReviewGroups();
   void doReviewGroupIntfs();
@@ -108,23 +100,17 @@ class GroupQuarnRestartSm : public Kiv::Entity {
   // Marks the state machine initialized and asks the clock for a tick at now.
   void handleInitialized();
 
-  // Switches delivery to the reactors off and on.
-  void hasNotificationActiveIs(bool active);
-  // Zombie reactors stay registered but do nothing.
-  void kivDoZombieReactors(bool zombie);
-
   Kiv::AttributeTable const& attributeTable() const override;
 
  private:
-  friend std::ostream& operator<<(std::ostream& os, GroupQuarnRestartSm const& sm);
-
   double now() const;
+  // Where a walk of the group table begins: the bookmarked group, or the first record.
+  Status::GroupIterator groupReviewStart() const;
   // The common walk of the phases: from the bookmarked record (or the first), `handle(record)`
   // answers whether the record was handled (false: passed over); sets `done` at the end.
   template <class Iterator, class Handle, class BookmarkOf>
   void reviewWalk(Iterator it, Handle const& handle, BookmarkOf const& bookmarkOf, bool& done);
 
-  Kiv::Activity* const activity_;
   Kiv::Ptr<Bidir::Status> const status_;
   Kiv::Ptr<Status> const quarnStatus_;
   KivQuarn::KivQuarnType const role_;
@@ -136,8 +122,8 @@ class GroupQuarnRestartSm : public Kiv::Entity {
   double reviewQuantum_ = 0.1;
   double reviewStopTime_ = 0.0;
   bool initialized_ = false;
-  std::unique_ptr<KivClock> kivClock_;
-  Kiv::Ptr<KivQuarnStatus> kivQuarnStatus_;
+  Kiv::ReactorPtr<KivClock> kivClock_{*this};
+  Kiv::ReactorPtr<KivQuarnStatus> kivQuarnStatus_{*this};
 };
 
 // The text form: "GroupQuarnRestart(0x<address>)::", leaving `os` in hexadecimal.

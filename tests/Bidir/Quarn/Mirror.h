@@ -1,8 +1,7 @@
 #pragma once
 // Whether a Status holds exactly what the group tables hold: one Group per group record and one
 // GroupIntf per interface record of a present group, every field equal. Interface records whose
-// group record is absent are stale and expected nowhere. Answers "" or the first difference, so a
-// child process can report it too.
+// group record is absent are stale and expected nowhere. Answers "" or the first difference.
 
 #include <sstream>
 #include <string>
@@ -37,34 +36,23 @@ inline BQ::GroupIntf recordOf(Lanx::IpGenAddr const& group, Bidir::GroupIntf con
 
 inline std::string mismatch(Bidir::Status const& status, BQ::Status const& tables) {
   std::ostringstream os;
-  std::size_t groupIntfs = 0;
+  std::size_t intfs = 0, live = 0;
   for (auto const& g : status.groupIter()) {
-    if (tables.group(g.groupAddr()) != recordOf(g)) {
-      os << "group " << g.groupAddr() << ": " << recordOf(g) << " vs " << tables.group(g.groupAddr());
-      return os.str();
-    }
+    if (tables.group(g.groupAddr()) != recordOf(g)) os << recordOf(g) << " not in the table; ";
     for (auto const& i : g.groupIntfIter()) {
-      BQ::GroupIntf const local = recordOf(g.groupAddr(), i);
-      if (tables.groupIntf(local.key) != local) {
-        os << "intf " << local.key << ": " << local << " vs " << tables.groupIntf(local.key);
-        return os.str();
-      }
-      ++groupIntfs;
+      BQ::GroupIntf const r = recordOf(g.groupAddr(), i);
+      if (tables.groupIntf(r.key) != r) os << r << " not in the table; ";
+      ++intfs;
     }
   }
-  if (status.groupCount() != tables.groupCount()) {
-    os << status.groupCount() << " groups vs " << tables.groupCount() << " records";
-    return os.str();
-  }
-  std::size_t live = 0;
   for (auto it = tables.groupIntfIterator(); it; ++it) {
     live += tables.group(it.key().groupAddr()) != BQ::Group();
   }
-  if (groupIntfs != live) {
-    os << groupIntfs << " interfaces vs " << live << " records";
-    return os.str();
+  if (status.groupCount() != tables.groupCount() || intfs != live) {
+    os << status.groupCount() << " groups, " << intfs << " interfaces against "
+       << tables.groupCount() << " and " << live << " records";
   }
-  return {};
+  return os.str();
 }
 
 }  // namespace MirrorTest
