@@ -7,7 +7,8 @@ namespace Routing::Pim::Bidir::Quarn {
 void doUpdateGroup(Kiv::Ptr<Bidir::Group> const& group, Group const& record) {
   VESP_BLOCK("doUpdateGroup");
   if (!group) return;
-  group->creationTimeIs(record.creationTime);
+  // The setters take a reference: packed doubles are copied out first (they may be misaligned).
+  group->creationTimeIs(double(record.creationTime));
   group->upJoinStateIs(record.upJoinState);
   group->inactiveIs(record.inactive);
 }
@@ -17,7 +18,7 @@ void doUpdateGroupIntf(Kiv::Ptr<Bidir::GroupIntf> const& groupIntf, GroupIntf co
   if (!groupIntf) return;
   groupIntf->forwardIs(record.forward);
   groupIntf->joinStateIs(record.joinState);
-  groupIntf->lastJoinReceivedIs(record.lastJoinReceived);
+  groupIntf->lastJoinReceivedIs(double(record.lastJoinReceived));
   groupIntf->localReceiverIncludeIs(record.localReceiverInclude);
   groupIntf->iAmDfIs(record.iAmDf);
 }
