@@ -5,7 +5,8 @@
 //
 // Conversion to a given C++ type (`to<T>()`), in this order:
 //   - the held value is a T: a copy of it;
-//   - T and the held value are both integers (or enumerations): the number, if T can hold it;
+//   - T and the held value are both integers (the held one may be an enumeration; Booleans are
+//     not numbers): the number, if T can hold it;
 //   - otherwise the held value's text form read as a T (valueToStrep, then strepToValue<T>).
 // Anything else yields nothing (the caller names what failed); a text that T refuses raises T's
 // range exception, which names the bad value.
@@ -85,7 +86,7 @@ class Value {
       }
     }
     std::optional<std::int64_t> integer() const override {
-      if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
+      if constexpr ((std::is_integral_v<T> && !std::is_same_v<T, bool>) || std::is_enum_v<T>) {
         if constexpr (std::is_unsigned_v<T> && sizeof(T) >= sizeof(std::int64_t)) {
           if (value > static_cast<T>(INT64_MAX)) return std::nullopt;
         }
@@ -95,7 +96,7 @@ class Value {
       }
     }
     std::optional<std::uint64_t> unsignedInteger() const override {
-      if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
+      if constexpr ((std::is_integral_v<T> && !std::is_same_v<T, bool>) || std::is_enum_v<T>) {
         if constexpr (std::is_signed_v<T>) {
           if (value < 0) return std::nullopt;
         }

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -119,19 +118,22 @@ std::string kivTypeSection() {
   Dl_info info{};
   if (dladdr(reinterpret_cast<void*>(&kivTypeNames), &info) == 0) return "no library";
   std::ifstream in(info.dli_fname, std::ios::binary);
-  std::string const file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  Elf64_Ehdr eh;
-  std::memcpy(&eh, file.data(), sizeof eh);
-  auto section = [&](std::size_t i) {
-    Elf64_Shdr sh;
-    std::memcpy(&sh, file.data() + eh.e_shoff + i * eh.e_shentsize, sizeof sh);
-    return sh;
+  auto read = [&](std::size_t offset, std::size_t size) {
+    std::string bytes(size, '\0');
+    in.seekg(static_cast<std::streamoff>(offset));
+    in.read(bytes.data(), static_cast<std::streamsize>(size));
+    return bytes;
   };
-  Elf64_Shdr const names = section(eh.e_shstrndx);
-  for (std::size_t i = 0; i < eh.e_shnum; ++i) {
-    Elf64_Shdr const sh = section(i);
-    if (std::strcmp(file.data() + names.sh_offset + sh.sh_name, ".kiv.type") == 0) {
-      return file.substr(sh.sh_offset, sh.sh_size);
+  Elf64_Ehdr eh;
+  std::memcpy(&eh, read(0, sizeof eh).data(), sizeof eh);
+  std::vector<Elf64_Shdr> sections(eh.e_shnum);
+  std::memcpy(sections.data(), read(eh.e_shoff, eh.e_shnum * sizeof(Elf64_Shdr)).data(),
+              eh.e_shnum * sizeof(Elf64_Shdr));
+  auto const& names = sections.at(eh.e_shstrndx);
+  std::string const nameTable = read(names.sh_offset, names.sh_size);
+  for (auto const& sh : sections) {
+    if (std::strcmp(nameTable.c_str() + sh.sh_name, ".kiv.type") == 0) {
+      return read(sh.sh_offset, sh.sh_size);
     }
   }
   return "no section";
