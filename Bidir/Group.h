@@ -184,17 +184,15 @@ class Group : public Kiv::Entity, public GroupStates {
             "upJoinState", Attr::upJoinState, "Routing::Pim::Bidir::Group::UpJoinState"),
         Kiv::collection<&G::groupIntfCount>(
             "groupIntf", Attr::groupIntf, "Routing::Pim::Bidir::GroupIntf", "intfId",
-            "Lanx::IntfId",
-            [](Group const& g, Lanx::IntfId const& k) { return g.groupIntf(k); }),
+            "Lanx::IntfId", [](Group const& g, Lanx::IntfId const& k) { return g.groupIntf(k); }),
         Kiv::property<&G::neighborGenIdChanged, &G::neighborGenIdChangedIs>(
             "neighborGenIdChanged", Attr::neighborGenIdChanged, "U8", Kind::counter),
         Kiv::property<&G::rpfChanged, &G::rpfChangedIs>("rpfChanged", Attr::rpfChanged, "U8",
                                                         Kind::counter),
-        Kiv::property<&G::inactiveCount, &G::inactiveCountIs>(
-            "inactiveCount", Attr::inactiveCount, "U8", Kind::counter),
+        Kiv::property<&G::inactiveCount, &G::inactiveCountIs>("inactiveCount", Attr::inactiveCount,
+                                                              "U8", Kind::counter),
         Kiv::property<&G::inactive, &G::inactiveIs>("inactive", Attr::inactive, "Bool"),
-        Kiv::property<&G::initialized, &G::initializedIs>("initialized", Attr::initialized,
-                                                          "Bool"),
+        Kiv::property<&G::initialized, &G::initializedIs>("initialized", Attr::initialized, "Bool"),
         Kiv::property<&G::routeKey>("routeKey", Attr::routeKey, "Routing::Pim::RouteKey",
                                     Kind::computed),
         Kiv::property<&G::bidirStatus>("bidirStatus", Attr::bidirStatus,

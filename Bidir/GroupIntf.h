@@ -90,8 +90,8 @@ class GroupIntf : public Kiv::Entity, public GroupIntfStates {
                                        "Routing::Pim::Bidir::Group", Kind::parentReference),
         Kiv::property<&G::joinState, &G::joinStateIs>("joinState", Attr::joinState,
                                                       "Routing::Pim::Bidir::GroupIntf::JoinState"),
-        Kiv::property<&G::lastJoinReceived, &G::lastJoinReceivedIs>(
-            "lastJoinReceived", Attr::lastJoinReceived, "F64"),
+        Kiv::property<&G::lastJoinReceived, &G::lastJoinReceivedIs>("lastJoinReceived",
+                                                                    Attr::lastJoinReceived, "F64"),
         Kiv::property<&G::forward, &G::forwardIs>("forward", Attr::forward, "Bool"),
         Kiv::property<&G::localReceiverInclude, &G::localReceiverIncludeIs>(
             "localReceiverInclude", Attr::localReceiverInclude, "Bool"),

@@ -89,9 +89,9 @@ class Status : public Kiv::Entity {
         Kiv::property<&S::rpaRpfStatus, &S::rpaRpfStatusIs>(
             "rpaRpfStatus", Attr::rpaRpfStatus, "Routing::Pim::Bidir::Df::Quarn::RpaRpfStatus",
             Kind::settableReference),
-        Kiv::property<&S::rpHashStatus, &S::rpHashStatusIs>(
-            "rpHashStatus", Attr::rpHashStatus, "Routing::Pim::RpHashStatus",
-            Kind::settableReference),
+        Kiv::property<&S::rpHashStatus, &S::rpHashStatusIs>("rpHashStatus", Attr::rpHashStatus,
+                                                            "Routing::Pim::RpHashStatus",
+                                                            Kind::settableReference),
         Kiv::property<&S::initialized, &S::initializedIs>("initialized", Attr::initialized, "Bool"),
     };
   }

@@ -44,41 +44,53 @@ enum class AttributeKind : std::uint8_t {
 };
 
 // The flag word introspection registers for each attribute: what a generic tool may do with it.
-// Bits (the low byte: access; above: what the attribute is):
+// Bits (the low byte: access; above it: what the attribute is). The words of the kinds that
+// generic tools tell apart are pinned below.
 namespace AttributeFlag {
 inline constexpr std::uint32_t readable = 0x1;
-inline constexpr std::uint32_t writable = 0x2;          // generic write (128) allowed
-inline constexpr std::uint32_t inlined = 0x4;           // derived from another computed attribute
-inline constexpr std::uint32_t notifying = 0x40;        // a change is notified
-inline constexpr std::uint32_t incrementable = 0x80;    // an 8-bit counter with ...Inc
-inline constexpr std::uint32_t foreign = 0x100;         // refers to another agent's entity
-inline constexpr std::uint32_t constant = 0x400;        // a fixed value of the type
-inline constexpr std::uint32_t control = 0x800;         // a handle without value operations
-inline constexpr std::uint32_t lifecycle = 0x2000;      // the framework's lifecycle state
-inline constexpr std::uint32_t members = 0x10000;       // a keyed set of members
-inline constexpr std::uint32_t local = 0x20000;         // not stored: computed or looked up
+inline constexpr std::uint32_t writable = 0x2;            // generic write (128) allowed
+inline constexpr std::uint32_t inlined = 0x4;             // derived from another computed attribute
+inline constexpr std::uint32_t notifying = 0x40;          // a change is notified
+inline constexpr std::uint32_t incrementable = 0x80;      // an 8-bit counter with ...Inc
+inline constexpr std::uint32_t foreign = 0x100;           // refers to another agent's entity
+inline constexpr std::uint32_t constant = 0x400;          // a fixed value of the type
+inline constexpr std::uint32_t control = 0x800;           // a handle without value operations
+inline constexpr std::uint32_t lifecycle = 0x2000;        // the framework's lifecycle state
+inline constexpr std::uint32_t members = 0x10000;         // a keyed set of members
+inline constexpr std::uint32_t local = 0x20000;           // not stored: computed or looked up
 inline constexpr std::uint32_t nonReplicated = 0x200000;  // not carried by the attribute log
-inline constexpr std::uint32_t reference = 0x8000000;   // a reference to an entity
+inline constexpr std::uint32_t reference = 0x8000000;     // a reference to an entity
 }  // namespace AttributeFlag
 
 constexpr std::uint32_t attributeFlags(AttributeKind kind) noexcept {
   using namespace AttributeFlag;
   switch (kind) {
-    case AttributeKind::key: return readable | nonReplicated;                          // 0x200001
-    case AttributeKind::settable: return readable | writable | notifying;              // 0x43
-    case AttributeKind::counter: return readable | writable | notifying | incrementable;
-    case AttributeKind::computed: return readable | local;                            // 0x20001
+    case AttributeKind::key:
+      return readable | nonReplicated;
+    case AttributeKind::settable:
+      return readable | writable | notifying;
+    case AttributeKind::counter:
+      return readable | writable | notifying | incrementable;
+    case AttributeKind::computed:
+      return readable | local;
     case AttributeKind::computedInline:
-      return readable | inlined | local | nonReplicated;                              // 0x220005
-    case AttributeKind::constant: return readable | constant | local | nonReplicated;
-    case AttributeKind::parentReference: return readable | local | reference;         // 0x8020001
+      return readable | inlined | local | nonReplicated;
+    case AttributeKind::constant:
+      return readable | constant | local | nonReplicated;
+    case AttributeKind::parentReference:
+      return readable | local | reference;
     case AttributeKind::settableReference:
       return readable | writable | notifying | foreign | local | nonReplicated | reference;
-    case AttributeKind::collection: return readable | notifying | members;
-    case AttributeKind::table: return readable | notifying | members | local;
-    case AttributeKind::tableControl: return control | local | nonReplicated;
-    case AttributeKind::framework: return readable;
-    case AttributeKind::lifecycle: return readable | writable | notifying | lifecycle;  // 0x2043
+    case AttributeKind::collection:
+      return readable | notifying | members;
+    case AttributeKind::table:
+      return readable | notifying | members | local;
+    case AttributeKind::tableControl:
+      return control | local | nonReplicated;
+    case AttributeKind::framework:
+      return readable;
+    case AttributeKind::lifecycle:
+      return readable | writable | notifying | lifecycle;
   }
   return 0;
 }

@@ -71,12 +71,18 @@ Value Entity::attributeOpBase(AttributeRequest const& request) {
   };
   if (request.op == AttributeRequest::read) {
     switch (request.id) {
-      case nameId: return typed(name_, "Kiv::Name");
-      case parentId: return typed(Ptr<Entity>(parent()), "Kiv::Entity");
-      case referencesId: return typed(references(), "U32");
-      case zeroReferencesId: return typed(zeroReferences_, "Bool");
-      case isNondestructingId: return typed(isNondestructing_, "Bool");
-      default: break;
+      case nameId:
+        return typed(name_, "Kiv::Name");
+      case parentId:
+        return typed(Ptr<Entity>(parent()), "Kiv::Entity");
+      case referencesId:
+        return typed(references(), "U32");
+      case zeroReferencesId:
+        return typed(zeroReferences_, "Bool");
+      case isNondestructingId:
+        return typed(isNondestructing_, "Bool");
+      default:
+        break;
     }
   } else if (request.op == AttributeRequest::write && request.id == isNondestructingId) {
     if (request.value == nullptr) throwTypeException(name, "value required");

@@ -21,10 +21,10 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <vector>
 
 #include "Kiv/Attribute.h"
 #include "Kiv/Entity.h"
@@ -183,15 +183,16 @@ TypeDescriptor::Constructor constructorOf(std::string_view typeShortName, R (*ma
   return [typeShortName, make](std::span<Value const> args) -> Value {
     if (args.size() > sizeof...(Args)) throwUnknownArgument(typeShortName, sizeof...(Args) + 1);
     if (args.size() < sizeof...(Args)) {
-      throwTypeException(typeShortName, "argument " + std::to_string(args.size() + 1) + " required");
+      throwTypeException(typeShortName,
+                         "argument " + std::to_string(args.size() + 1) + " required");
     }
     std::size_t i = 0;
     auto arg = [&](auto const* tag) {
       using T = std::remove_cvref_t<std::remove_pointer_t<decltype(tag)>>;
       std::optional<T> v = args[i].template to<T>();
       if (!v) {
-        throwTypeException(typeShortName, "argument " + std::to_string(i + 1) + ": cannot convert " +
-                                              args[i].text());
+        throwTypeException(typeShortName, "argument " + std::to_string(i + 1) +
+                                              ": cannot convert " + args[i].text());
       }
       ++i;
       return std::move(*v);

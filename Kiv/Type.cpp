@@ -123,13 +123,14 @@ void IntrospectionReactor::attributeIs(std::string_view name, std::string_view t
                                        std::uint32_t flags, AttributeId id,
                                        std::string_view keyName, std::string_view keyTypeName) {
   if (open_.empty() || skipping_.back()) return;
-  open_.back()->attributes_.push_back(
-      {String8(name), id, &typeIs(typeName), flags, String8(keyName),
-       keyTypeName.empty() ? nullptr : &typeIs(keyTypeName)});
+  open_.back()->attributes_.push_back({String8(name), id, &typeIs(typeName), flags,
+                                       String8(keyName),
+                                       keyTypeName.empty() ? nullptr : &typeIs(keyTypeName)});
 }
 
 void IntrospectionReactor::enumeratorIs(std::string_view name, std::uint32_t value) {
-  if (!open_.empty() && !skipping_.back()) open_.back()->enumerators_.push_back({String8(name), value});
+  if (!open_.empty() && !skipping_.back())
+    open_.back()->enumerators_.push_back({String8(name), value});
 }
 
 void IntrospectionReactor::constantIs(std::string_view name, Value value) {

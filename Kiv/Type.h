@@ -44,7 +44,8 @@ struct AttributeDescriptor;
 // in notifications and in the attribute log through these.
 class AttributeHandle {
  public:
-  AttributeHandle(TypeDescriptor const& type, String8 name) : type_(&type), name_(std::move(name)) {}
+  AttributeHandle(TypeDescriptor const& type, String8 name)
+      : type_(&type), name_(std::move(name)) {}
   AttributeDescriptor const* descriptor() const noexcept;
   String8 const& name() const noexcept { return name_; }
 

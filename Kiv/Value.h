@@ -131,8 +131,9 @@ std::optional<T> Value::to() const {
       if (holder_->integer()) return std::nullopt;  // negative
     }
   }
-  if constexpr (std::is_constructible_v<T, TextIt&, TextIt> ||
-                requires(TextIt& c, TextIt e) { sequenceToValue(c, e, static_cast<T const*>(nullptr)); }) {
+  if constexpr (std::is_constructible_v<T, TextIt&, TextIt> || requires(TextIt & c, TextIt e) {
+                  sequenceToValue(c, e, static_cast<T const*>(nullptr));
+                }) {
     String8 const text = holder_->text();
     if (text.empty()) return std::nullopt;
     return strepToValue<T>(text);

@@ -83,12 +83,11 @@ TEST(Introspection, RegistrationWaitsForTheReactorThenDefinesEveryTypeOnce) {
   EXPECT_EQ(gi.keyName(), "intfId");
   EXPECT_EQ(gi.attribute("iAmDf")->id, 264u);
   EXPECT_EQ(gi.attribute("joinState")->type, &GroupIntf::_fwkType_JoinState());
-  std::string const flags = flagsOf(kGroupIntfName, "fwkKey") + " " +
-                            flagsOf(kGroupIntfName, "isNondestructing") + " " +
-                            flagsOf(kGroupIntfName, "oList") + " " +
-                            flagsOf("Routing::Pim::Bidir::Group", "rpf") + " " +
-                            flagsOf(kGroupIntfName, "parentGroup") + " " +
-                            flagsOf("Routing::Pim::Bidir::Status", "rpHashStatus");
+  std::string const flags =
+      flagsOf(kGroupIntfName, "fwkKey") + " " + flagsOf(kGroupIntfName, "isNondestructing") + " " +
+      flagsOf(kGroupIntfName, "oList") + " " + flagsOf("Routing::Pim::Bidir::Group", "rpf") + " " +
+      flagsOf(kGroupIntfName, "parentGroup") + " " +
+      flagsOf("Routing::Pim::Bidir::Status", "rpHashStatus");
   EXPECT_EQ(flags, std::to_string(0x200001) + " " + std::to_string(0x2043) + " " +
                        std::to_string(0x20001) + " " + std::to_string(0x220005) + " " +
                        std::to_string(0x8020001) + " " + std::to_string(0x8220143));
@@ -190,7 +189,8 @@ TEST(Introspection, GenericOperationChecksInOrderAndChangesNothingWhenItRefuses)
             "unsupported: attribute 'oList': operation 128 not supported");
   EXPECT_EQ(refusal(*intf, {A::intfId, 128, nullptr, &yes}),
             "unsupported: attribute 'intfId': operation 128 not supported");
-  EXPECT_EQ(refusal(*intf, {A::iAmDf, 1}), "unsupported: attribute 'iAmDf': operation 1 not supported");
+  EXPECT_EQ(refusal(*intf, {A::iAmDf, 1}),
+            "unsupported: attribute 'iAmDf': operation 1 not supported");
   EXPECT_EQ(refusal(*intf, {A::iAmDf, 128}), "type: attribute 'iAmDf': value required");
   EXPECT_EQ(refusal(*intf, {A::joinState, 128, nullptr, &word}).substr(0, 5), "range");
   EXPECT_EQ(refusal(*intf, {A::forward, 128, nullptr, &text}).substr(0, 5), "range");
@@ -225,8 +225,7 @@ TEST(Introspection, GenericOperationChecksInOrderAndChangesNothingWhenItRefuses)
   auto g = status->groupIs(IpGenAddr("239.1.1.1"));
   Value const key(IpGenAddr("239.1.1.1")), other(IpGenAddr("239.9.9.9"));
   EXPECT_EQ(status->attributeOp({Status::Attr::group, 0, &key}), Value(Kiv::Ptr<Group const>(g)));
-  EXPECT_EQ(status->attributeOp({Status::Attr::group, 0, &other}),
-            Value(Kiv::Ptr<Group const>()));
+  EXPECT_EQ(status->attributeOp({Status::Attr::group, 0, &other}), Value(Kiv::Ptr<Group const>()));
   EXPECT_EQ(status->attributeOp({Status::Attr::group}), Value(std::uint64_t{1}));
 }
 
