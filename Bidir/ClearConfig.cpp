@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "Bidir/ClearConfigColl.h"
+#include "Kiv/GenericAttribute.h"
 #include "Kiv/ValueText.h"
 
 namespace Routing::Pim::Bidir {
@@ -28,6 +29,14 @@ Kiv::String8 valueToStrep(ClearConfig::GroupKey const& v) {
 
 std::ostream& operator<<(std::ostream& os, ClearConfig::GroupKey const& v) {
   return os << valueToStrep(v);
+}
+
+Kiv::Value ClearConfig::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
+}
+
+Kiv::Value ClearConfigColl::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
 }
 
 Kiv::AttributeTable const& ClearConfig::attributeTable() const {

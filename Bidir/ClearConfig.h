@@ -54,6 +54,7 @@ class ClearConfig : public Kiv::Entity {
       return flags_ == o.flags_ && gAddr_ == o.gAddr_;
     }
     bool operator!=(GroupKey const& o) const noexcept { return !(*this == o); }
+    static Kiv::TypeDescriptor const& _fwkType();
 
     static constexpr auto attributes() {
       return std::tuple{
@@ -116,6 +117,11 @@ class ClearConfig : public Kiv::Entity {
     };
   }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   L3::VrfName const vrfName_;

@@ -64,10 +64,16 @@ class ClearConfigColl : public Kiv::Entity {
   }
 
   static constexpr auto attributes() {
-    return std::tuple{
-        Kiv::collection("vrfClearConfig", Attr::vrfClearConfig, ClearConfig::typeName)};
+    return std::tuple{Kiv::collection<&ClearConfigColl::vrfClearConfigCount>(
+        "vrfClearConfig", Attr::vrfClearConfig, ClearConfig::typeName, "vrfName", "L3::VrfName",
+        [](ClearConfigColl const& c, L3::VrfName const& n) { return c.vrfClearConfig(n); })};
   }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   Members clearConfigs_{*this, Attr::vrfClearConfig, &NotifieeConst::onVrfClearConfig};

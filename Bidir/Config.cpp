@@ -1,6 +1,7 @@
 #include "Bidir/Config.h"
 
 #include "Bidir/ConfigColl.h"
+#include "Kiv/GenericAttribute.h"
 
 namespace Routing::Pim::Bidir {
 
@@ -14,6 +15,14 @@ constexpr Kiv::AttributeTable kConfigCollTable{ConfigColl::typeName, kConfigColl
                                                &Kiv::kEntityAttributeTable};
 
 }  // namespace
+
+Kiv::Value Config::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
+}
+
+Kiv::Value ConfigColl::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
+}
 
 Kiv::AttributeTable const& Config::attributeTable() const {
   return kConfigTable;

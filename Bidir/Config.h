@@ -54,6 +54,11 @@ class Config : public Kiv::Entity {
     };
   }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   L3::VrfName const vrfName_;

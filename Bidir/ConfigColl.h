@@ -54,9 +54,16 @@ class ConfigColl : public Kiv::Entity {
   Kiv::IteratorRange<VrfConfigIteratorConst> vrfConfigIter() const { return configs_.range(); }
 
   static constexpr auto attributes() {
-    return std::tuple{Kiv::collection("vrfConfig", Attr::vrfConfig, Config::typeName)};
+    return std::tuple{Kiv::collection<&ConfigColl::vrfConfigCount>(
+        "vrfConfig", Attr::vrfConfig, Config::typeName, "vrfName", "L3::VrfName",
+        [](ConfigColl const& c, L3::VrfName const& n) { return c.vrfConfig(n); })};
   }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   Members configs_{*this, Attr::vrfConfig, &NotifieeConst::onVrfConfig};

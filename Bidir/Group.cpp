@@ -1,35 +1,13 @@
 #include "Bidir/Group.h"
 
 #include "Bidir/Status.h"
+#include "Kiv/GenericAttribute.h"
 
 namespace Routing::Pim::Bidir {
 
 namespace {
 
-using Kind = Kiv::AttributeKind;
-using A = Group::Attr;
-
-constexpr Kiv::AttributeDecl kAttributes[] = {
-    {"groupAddr", A::groupAddr, "Lanx::IpGenAddr", Kind::key},
-    {"creationTime", A::creationTime, "F64", Kind::settable},
-    {"rpaRpf", A::rpaRpf, "Routing::Pim::Bidir::Df::Quarn::RpaRpf", Kind::computed},
-    {"rpf", A::rpf, "Routing::Pim::Rpf", Kind::computedInline},
-    {"prevRpf", A::prevRpf, "Routing::Pim::Rpf", Kind::settable},
-    {"prevRpaId", A::prevRpaId, "U16", Kind::settable},
-    {"rp", A::rp, "Lanx::IpGenAddr", Kind::computed},
-    {"rpaIndex", A::rpaIndex, "U16", Kind::computedInline},
-    {"upJoinState", A::upJoinState, "Routing::Pim::Bidir::Group::UpJoinState", Kind::settable},
-    {"groupIntf", A::groupIntf, "Routing::Pim::Bidir::GroupIntf", Kind::collection},
-    {"neighborGenIdChanged", A::neighborGenIdChanged, "U8", Kind::counter},
-    {"rpfChanged", A::rpfChanged, "U8", Kind::counter},
-    {"inactiveCount", A::inactiveCount, "U8", Kind::counter},
-    {"inactive", A::inactive, "Bool", Kind::settable},
-    {"initialized", A::initialized, "Bool", Kind::settable},
-    {"routeKey", A::routeKey, "Routing::Pim::RouteKey", Kind::computed},
-    {"bidirStatus", A::bidirStatus, "Routing::Pim::Bidir::Status", Kind::parentReference},
-    {"joinDesired", A::joinDesired, "Bool", Kind::computed},
-};
-
+constexpr auto kAttributes = Kiv::declarations(Group::attributes());
 constexpr Kiv::AttributeTable kTable{"Routing::Pim::Bidir::Group", kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
@@ -41,6 +19,10 @@ Group::~Group() {
 
 Kiv::AttributeTable const& Group::attributeTable() const {
   return kTable;
+}
+
+Kiv::Value Group::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
 }
 
 Kiv::Ptr<Status> Group::bidirStatus() const {
@@ -71,7 +53,7 @@ Df::Quarn::RpaRpf Group::rpaRpf() const {
   return rpaRpfOf(statusOf());
 }
 
-Routing::Pim::RouteKey Group::routeKey() {
+Routing::Pim::RouteKey Group::routeKey() const {
   return Routing::Pim::RouteKey(Lanx::IpGenAddr::unspecified(groupAddr_.family()), groupAddr_);
 }
 

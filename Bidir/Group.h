@@ -6,6 +6,7 @@
 // and an increment that leaves the value unchanged is silent.
 
 #include <cstdint>
+#include <tuple>
 
 #include "Bidir/Df/RpaRpf.h"
 #include "Bidir/GroupIntf.h"
@@ -93,7 +94,7 @@ class Group : public Kiv::Entity, public GroupStates {
   Routing::Pim::Rpf rpf() const { return rpaRpf().rpf; }
   std::uint16_t rpaIndex() const { return rpaRpf().rpaIndex; }
   // The (*, G) route: the unspecified source of the group's family, and the group.
-  Routing::Pim::RouteKey routeKey();
+  Routing::Pim::RouteKey routeKey() const;
   // RFC 5015 JoinDesired(G): olist(G) minus RPF_interface(RPA(G)) is not empty. Walks the
   // interfaces in map order, evaluating rpaRpf() afresh for each one examined, and stops at the
   // first interface that is not the RPF interface and has oList() true.
@@ -161,7 +162,51 @@ class Group : public Kiv::Entity, public GroupStates {
     attributeIs(initialized_, v, Attr::initialized, &NotifieeConst::onInitialized);
   }
 
+  // The attribute declaration: names, identifiers, types and kinds, and how each is read and
+  // written. attributeString, introspection and the generic attribute operation follow it. A
+  // template only so that its body is compiled where it is used: a parent reference needs the
+  // parent's complete type, which this header cannot include.
+  template <class G = Group>
+  static constexpr auto attributes() {
+    using Kind = Kiv::AttributeKind;
+    return std::tuple{
+        Kiv::property<&G::groupAddr>("groupAddr", Attr::groupAddr, "Lanx::IpGenAddr", Kind::key),
+        Kiv::property<&G::creationTime, &G::creationTimeIs>("creationTime", Attr::creationTime,
+                                                            "F64"),
+        Kiv::property<&G::rpaRpf>("rpaRpf", Attr::rpaRpf, "Routing::Pim::Bidir::Df::Quarn::RpaRpf",
+                                  Kind::computed),
+        Kiv::property<&G::rpf>("rpf", Attr::rpf, "Routing::Pim::Rpf", Kind::computedInline),
+        Kiv::property<&G::prevRpf, &G::prevRpfIs>("prevRpf", Attr::prevRpf, "Routing::Pim::Rpf"),
+        Kiv::property<&G::prevRpaId, &G::prevRpaIdIs>("prevRpaId", Attr::prevRpaId, "U16"),
+        Kiv::property<&G::rp>("rp", Attr::rp, "Lanx::IpGenAddr", Kind::computed),
+        Kiv::property<&G::rpaIndex>("rpaIndex", Attr::rpaIndex, "U16", Kind::computedInline),
+        Kiv::property<&G::upJoinState, &G::upJoinStateIs>(
+            "upJoinState", Attr::upJoinState, "Routing::Pim::Bidir::Group::UpJoinState"),
+        Kiv::collection<&G::groupIntfCount>(
+            "groupIntf", Attr::groupIntf, "Routing::Pim::Bidir::GroupIntf", "intfId",
+            "Lanx::IntfId", [](Group const& g, Lanx::IntfId const& k) { return g.groupIntf(k); }),
+        Kiv::property<&G::neighborGenIdChanged, &G::neighborGenIdChangedIs>(
+            "neighborGenIdChanged", Attr::neighborGenIdChanged, "U8", Kind::counter),
+        Kiv::property<&G::rpfChanged, &G::rpfChangedIs>("rpfChanged", Attr::rpfChanged, "U8",
+                                                        Kind::counter),
+        Kiv::property<&G::inactiveCount, &G::inactiveCountIs>("inactiveCount", Attr::inactiveCount,
+                                                              "U8", Kind::counter),
+        Kiv::property<&G::inactive, &G::inactiveIs>("inactive", Attr::inactive, "Bool"),
+        Kiv::property<&G::initialized, &G::initializedIs>("initialized", Attr::initialized, "Bool"),
+        Kiv::property<&G::routeKey>("routeKey", Attr::routeKey, "Routing::Pim::RouteKey",
+                                    Kind::computed),
+        Kiv::property<&G::bidirStatus>("bidirStatus", Attr::bidirStatus,
+                                       "Routing::Pim::Bidir::Status", Kind::parentReference),
+        Kiv::property<&G::joinDesired>("joinDesired", Attr::joinDesired, "Bool", Kind::computed),
+        Kiv::property<&G::fwkKey>("fwkKey", fwkKeyId, "Lanx::IpGenAddr", Kind::key),
+    };
+  }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   Status const* statusOf() const noexcept;

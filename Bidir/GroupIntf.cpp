@@ -1,27 +1,13 @@
 #include "Bidir/GroupIntf.h"
 
 #include "Bidir/Group.h"
+#include "Kiv/GenericAttribute.h"
 
 namespace Routing::Pim::Bidir {
 
 namespace {
 
-using Kind = Kiv::AttributeKind;
-using A = GroupIntf::Attr;
-
-constexpr Kiv::AttributeDecl kAttributes[] = {
-    {"intfId", A::intfId, "Lanx::IntfId", Kind::key},
-    {"parentGroup", A::parentGroup, "Routing::Pim::Bidir::Group", Kind::parentReference},
-    {"joinState", A::joinState, "Routing::Pim::Bidir::GroupIntf::JoinState", Kind::settable},
-    {"lastJoinReceived", A::lastJoinReceived, "F64", Kind::settable},
-    {"forward", A::forward, "Bool", Kind::settable},
-    {"localReceiverInclude", A::localReceiverInclude, "Bool", Kind::settable},
-    {"iAmDf", A::iAmDf, "Bool", Kind::settable},
-    {"oList", A::oList, "Bool", Kind::computed},
-    {"pimInclude", A::pimInclude, "Bool", Kind::computed},
-    {"joins", A::joins, "Bool", Kind::computed},
-};
-
+constexpr auto kAttributes = Kiv::declarations(GroupIntf::attributes());
 constexpr Kiv::AttributeTable kTable{"Routing::Pim::Bidir::GroupIntf", kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
@@ -29,6 +15,10 @@ constexpr Kiv::AttributeTable kTable{"Routing::Pim::Bidir::GroupIntf", kAttribut
 
 Kiv::AttributeTable const& GroupIntf::attributeTable() const {
   return kTable;
+}
+
+Kiv::Value GroupIntf::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
 }
 
 Kiv::Ptr<Group> GroupIntf::parentGroup() const {

@@ -4,6 +4,8 @@
 // (`joinState`); this entity stores it and tells its notifiees of each change. Setters store and
 // notify only when the value differs from the stored one.
 
+#include <tuple>
+
 #include "Bidir/States.h"
 #include "Kiv/Entity.h"
 #include "Lanx/IntfId.h"
@@ -75,7 +77,37 @@ class GroupIntf : public Kiv::Entity, public GroupIntfStates {
   // olist(G): joins(G), else pim_include(G).
   bool oList() const noexcept { return joins() || pimInclude(); }
 
+  // The attribute declaration: names, identifiers, types and kinds, and how each is read and
+  // written. attributeString, introspection and the generic attribute operation follow it. A
+  // template only so that its body is compiled where it is used: a parent reference needs the
+  // parent's complete type, which this header cannot include.
+  template <class G = GroupIntf>
+  static constexpr auto attributes() {
+    using Kind = Kiv::AttributeKind;
+    return std::tuple{
+        Kiv::property<&G::intfId>("intfId", Attr::intfId, "Lanx::IntfId", Kind::key),
+        Kiv::property<&G::parentGroup>("parentGroup", Attr::parentGroup,
+                                       "Routing::Pim::Bidir::Group", Kind::parentReference),
+        Kiv::property<&G::joinState, &G::joinStateIs>("joinState", Attr::joinState,
+                                                      "Routing::Pim::Bidir::GroupIntf::JoinState"),
+        Kiv::property<&G::lastJoinReceived, &G::lastJoinReceivedIs>("lastJoinReceived",
+                                                                    Attr::lastJoinReceived, "F64"),
+        Kiv::property<&G::forward, &G::forwardIs>("forward", Attr::forward, "Bool"),
+        Kiv::property<&G::localReceiverInclude, &G::localReceiverIncludeIs>(
+            "localReceiverInclude", Attr::localReceiverInclude, "Bool"),
+        Kiv::property<&G::iAmDf, &G::iAmDfIs>("iAmDf", Attr::iAmDf, "Bool"),
+        Kiv::property<&G::oList>("oList", Attr::oList, "Bool", Kind::computed),
+        Kiv::property<&G::pimInclude>("pimInclude", Attr::pimInclude, "Bool", Kind::computed),
+        Kiv::property<&G::joins>("joins", Attr::joins, "Bool", Kind::computed),
+        Kiv::property<&G::fwkKey>("fwkKey", fwkKeyId, "Lanx::IntfId", Kind::key),
+    };
+  }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   Lanx::IntfId const intfId_;

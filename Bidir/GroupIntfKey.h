@@ -51,6 +51,7 @@ class GroupIntfKey {
   bool operator!() const noexcept { return *this == GroupIntfKey(); }
 
   std::uint32_t hash() const noexcept { return groupAddr_.hash() ^ intfId_.hash(); }
+  static Kiv::TypeDescriptor const& _fwkType();
 
   static constexpr auto attributes() {
     return std::tuple{

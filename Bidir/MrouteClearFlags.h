@@ -72,6 +72,8 @@ class MrouteClearFlags {
     };
   }
 
+  static Kiv::TypeDescriptor const& _fwkType();
+
   // Throws the range error unless `value` is at most maxValue.
   static void checkValue(std::uint32_t value);
 

@@ -13,6 +13,10 @@
 
 #include "Kiv/String8.h"
 
+namespace Kiv {
+class TypeDescriptor;
+}
+
 namespace Routing::Pim::Bidir {
 
 struct GroupStates {
@@ -21,6 +25,7 @@ struct GroupStates {
   static UpJoinState UpJoinStateInstance(Kiv::String8 const& name);
   // The enumerator's name, or nullptr for a value without one.
   static char const* upJoinStateName(UpJoinState value) noexcept;
+  static Kiv::TypeDescriptor const& _fwkType_UpJoinState();
 };
 
 struct GroupIntfStates {
@@ -28,6 +33,7 @@ struct GroupIntfStates {
   static JoinState JoinStateInstance(unsigned int value);
   static JoinState JoinStateInstance(Kiv::String8 const& name);
   static char const* joinStateName(JoinState value) noexcept;
+  static Kiv::TypeDescriptor const& _fwkType_JoinState();
 };
 
 static_assert(sizeof(GroupStates::UpJoinState) == 4 && sizeof(GroupIntfStates::JoinState) == 4);

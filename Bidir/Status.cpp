@@ -1,20 +1,12 @@
 #include "Bidir/Status.h"
 
+#include "Kiv/GenericAttribute.h"
+
 namespace Routing::Pim::Bidir {
 
 namespace {
 
-using Kind = Kiv::AttributeKind;
-using A = Status::Attr;
-
-constexpr Kiv::AttributeDecl kAttributes[] = {
-    {"group", A::group, "Routing::Pim::Bidir::Group", Kind::collection},
-    {"rpaRpfStatus", A::rpaRpfStatus, "Routing::Pim::Bidir::Df::Quarn::RpaRpfStatus",
-     Kind::settableReference},
-    {"rpHashStatus", A::rpHashStatus, "Routing::Pim::RpHashStatus", Kind::settableReference},
-    {"initialized", A::initialized, "Bool", Kind::settable},
-};
-
+constexpr auto kAttributes = Kiv::declarations(Status::attributes());
 constexpr Kiv::AttributeTable kTable{"Routing::Pim::Bidir::Status", kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
@@ -26,6 +18,10 @@ Status::~Status() {
 
 Kiv::AttributeTable const& Status::attributeTable() const {
   return kTable;
+}
+
+Kiv::Value Status::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
 }
 
 Kiv::Ptr<Status> statusFactory(Kiv::Name name) {

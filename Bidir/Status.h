@@ -5,6 +5,8 @@
 // read: the RP hash table and the DF election's RPA-RPF table. `initialized` is set by the agent
 // once the state is complete; the table export waits for it. Setters notify only on a change.
 
+#include <tuple>
+
 #include "Bidir/Df/RpaRpfStatus.h"
 #include "Bidir/Group.h"
 #include "Kiv/Collection.h"
@@ -75,7 +77,30 @@ class Status : public Kiv::Entity {
     attributeIs(initialized_, v, Attr::initialized, &NotifieeConst::onInitialized);
   }
 
+  // The attribute declaration: names, identifiers, types and kinds, and how each is read and
+  // written. attributeString, introspection and the generic attribute operation follow it.
+  static constexpr auto attributes() {
+    using Kind = Kiv::AttributeKind;
+    using S = Status;
+    return std::tuple{
+        Kiv::collection<&S::groupCount>(
+            "group", Attr::group, "Routing::Pim::Bidir::Group", "groupAddr", "Lanx::IpGenAddr",
+            [](Status const& s, Lanx::IpGenAddr const& k) { return s.group(k); }),
+        Kiv::property<&S::rpaRpfStatus, &S::rpaRpfStatusIs>(
+            "rpaRpfStatus", Attr::rpaRpfStatus, "Routing::Pim::Bidir::Df::Quarn::RpaRpfStatus",
+            Kind::settableReference),
+        Kiv::property<&S::rpHashStatus, &S::rpHashStatusIs>("rpHashStatus", Attr::rpHashStatus,
+                                                            "Routing::Pim::RpHashStatus",
+                                                            Kind::settableReference),
+        Kiv::property<&S::initialized, &S::initializedIs>("initialized", Attr::initialized, "Bool"),
+    };
+  }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   GroupColl groups_{*this, Attr::group, &NotifieeConst::onGroup};

@@ -11,6 +11,7 @@
 // kFirstTypeAttributeId upward in declaration order.
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <span>
@@ -19,6 +20,8 @@
 #include <type_traits>
 
 namespace Kiv {
+
+class TypeDescriptor;
 
 using AttributeId = std::uint32_t;
 
@@ -37,7 +40,66 @@ enum class AttributeKind : std::uint8_t {
   table,              // a shared-memory table of records keyed by their `key` field
   tableControl,       // the control handle of a table (mounting, validation; no value operations)
   framework,          // an attribute of the entity framework itself
+  lifecycle,          // the framework's isNondestructing flag, registered with every entity
 };
+
+// The flag word introspection registers for each attribute: what a generic tool may do with it.
+// Bits (the low byte: access; above it: what the attribute is). The words of the kinds that
+// generic tools tell apart are pinned below.
+namespace AttributeFlag {
+inline constexpr std::uint32_t readable = 0x1;
+inline constexpr std::uint32_t writable = 0x2;            // generic write (128) allowed
+inline constexpr std::uint32_t inlined = 0x4;             // derived from another computed attribute
+inline constexpr std::uint32_t notifying = 0x40;          // a change is notified
+inline constexpr std::uint32_t incrementable = 0x80;      // an 8-bit counter with ...Inc
+inline constexpr std::uint32_t foreign = 0x100;           // refers to another agent's entity
+inline constexpr std::uint32_t constant = 0x400;          // a fixed value of the type
+inline constexpr std::uint32_t control = 0x800;           // a handle without value operations
+inline constexpr std::uint32_t lifecycle = 0x2000;        // the framework's lifecycle state
+inline constexpr std::uint32_t members = 0x10000;         // a keyed set of members
+inline constexpr std::uint32_t local = 0x20000;           // not stored: computed or looked up
+inline constexpr std::uint32_t nonReplicated = 0x200000;  // not carried by the attribute log
+inline constexpr std::uint32_t reference = 0x8000000;     // a reference to an entity
+}  // namespace AttributeFlag
+
+constexpr std::uint32_t attributeFlags(AttributeKind kind) noexcept {
+  using namespace AttributeFlag;
+  switch (kind) {
+    case AttributeKind::key:
+      return readable | nonReplicated;
+    case AttributeKind::settable:
+      return readable | writable | notifying;
+    case AttributeKind::counter:
+      return readable | writable | notifying | incrementable;
+    case AttributeKind::computed:
+      return readable | local;
+    case AttributeKind::computedInline:
+      return readable | inlined | local | nonReplicated;
+    case AttributeKind::constant:
+      return readable | constant | local | nonReplicated;
+    case AttributeKind::parentReference:
+      return readable | local | reference;
+    case AttributeKind::settableReference:
+      return readable | writable | notifying | foreign | local | nonReplicated | reference;
+    case AttributeKind::collection:
+      return readable | notifying | members;
+    case AttributeKind::table:
+      return readable | notifying | members | local;
+    case AttributeKind::tableControl:
+      return control | local | nonReplicated;
+    case AttributeKind::framework:
+      return readable;
+    case AttributeKind::lifecycle:
+      return readable | writable | notifying | lifecycle;
+  }
+  return 0;
+}
+static_assert(attributeFlags(AttributeKind::key) == 0x200001 &&
+              attributeFlags(AttributeKind::lifecycle) == 0x2043 &&
+              attributeFlags(AttributeKind::computed) == 0x20001 &&
+              attributeFlags(AttributeKind::computedInline) == 0x220005 &&
+              attributeFlags(AttributeKind::parentReference) == 0x8020001 &&
+              attributeFlags(AttributeKind::settableReference) == 0x8220143);
 
 struct AttributeDecl {
   std::string_view name;
@@ -82,6 +144,9 @@ struct AttributeTable {
 //   Kiv::property<&V::getter, &V::setter>(name, id, type)   read and written through functions
 //   Kiv::property<&V::getter>(name, id, type, kind)         read only (key, computed, constant)
 //   Kiv::collection(name, id, memberTypeName)               owned members (no value access)
+//   Kiv::collection<&V::count>(name, id, memberType, keyName, keyType, lookup)
+//                                                           owned members, counted and looked up
+//   Kiv::handle(name, id, typeName)                         no value operations at all
 //
 // `Value` is what `get` returns (the type printed); `Input` is what `set` takes (the type read),
 // which may differ, as for a word that is read as a wider integer and truncated. A read-only
@@ -100,8 +165,18 @@ struct TypedAttribute {
   static constexpr bool writable() noexcept { return !std::is_same_v<Input, NotWritable>; }
 };
 
+// A collection: its members' key (name and type, for introspection) and, when given, how to
+// count the members and look one up by key (for generic reads).
+struct NoOwner {};
+template <class Owner = NoOwner, class Key = NoOwner, class Member = NoOwner>
 struct CollectionAttribute {
+  using OwnerType = Owner;
+  using KeyType = Key;
   AttributeDecl decl;
+  std::string_view keyName;
+  std::string_view keyTypeName;
+  std::size_t (*count)(Owner const&) = nullptr;
+  Member (*member)(Owner const&, Key const&) = nullptr;
 };
 
 namespace detail {
@@ -133,6 +208,23 @@ struct SetterTraits<void (O::*)(A)> {
 template <class O, class A>
 struct SetterTraits<void (O::*)(A) noexcept> : SetterTraits<void (O::*)(A)> {};
 
+template <class F>
+struct LookupTraits;
+template <class O, class K, class R>
+struct LookupTraits<R (*)(O const&, K const&)> {
+  using Key = K;
+  using Result = R;
+};
+
+template <auto Getter, class Owner, class T>
+T callGetter(Owner const& o) {
+  return (o.*Getter)();
+}
+template <auto Setter, class Owner, class In>
+void callSetter(Owner& o, In const& v) {
+  (o.*Setter)(v);
+}
+
 }  // namespace detail
 
 // A data member may sit below its type's alignment in a packed shared-memory record, so trivially
@@ -163,20 +255,50 @@ constexpr auto property(std::string_view name, AttributeId id, std::string_view 
                         AttributeKind kind = AttributeKind::settable) {
   using Owner = typename detail::GetterTraits<decltype(Getter)>::Owner;
   using T = typename detail::GetterTraits<decltype(Getter)>::Type;
+  // Named function templates rather than lambdas: their bodies are instantiated where they are
+  // used, so a getter may return a reference to a type still incomplete where it is declared
+  // (an entity's parent).
   if constexpr (std::is_null_pointer_v<decltype(Setter)>) {
     return TypedAttribute<Owner, T, NotWritable>{
-        {name, id, typeName, kind}, [](Owner const& o) -> T { return (o.*Getter)(); }, nullptr};
+        {name, id, typeName, kind}, &detail::callGetter<Getter, Owner, T>, nullptr};
   } else {
     using In = typename detail::SetterTraits<decltype(Setter)>::Type;
     return TypedAttribute<Owner, T, In>{{name, id, typeName, kind},
-                                        [](Owner const& o) -> T { return (o.*Getter)(); },
-                                        [](Owner& o, In const& v) { (o.*Setter)(v); }};
+                                        &detail::callGetter<Getter, Owner, T>,
+                                        &detail::callSetter<Setter, Owner, In>};
   }
 }
 
-constexpr CollectionAttribute collection(std::string_view name, AttributeId id,
-                                         std::string_view memberTypeName) {
-  return {{name, id, memberTypeName, AttributeKind::collection}};
+constexpr CollectionAttribute<> collection(std::string_view name, AttributeId id,
+                                           std::string_view memberTypeName,
+                                           std::string_view keyName = {},
+                                           std::string_view keyTypeName = {}) {
+  return {{name, id, memberTypeName, AttributeKind::collection}, keyName, keyTypeName};
+}
+
+// With generic reads: `Count` is the member count getter, `lookup` a function (a captureless
+// lambda will do) from the owner and a key to the member reference.
+// `kind` may be AttributeKind::table for a shared-memory table of records.
+template <auto Count, class Lookup>
+constexpr auto collection(std::string_view name, AttributeId id, std::string_view memberTypeName,
+                          std::string_view keyName, std::string_view keyTypeName, Lookup lookup,
+                          AttributeKind kind = AttributeKind::collection) {
+  using Owner = typename detail::GetterTraits<decltype(Count)>::Owner;
+  using F = decltype(+lookup);
+  using Traits = detail::LookupTraits<F>;
+  return CollectionAttribute<Owner, typename Traits::Key, typename Traits::Result>{
+      {name, id, memberTypeName, kind},
+      keyName,
+      keyTypeName,
+      [](Owner const& o) -> std::size_t { return (o.*Count)(); },
+      +lookup};
+}
+
+// An attribute without value operations (the control handle of a table): named and registered,
+// every generic operation on it is refused.
+constexpr CollectionAttribute<> handle(std::string_view name, AttributeId id,
+                                       std::string_view typeName) {
+  return {{name, id, typeName, AttributeKind::tableControl}, {}, {}};
 }
 
 // The untyped declarations of a tuple of typed ones, in the same order.

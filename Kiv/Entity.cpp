@@ -8,6 +8,7 @@
 
 #include "Jorv/Platform.h"
 #include "Kiv/Trace.h"
+#include "Kiv/Type.h"
 
 namespace Kiv {
 
@@ -25,7 +26,7 @@ constexpr AttributeDecl kEntityAttributes[] = {
     {"version", Entity::versionId, "U32", AttributeKind::framework},
     {"references", Entity::referencesId, "U32", AttributeKind::framework},
     {"zeroReferences", Entity::zeroReferencesId, "Bool", AttributeKind::framework},
-    {"isNondestructing", Entity::isNondestructingId, "Bool", AttributeKind::framework},
+    {"isNondestructing", Entity::isNondestructingId, "Bool", AttributeKind::lifecycle},
 };
 
 }  // namespace
@@ -42,6 +43,55 @@ std::uint32_t bitReverse(std::uint32_t v) noexcept {
 
 AttributeTable const& Entity::attributeTable() const {
   return kEntityAttributeTable;
+}
+
+TypeDescriptor const& Entity::fwkType() const {
+  return typeIs(attributeTable().typeName);
+}
+
+Value Entity::attributeOp(AttributeRequest const& request) {
+  return attributeOpOwn(request);
+}
+
+Value Entity::attributeOp(AttributeRequest const& request) const {
+  if (request.modifying()) throwConstInstance();
+  // Only reads get past the check: nothing is modified through the cast.
+  return const_cast<Entity*>(this)->attributeOpOwn(request);
+}
+
+Value Entity::attributeOpOwn(AttributeRequest const& request) {
+  return attributeOpBase(request);
+}
+
+Value Entity::attributeOpBase(AttributeRequest const& request) {
+  String8 const name = attributeString(request.id);
+  if (request.index != nullptr) throwBadIndex(name);
+  auto const typed = [&](auto v, std::string_view typeName) {
+    return Value(std::move(v), &typeIs(typeName));
+  };
+  if (request.op == AttributeRequest::read) {
+    switch (request.id) {
+      case nameId:
+        return typed(name_, "Kiv::Name");
+      case parentId:
+        return typed(Ptr<Entity>(parent()), "Kiv::Entity");
+      case referencesId:
+        return typed(references(), "U32");
+      case zeroReferencesId:
+        return typed(zeroReferences_, "Bool");
+      case isNondestructingId:
+        return typed(isNondestructing_, "Bool");
+      default:
+        break;
+    }
+  } else if (request.op == AttributeRequest::write && request.id == isNondestructingId) {
+    if (request.value == nullptr) throwTypeException(name, "value required");
+    std::optional<bool> v = request.value->to<bool>();
+    if (!v) throwTypeException(name, "cannot convert " + request.value->text() + " to Bool");
+    isNondestructingIs(*v);
+    return Value();
+  }
+  throwOperationNotSupported(name, request.op);
 }
 
 String8 Entity::attributeString(AttributeId id) const {

@@ -36,6 +36,7 @@
 #include "Kiv/Attribute.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/String8.h"
+#include "Kiv/Value.h"
 
 namespace Kiv {
 
@@ -43,6 +44,21 @@ using Name = String8;
 
 template <class Key, class Member, class KeyHash, class OnMember>
 class Collection;
+class TypeDescriptor;
+
+// A request of the generic attribute interface: the attribute, the operation (0 read, 128 write;
+// 128 to 255 modify), an index (collections only) and a value (writes). Index and value are
+// borrowed for the call.
+struct AttributeRequest {
+  static constexpr unsigned read = 0;
+  static constexpr unsigned write = 128;
+  AttributeId id;
+  unsigned op = read;
+  Value const* index = nullptr;
+  Value const* value = nullptr;
+
+  bool modifying() const noexcept { return op >= 128 && op <= 255; }
+};
 
 // The framework attributes: the base table of every entity type's attribute table.
 extern AttributeTable const kEntityAttributeTable;
@@ -95,6 +111,18 @@ class Entity : public PtrInterface {
 
   std::size_t notifieeCount() const noexcept { return notifiees_.size(); }
 
+  // The descriptor of the dynamic type (Kiv/Type.h).
+  virtual TypeDescriptor const& fwkType() const;
+
+  // The generic attribute operation. On a read-only instance (the const overload) a modifying
+  // operation is refused with ConstException before the attribute is looked at. Otherwise the
+  // type's own attributes are served from its declaration (Kiv/GenericAttribute.h) and the
+  // framework's by the base entity: read of name, parent, references, zeroReferences and
+  // isNondestructing, write of isNondestructing. Refusals are the Kiv::Exception types; the
+  // instance is unchanged when one is thrown.
+  Value attributeOp(AttributeRequest const& request);
+  Value attributeOp(AttributeRequest const& request) const;
+
   // The live entity at `address`, or null. Every entity is registered from construction to
   // destruction, so a printed reference (Kiv/EntityText.h) is resolved without ever following
   // the number itself; an entity that has lost its last reference (its destructor is due) is not
@@ -107,6 +135,11 @@ class Entity : public PtrInterface {
   // Hook for entity types that follow their own placement in the tree (for example to move
   // resources named after their path); runs after the onParent() notifiees. Empty by default.
   virtual void parentChanged() {}
+
+  // The type's part of attributeOp (modifying operations on a read-only instance never get
+  // here); the default is the base entity's.
+  virtual Value attributeOpOwn(AttributeRequest const& request);
+  Value attributeOpBase(AttributeRequest const& request);
 
   // Calls `op(args...)` on every registered notifiee through the walk. `N` is the entity's
   // NotifieeConst class; only notifiees of that class can register with this entity.

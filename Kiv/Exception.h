@@ -3,7 +3,9 @@
 // callers and tests can compare it exactly. All derive from Jorv::Exception; catch the specific
 // type to tell a bad value (RangeException) from misuse of an instance or a request.
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "Jorv/Exception.h"
 
@@ -65,5 +67,17 @@ class AttrLogRecordException : public Jorv::Exception {
 
 // Throws RangeException with `message`. Out of line so that callers' hot paths stay small.
 [[noreturn]] void throwRangeException(std::string const& message);
+
+// The generic attribute interface's refusals, with their text layout:
+//   ConstException                  "attempting to modify a const instance"
+//   BadIndexException               "attribute 'joins': no index allowed"
+//   TypeException                   "attribute 'iAmDf': <why>" (for example "value required")
+//   OperationNotSupportedException  "attribute 'oList': operation 128 not supported"
+//   UnknownArgumentException        "MrouteClearFlags: unknown argument 2" (1-based position)
+[[noreturn]] void throwConstInstance();
+[[noreturn]] void throwBadIndex(std::string_view attribute);
+[[noreturn]] void throwTypeException(std::string_view attribute, std::string_view why);
+[[noreturn]] void throwOperationNotSupported(std::string_view attribute, unsigned operation);
+[[noreturn]] void throwUnknownArgument(std::string_view type, std::size_t position);
 
 }  // namespace Kiv

@@ -39,6 +39,8 @@ struct Group {
   }
   friend bool operator!=(Group const& a, Group const& b) noexcept { return !(a == b); }
 
+  static Kiv::TypeDescriptor const& _fwkType();
+
   static constexpr auto attributes() {
     return std::tuple{
         Kiv::field<&Group::key>("key", 2, "Lanx::IpGenAddr"),

@@ -44,6 +44,8 @@ struct GroupIntf {
   }
   friend bool operator!=(GroupIntf const& a, GroupIntf const& b) noexcept { return !(a == b); }
 
+  static Kiv::TypeDescriptor const& _fwkType();
+
   static constexpr auto attributes() {
     return std::tuple{
         Kiv::field<&GroupIntf::key>("key", 2, GroupIntfKey::typeName),

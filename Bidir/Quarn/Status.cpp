@@ -1,21 +1,12 @@
 #include "Bidir/Quarn/Status.h"
 
+#include "Kiv/GenericAttribute.h"
+
 namespace Routing::Pim::Bidir::Quarn {
 
 namespace {
 
-using Kind = Kiv::AttributeKind;
-using A = Status::Attr;
-
-constexpr Kiv::AttributeDecl kAttributes[] = {
-    {"group", A::group, "Routing::Pim::Bidir::Quarn::Group", Kind::table},
-    {"groupControl", A::groupControl, "Routing::Pim::Bidir::Quarn::Group", Kind::tableControl},
-    {"groupIntf", A::groupIntf, "Routing::Pim::Bidir::Quarn::GroupIntf", Kind::table},
-    {"groupIntfControl", A::groupIntfControl, "Routing::Pim::Bidir::Quarn::GroupIntf",
-     Kind::tableControl},
-    {"writerMountInfo", A::writerMountInfo, "KivQuarn::MountInfo", Kind::computed},
-};
-
+constexpr auto kAttributes = Kiv::declarations(Status::attributes());
 constexpr Kiv::AttributeTable kTable{Status::typeName, kAttributes, &Kiv::kEntityAttributeTable};
 
 }  // namespace
@@ -29,6 +20,10 @@ Status::~Status() = default;
 
 Kiv::AttributeTable const& Status::attributeTable() const {
   return kTable;
+}
+
+Kiv::Value Status::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
 }
 
 // ---- group

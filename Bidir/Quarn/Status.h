@@ -19,6 +19,7 @@
 // table's back end is then in the middle of its work, and it goes with this entity).
 
 #include <cstdint>
+#include <tuple>
 
 #include "Bidir/GroupIntfKey.h"
 #include "Bidir/Quarn/Group.h"
@@ -112,10 +113,31 @@ class Status : public Kiv::Entity {
   // entity's own link. Throws Jorv::InvalidInitializeException on a second placement.
   void handleParent(Kiv::Ptr<Kiv::Entity> const& parent);
 
+  // The attribute declaration: names, identifiers, types and kinds, and how each is read.
+  // attributeString, introspection and the generic attribute operation follow it.
+  static constexpr auto attributes() {
+    using Kind = Kiv::AttributeKind;
+    using S = Status;
+    return std::tuple{
+        Kiv::collection<&S::groupCount>(
+            "group", Attr::group, Group::typeName, "key", "Lanx::IpGenAddr",
+            [](Status const& s, Lanx::IpGenAddr const& k) { return s.group(k); }, Kind::table),
+        Kiv::handle("groupControl", Attr::groupControl, Group::typeName),
+        Kiv::collection<&S::groupIntfCount>(
+            "groupIntf", Attr::groupIntf, GroupIntf::typeName, "key", GroupIntfKey::typeName,
+            [](Status const& s, GroupIntfKey const& k) { return s.groupIntf(k); }, Kind::table),
+        Kiv::handle("groupIntfControl", Attr::groupIntfControl, GroupIntf::typeName),
+        Kiv::property<&S::writerMountInfo>("writerMountInfo", Attr::writerMountInfo,
+                                           "KivQuarn::MountInfo", Kind::computed),
+    };
+  }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
 
  protected:
   void parentChanged() override;
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   GroupIntfMap groupIntf_;

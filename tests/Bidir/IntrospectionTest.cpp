@@ -1,0 +1,385 @@
+// Introspection of the library's types: deferred, run-once registration and what it defines, the
+// ".kiv.type" section of the loaded library, the generic attribute operation's rules, and a
+// registry-driven check that every generic read agrees with the typed accessor.
+
+#include <dlfcn.h>
+#include <elf.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Bidir/ClearConfigColl.h"
+#include "Bidir/ConfigColl.h"
+#include "Bidir/Introspection.h"
+#include "Bidir/Quarn/Status.h"
+#include "Bidir/Status.h"
+#include "Kiv/Type.h"
+
+namespace {
+
+using Kiv::AttributeRequest;
+using Kiv::Value;
+using Lanx::IntfId;
+using Lanx::IpGenAddr;
+using namespace Routing::Pim::Bidir;
+using TableRoot = Routing::Pim::Bidir::Quarn::Status;
+
+constexpr std::string_view kPrefix = "Routing::Pim::Bidir::";
+constexpr char const* kGroupIntfName = "Routing::Pim::Bidir::GroupIntf";
+
+// The framework's reactor, made active once (after the first test has looked at a process
+// without one).
+void activateReactor() {
+  static Kiv::IntrospectionReactor reactor;
+  reactor.activeIs(true);
+  Kiv::introspectionReactorIs(&reactor);
+}
+
+std::string flagsOf(std::string_view type, std::string_view attribute) {
+  auto const* a = Kiv::type(type)->attribute(attribute);
+  return a ? std::to_string(a->flags) : "missing";
+}
+
+TEST(Introspection, RegistrationWaitsForTheReactorThenDefinesEveryTypeOnce) {
+  ASSERT_TRUE(libraryInitialized());
+  Kiv::TypeDescriptor const* before = nullptr;
+  if (!schemaRegistered()) {
+    before = &Group::_fwkType();
+    EXPECT_FALSE(schemaRegistered());
+    EXPECT_TRUE(before->attributes().empty());
+    EXPECT_EQ(before->boundName(), "Routing::Pim::Bidir::Group");
+  }
+  activateReactor();
+  Kiv::TypeDescriptor const& group = Group::_fwkType();
+  if (before) {
+    EXPECT_EQ(before, &group);
+  }
+  EXPECT_TRUE(schemaRegistered());
+
+  std::vector<std::string> bidir;
+  for (auto const* t : Kiv::types()) {
+    // Types only named by an attribute (another library's) are not in use.
+    if (t->inUse() && t->name().starts_with(kPrefix) &&
+        !t->name().starts_with("Routing::Pim::Bidir::Quarn::")) {
+      bidir.push_back(t->name());
+      EXPECT_NE(t->kind(), Kiv::TypeKind::undefined) << t->name();
+      EXPECT_TRUE(t->inUse() && t->genericInterface()) << t->name();
+    }
+  }
+  EXPECT_EQ(bidir.size(), 12u);
+
+  // What GroupIntf's definition holds, in order, and the flag words of each kind.
+  auto const& gi = GroupIntf::_fwkType();
+  std::string names;
+  for (auto const& a : gi.attributes()) names += a.name + " ";
+  EXPECT_EQ(names,
+            "isNondestructing intfId parentGroup joinState lastJoinReceived forward "
+            "localReceiverInclude iAmDf oList pimInclude joins fwkKey ");
+  EXPECT_EQ(gi.keyName(), "intfId");
+  EXPECT_EQ(gi.attribute("iAmDf")->id, 264u);
+  EXPECT_EQ(gi.attribute("joinState")->type, &GroupIntf::_fwkType_JoinState());
+  std::string const flags =
+      flagsOf(kGroupIntfName, "fwkKey") + " " + flagsOf(kGroupIntfName, "isNondestructing") + " " +
+      flagsOf(kGroupIntfName, "oList") + " " + flagsOf("Routing::Pim::Bidir::Group", "rpf") + " " +
+      flagsOf(kGroupIntfName, "parentGroup") + " " +
+      flagsOf("Routing::Pim::Bidir::Status", "rpHashStatus");
+  EXPECT_EQ(flags, std::to_string(0x200001) + " " + std::to_string(0x2043) + " " +
+                       std::to_string(0x20001) + " " + std::to_string(0x220005) + " " +
+                       std::to_string(0x8020001) + " " + std::to_string(0x8220143));
+  EXPECT_EQ(Kiv::type("Routing::Pim::Bidir::Status")->attribute("group")->keyName, "groupAddr");
+  EXPECT_EQ(GroupIntfKey::_fwkType().attribute("hash")->id, 4u);
+  auto const& joinState = GroupIntf::_fwkType_JoinState();
+  ASSERT_EQ(joinState.enumerators().size(), 3u);
+  EXPECT_EQ(joinState.enumerators()[2].name, "joined");
+  EXPECT_EQ(MrouteClearFlags::_fwkType().constants().size(), 2u);
+  // The handles kept at load time resolve now.
+  EXPECT_EQ(gi.handle("oList")->descriptor(), gi.attribute("oList"));
+
+  // Registering again finds everything in place.
+  std::size_t const count = gi.attributes().size();
+  schemaRegister();
+  EXPECT_EQ(gi.attributes().size(), count);
+
+  // The table root registers under its own namespace.
+  auto const& root = TableRoot::_fwkType();
+  EXPECT_EQ(root.kind(), Kiv::TypeKind::entity);
+  EXPECT_EQ(flagsOf(TableRoot::typeName, "groupControl"),
+            std::to_string(Kiv::attributeFlags(Kiv::AttributeKind::tableControl)));
+}
+
+// The ".kiv.type" section of the loaded library, read from its file.
+std::string kivTypeSection() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&kivTypeNames), &info) == 0) return "no library";
+  std::ifstream in(info.dli_fname, std::ios::binary);
+  auto read = [&](std::size_t offset, std::size_t size) {
+    std::string bytes(size, '\0');
+    in.seekg(static_cast<std::streamoff>(offset));
+    in.read(bytes.data(), static_cast<std::streamsize>(size));
+    return bytes;
+  };
+  Elf64_Ehdr eh;
+  std::memcpy(&eh, read(0, sizeof eh).data(), sizeof eh);
+  std::vector<Elf64_Shdr> sections(eh.e_shnum);
+  std::memcpy(sections.data(), read(eh.e_shoff, eh.e_shnum * sizeof(Elf64_Shdr)).data(),
+              eh.e_shnum * sizeof(Elf64_Shdr));
+  auto const& names = sections.at(eh.e_shstrndx);
+  std::string const nameTable = read(names.sh_offset, names.sh_size);
+  for (auto const& sh : sections) {
+    if (std::strcmp(nameTable.c_str() + sh.sh_name, ".kiv.type") == 0) {
+      return read(sh.sh_offset, sh.sh_size);
+    }
+  }
+  return "no section";
+}
+
+TEST(Introspection, LibraryCarriesItsTypeNamesInOrder) {
+  std::string expected;
+  for (auto n : kivTypeNames()) expected += std::string(n) + '\0';
+  EXPECT_EQ(kivTypeSection(), expected);
+  auto const names = kivTypeNames();
+  ASSERT_EQ(names.size(), 18u);
+  EXPECT_EQ(names[0], "Routing::Pim::Bidir::GroupIntf::JoinState");
+  EXPECT_EQ(names[11], "Routing::Pim::Bidir::ConfigColl");
+  EXPECT_EQ(names[17], "Routing::Pim::Bidir::Quarn::GroupQuarnRestartSm");
+}
+
+struct Counter : GroupIntf::Notifiee {
+  int iAmDf = 0;
+  void onIAmDf() override { ++iAmDf; }
+};
+
+// What the generic operation on `entity` (const: held read-only) answers to `r`.
+template <class E>
+std::string refusal(E& entity, AttributeRequest const& r) {
+  try {
+    entity.attributeOp(r);
+  } catch (Kiv::ConstException const& e) {
+    return std::string("const: ") + e.what();
+  } catch (Kiv::BadIndexException const& e) {
+    return std::string("index: ") + e.what();
+  } catch (Kiv::TypeException const& e) {
+    return std::string("type: ") + e.what();
+  } catch (Kiv::OperationNotSupportedException const& e) {
+    return std::string("unsupported: ") + e.what();
+  } catch (Kiv::RangeException const& e) {
+    return std::string("range: ") + e.what();
+  }
+  return "accepted";
+}
+
+TEST(Introspection, GenericOperationChecksInOrderAndChangesNothingWhenItRefuses) {
+  auto intf = groupIntfFactory(IntfId("Ethernet1"));
+  auto counter = Kiv::newPtr<Counter>();
+  counter->notifierIs(intf);
+  using A = GroupIntf::Attr;
+  Value const yes(true), word(std::int64_t{70000}), text(Kiv::String8("maybe"));
+  Kiv::Ptr<GroupIntf const> readOnly = intf;
+
+  EXPECT_EQ(refusal(*readOnly, {9999, 200}), "const: attempting to modify a const instance");
+  EXPECT_EQ(refusal(*readOnly, {A::iAmDf, 128, nullptr, &yes}),
+            "const: attempting to modify a const instance");
+  EXPECT_EQ(refusal(*intf, {A::joins, 0, &yes}), "index: attribute 'joins': no index allowed");
+  EXPECT_EQ(refusal(*intf, {A::oList, 128, nullptr, &yes}),
+            "unsupported: attribute 'oList': operation 128 not supported");
+  EXPECT_EQ(refusal(*intf, {A::intfId, 128, nullptr, &yes}),
+            "unsupported: attribute 'intfId': operation 128 not supported");
+  EXPECT_EQ(refusal(*intf, {A::iAmDf, 1}),
+            "unsupported: attribute 'iAmDf': operation 1 not supported");
+  EXPECT_EQ(refusal(*intf, {A::iAmDf, 128}), "type: attribute 'iAmDf': value required");
+  EXPECT_EQ(refusal(*intf, {A::joinState, 128, nullptr, &word}).substr(0, 5), "range");
+  EXPECT_EQ(refusal(*intf, {A::forward, 128, nullptr, &text}).substr(0, 5), "range");
+  EXPECT_FALSE(intf->iAmDf() || intf->forward());
+  EXPECT_EQ(intf->joinState(), GroupIntf::noInfo);
+  EXPECT_EQ(counter->iAmDf, 0);
+
+  EXPECT_EQ(refusal(*intf, {A::iAmDf, 128, nullptr, &yes}), "accepted");
+  EXPECT_TRUE(intf->iAmDf());
+  EXPECT_EQ(counter->iAmDf, 1);
+  Value const joined(std::int64_t{GroupIntf::joined});  // "2" read as a JoinState name: refused
+  EXPECT_EQ(refusal(*intf, {A::joinState, 128, nullptr, &joined}).substr(0, 5), "range");
+  Value const joinedState(GroupIntf::joined);
+  intf->attributeOp({A::joinState, 128, nullptr, &joinedState});
+  EXPECT_EQ(readOnly->attributeOp({A::joins}), Value(true));
+
+  // The constant of Config, and integer conversions that must fit.
+  auto config = configFactory(L3::VrfName("red"));
+  using C = Config::Attr;
+  EXPECT_EQ(refusal(*config, {C::groupExpiryIntervalDefault, 128, nullptr, &word}),
+            "unsupported: attribute 'groupExpiryIntervalDefault': operation 128 not supported");
+  EXPECT_EQ(refusal(*config, {C::groupExpiryInterval, 128, nullptr, &word}).substr(0, 5), "type:");
+  EXPECT_EQ(config->groupExpiryInterval(), 210);
+  Value const small(std::int64_t{300});
+  config->attributeOp({C::groupExpiryInterval, 128, nullptr, &small});
+  EXPECT_EQ(config->groupExpiryInterval(), 300);
+  EXPECT_EQ(Kiv::Ptr<Config const>(config)->attributeOp({C::groupExpiryIntervalDefault}),
+            Value(std::uint16_t{210}));
+
+  // Collections take an index: the member's key.
+  auto status = statusFactory("vrf");
+  auto g = status->groupIs(IpGenAddr("239.1.1.1"));
+  Value const key(IpGenAddr("239.1.1.1")), other(IpGenAddr("239.9.9.9"));
+  EXPECT_EQ(status->attributeOp({Status::Attr::group, 0, &key}), Value(Kiv::Ptr<Group const>(g)));
+  EXPECT_EQ(status->attributeOp({Status::Attr::group, 0, &other}), Value(Kiv::Ptr<Group const>()));
+  EXPECT_EQ(status->attributeOp({Status::Attr::group}), Value(std::uint64_t{1}));
+}
+
+TEST(Introspection, FlagsWordConstructorIsCheckedAndTakesOneArgument) {
+  activateReactor();
+  schemaRegister();
+  auto const& flags = MrouteClearFlags::_fwkType();
+  auto construct = [](Kiv::TypeDescriptor const& t, std::vector<Value> const& args) {
+    try {
+      return t.construct(args).text();
+    } catch (Jorv::Exception const& e) {
+      return Kiv::String8(e.what());
+    }
+  };
+  Value const three(std::int64_t{3}), four(std::int64_t{4}), addr(IpGenAddr("239.1.1.1"));
+  EXPECT_EQ(flags.construct(std::vector{three}), Value(MrouteClearFlags(3)));
+  EXPECT_EQ(construct(flags, {four}), "MrouteClearFlags::value > 0x3 not allowed");
+  EXPECT_EQ(construct(flags, {three, three}), "MrouteClearFlags: unknown argument 2");
+  EXPECT_THROW(flags.construct(std::vector{three, three}), Kiv::UnknownArgumentException);
+  EXPECT_EQ(construct(ClearConfig::GroupKey::_fwkType(), {four, addr}),
+            "MrouteClearFlags::value > 0x3 not allowed");
+  EXPECT_EQ(flags.constants()[1].value, Value(MrouteClearFlags::clearGroup_));
+}
+
+// The typed accessors, by type and attribute name, for every readable attribute that is not a
+// collection: the generic read of each must equal what its accessor returns.
+using Getter = std::function<Value(Kiv::Entity const&)>;
+template <class E, class F>
+Getter typed(F f) {
+  return [f](Kiv::Entity const& e) { return Value(f(dynamic_cast<E const&>(e))); };
+}
+// clang-format off
+std::map<std::string, std::map<std::string, Getter>> const kAccessors = {
+    {"Routing::Pim::Bidir::GroupIntf", {
+        {"intfId", typed<GroupIntf>([](auto& e) { return e.intfId(); })},
+        {"fwkKey", typed<GroupIntf>([](auto& e) { return e.fwkKey(); })},
+        {"parentGroup", typed<GroupIntf>([](auto& e) { return e.parentGroup(); })},
+        {"joinState", typed<GroupIntf>([](auto& e) { return e.joinState(); })},
+        {"lastJoinReceived", typed<GroupIntf>([](auto& e) { return e.lastJoinReceived(); })},
+        {"forward", typed<GroupIntf>([](auto& e) { return e.forward(); })},
+        {"localReceiverInclude", typed<GroupIntf>([](auto& e) { return e.localReceiverInclude(); })},
+        {"iAmDf", typed<GroupIntf>([](auto& e) { return e.iAmDf(); })},
+        {"oList", typed<GroupIntf>([](auto& e) { return e.oList(); })},
+        {"pimInclude", typed<GroupIntf>([](auto& e) { return e.pimInclude(); })},
+        {"joins", typed<GroupIntf>([](auto& e) { return e.joins(); })}}},
+    {"Routing::Pim::Bidir::Group", {
+        {"groupAddr", typed<Group>([](auto& e) { return e.groupAddr(); })},
+        {"fwkKey", typed<Group>([](auto& e) { return e.fwkKey(); })},
+        {"creationTime", typed<Group>([](auto& e) { return e.creationTime(); })},
+        {"rpaRpf", typed<Group>([](auto& e) { return e.rpaRpf(); })},
+        {"rpf", typed<Group>([](auto& e) { return e.rpf(); })},
+        {"prevRpf", typed<Group>([](auto& e) { return e.prevRpf(); })},
+        {"prevRpaId", typed<Group>([](auto& e) { return e.prevRpaId(); })},
+        {"rp", typed<Group>([](auto& e) { return e.rp(); })},
+        {"rpaIndex", typed<Group>([](auto& e) { return e.rpaIndex(); })},
+        {"upJoinState", typed<Group>([](auto& e) { return e.upJoinState(); })},
+        {"neighborGenIdChanged", typed<Group>([](auto& e) { return e.neighborGenIdChanged(); })},
+        {"rpfChanged", typed<Group>([](auto& e) { return e.rpfChanged(); })},
+        {"inactiveCount", typed<Group>([](auto& e) { return e.inactiveCount(); })},
+        {"inactive", typed<Group>([](auto& e) { return e.inactive(); })},
+        {"initialized", typed<Group>([](auto& e) { return e.initialized(); })},
+        {"routeKey", typed<Group>([](auto& e) { return e.routeKey(); })},
+        {"bidirStatus", typed<Group>([](auto& e) { return e.bidirStatus(); })},
+        {"joinDesired", typed<Group>([](auto& e) { return e.joinDesired(); })}}},
+    {"Routing::Pim::Bidir::Status", {
+        {"rpaRpfStatus", typed<Status>([](auto& e) { return e.rpaRpfStatus(); })},
+        {"rpHashStatus", typed<Status>([](auto& e) { return e.rpHashStatus(); })},
+        {"initialized", typed<Status>([](auto& e) { return e.initialized(); })}}},
+    {"Routing::Pim::Bidir::Config", {
+        {"vrfName", typed<Config>([](auto& e) { return e.vrfName(); })},
+        {"groupExpiryInterval", typed<Config>([](auto& e) { return e.groupExpiryInterval(); })},
+        {"groupExpiryIntervalDefault",
+         typed<Config>([](auto& e) { return e.groupExpiryIntervalDefault(); })}}},
+    {"Routing::Pim::Bidir::ClearConfig", {
+        {"vrfName", typed<ClearConfig>([](auto& e) { return e.vrfName(); })},
+        {"groupKey", typed<ClearConfig>([](auto& e) { return e.groupKey(); })},
+        {"groupsCount", typed<ClearConfig>([](auto& e) { return e.groupsCount(); })},
+        {"countersCount", typed<ClearConfig>([](auto& e) { return e.countersCount(); })}}},
+    {"Routing::Pim::Bidir::ConfigColl", {}},
+    {"Routing::Pim::Bidir::ClearConfigColl", {}},
+    {"Routing::Pim::Bidir::Quarn::Status", {
+        {"writerMountInfo", typed<TableRoot>([](auto& e) { return e.writerMountInfo(); })}}},
+};
+// clang-format on
+
+// A key for each key type of the library's entity types.
+Value keyOf(Kiv::TypeDescriptor const& type) {
+  std::string const k = type.keyType()->name();
+  if (k == "Lanx::IntfId") return Value(IntfId("Ethernet7"));
+  if (k == "Lanx::IpGenAddr") return Value(IpGenAddr("239.2.2.2"));
+  if (k == "L3::VrfName") return Value(L3::VrfName("blue"));
+  return Value(Kiv::Name("root"));
+}
+
+// Non-default values in every stored attribute, through the typed setters, so that a generic
+// read wired to the wrong accessor shows.
+void populate(Kiv::Entity& e) {
+  if (auto* gi = dynamic_cast<GroupIntf*>(&e)) {
+    gi->joinStateIs(GroupIntf::prunePending);
+    gi->lastJoinReceivedIs(2.5);
+    gi->forwardIs(true);
+    gi->iAmDfIs(true);
+  } else if (auto* g = dynamic_cast<Group*>(&e)) {
+    g->creationTimeIs(1.5);
+    g->prevRpaIdIs(7);
+    g->upJoinStateIs(Group::upJoined);
+    g->neighborGenIdChangedIs(1);
+    g->rpfChangedIs(2);
+    g->inactiveCountIs(3);
+    g->inactiveIs(true);
+  } else if (auto* s = dynamic_cast<Status*>(&e)) {
+    s->initializedIs(true);
+  } else if (auto* c = dynamic_cast<Config*>(&e)) {
+    c->groupExpiryIntervalIs(99);
+  } else if (auto* cc = dynamic_cast<ClearConfig*>(&e)) {
+    cc->groupKeyIs(ClearConfig::GroupKey(MrouteClearFlags(2), IpGenAddr("239.3.3.3")));
+    cc->groupsCountIs(5);
+    cc->countersCountIs(6);
+  }
+}
+
+TEST(Introspection, EveryGenericReadEqualsTheTypedAccessor) {
+  activateReactor();
+  schemaRegister();
+  TableRoot::_fwkType();
+  std::size_t checked = 0;
+  for (auto const* type : Kiv::types()) {
+    if (!type->name().starts_with(kPrefix) || type->kind() != Kiv::TypeKind::entity) continue;
+    SCOPED_TRACE(type->name());
+    ASSERT_TRUE(kAccessors.contains(type->name()));
+    auto const& accessors = kAccessors.at(type->name());
+    Value const key = keyOf(*type);
+    auto entity = *type->construct(std::span(&key, 1)).get<Kiv::Ptr<Kiv::Entity>>();
+    ASSERT_EQ(&entity->fwkType(), type);
+    populate(*entity);
+    std::size_t seen = 0;
+    for (auto const& a : type->attributes()) {
+      if (a.flags & Kiv::AttributeFlag::members || !(a.flags & Kiv::AttributeFlag::readable)) {
+        continue;
+      }
+      Value const generic = Kiv::Ptr<Kiv::Entity const>(entity)->attributeOp({a.id});
+      EXPECT_EQ(generic.type(), a.type) << a.name;
+      if (a.name == "isNondestructing") {
+        EXPECT_EQ(generic, Value(entity->isNondestructing()));
+        continue;
+      }
+      ASSERT_TRUE(accessors.contains(a.name)) << a.name;
+      EXPECT_EQ(generic, accessors.at(a.name)(*entity)) << a.name << ": " << generic.text();
+      ++seen;
+      ++checked;
+    }
+    EXPECT_EQ(seen, accessors.size());
+  }
+  EXPECT_EQ(checked, 40u);
+}
+
+}  // namespace
