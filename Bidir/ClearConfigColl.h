@@ -13,7 +13,8 @@
 
 namespace Routing::Pim::Bidir {
 
-class ClearConfigColl : public Kiv::Entity {
+class ClearConfigColl : public Kiv::Entity,
+                        public Kiv::NboAttrLog::AttrLogInterface<ClearConfigColl> {
  public:
   struct Attr {
     enum : Kiv::AttributeId { vrfClearConfig = Kiv::kFirstTypeAttributeId };
@@ -65,7 +66,8 @@ class ClearConfigColl : public Kiv::Entity {
 
   static constexpr auto attributes() {
     return std::tuple{
-        Kiv::collection("vrfClearConfig", Attr::vrfClearConfig, ClearConfig::typeName)};
+        Kiv::collection<&ClearConfigColl::clearConfigs_>("vrfClearConfig", Attr::vrfClearConfig,
+                                                         ClearConfig::typeName)};
   }
   Kiv::AttributeTable const& attributeTable() const override;
 

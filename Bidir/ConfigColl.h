@@ -13,7 +13,7 @@
 
 namespace Routing::Pim::Bidir {
 
-class ConfigColl : public Kiv::Entity {
+class ConfigColl : public Kiv::Entity, public Kiv::NboAttrLog::AttrLogInterface<ConfigColl> {
  public:
   struct Attr {
     enum : Kiv::AttributeId { vrfConfig = Kiv::kFirstTypeAttributeId };
@@ -54,7 +54,7 @@ class ConfigColl : public Kiv::Entity {
   Kiv::IteratorRange<VrfConfigIteratorConst> vrfConfigIter() const { return configs_.range(); }
 
   static constexpr auto attributes() {
-    return std::tuple{Kiv::collection("vrfConfig", Attr::vrfConfig, Config::typeName)};
+    return std::tuple{Kiv::collection<&ConfigColl::configs_>("vrfConfig", Attr::vrfConfig, Config::typeName)};
   }
   Kiv::AttributeTable const& attributeTable() const override;
 

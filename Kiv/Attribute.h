@@ -179,6 +179,24 @@ constexpr CollectionAttribute collection(std::string_view name, AttributeId id,
   return {{name, id, memberTypeName, AttributeKind::collection}};
 }
 
+// A collection declared with the owner's Kiv::Collection member, so that generic code (the
+// attribute log's adapters) reaches its members:   Kiv::collection<&Owner::members_>(name, id, type)
+template <class Owner, class Coll, Coll Owner::*Members>
+struct TypedCollectionAttribute : CollectionAttribute {
+  using OwnerType = Owner;
+  using CollectionType = Coll;
+  static Coll& of(Owner& o) noexcept { return o.*Members; }
+  static Coll const& of(Owner const& o) noexcept { return o.*Members; }
+};
+
+template <auto Members>
+constexpr auto collection(std::string_view name, AttributeId id, std::string_view memberTypeName) {
+  using Owner = typename detail::MemberTraits<decltype(Members)>::Owner;
+  using Coll = typename detail::MemberTraits<decltype(Members)>::Type;
+  return TypedCollectionAttribute<Owner, Coll, Members>{
+      {{name, id, memberTypeName, AttributeKind::collection}}};
+}
+
 // The untyped declarations of a tuple of typed ones, in the same order.
 template <class... A>
 constexpr std::array<AttributeDecl, sizeof...(A)> declarations(std::tuple<A...> const& attrs) {
