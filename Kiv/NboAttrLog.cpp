@@ -440,7 +440,14 @@ void In::feed(std::span<std::uint8_t const> bytes) {
       process();
     }
   } catch (...) {
+    // The stream cannot be trusted past a bad record: drop it all (the channel closes).
     processing_ = false;
+    buf_.clear();
+    later_.clear();
+    head_ = 0;
+    pending_.clear();
+    pendingBytes_ = 0;
+    depth_ = 0;
     throw;
   }
   processing_ = false;
