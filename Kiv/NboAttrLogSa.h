@@ -404,11 +404,12 @@ class Sa : public SaBase {
     forEachLogged([&](auto const& a, std::uint32_t) {
       using A = std::remove_cvref_t<decltype(a)>;
       if constexpr (detail::IsTypedCollection<A>::value) {
+        using K = typename A::CollectionType::KeyType;
         if (sid == std::int32_t(a.decl.id)) {
-          Key key = nboRead(c, static_cast<Key const*>(nullptr));
+          K key = nboRead(c, static_cast<K const*>(nullptr));
           memberBound(key, c.u32(), in);
         } else if (sid == -std::int32_t(a.decl.id)) {
-          Key key = nboRead(c, static_cast<Key const*>(nullptr));
+          K key = nboRead(c, static_cast<K const*>(nullptr));
           memberDeleted(key, in);
         }
       } else if (sid == std::int32_t(a.decl.id)) {
@@ -540,14 +541,16 @@ class Sa : public SaBase {
     forEachLogged([&](auto const& a, std::uint32_t) {
       using A = std::remove_cvref_t<decltype(a)>;
       if constexpr (detail::IsTypedCollection<A>::value) {
+        using K = typename A::CollectionType::KeyType;
+        using M = typename A::CollectionType::MemberType;
         if (sid == std::int32_t(a.decl.id) || sid == -std::int32_t(a.decl.id)) {
           known = true;
           std::uint8_t const* keyStart = c.position();
-          nboRead(c, static_cast<Key const*>(nullptr));
+          nboRead(c, static_cast<K const*>(nullptr));
           std::string_view keyBytes(reinterpret_cast<char const*>(keyStart),
                                     std::size_t(c.position() - keyStart));
           if (sid > 0) {
-            in.announceMember(h.entityId, keyBytes, c.u32(), &Sa<Member>::typeInfo());
+            in.announceMember(h.entityId, keyBytes, c.u32(), &Sa<M>::typeInfo());
           } else {
             in.memberGone(h.entityId, keyBytes);
           }
