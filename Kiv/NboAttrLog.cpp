@@ -296,8 +296,7 @@ void Out::syncModeIs(std::uint32_t mode) {
 
 void Out::fullStateBegin() {
   syncModeIs(syncModeFull);
-  syncDonePending_ = true;
-  if (queue_.empty()) runFlowOuts();
+  syncDonePending_ = true;  // sync mode 2 follows once the queue has drained (runFlowOuts)
 }
 
 SaBase* Out::adapter(Entity const* e) const {
@@ -688,6 +687,8 @@ Ptr<Entity> Endpoint::readRoot(std::string_view typeName, std::string_view name)
 
 Ptr<Entity> Endpoint::bindRoot(TypeInfo const& type, String8 const& argument) {
   if (Ptr<Entity> e = readRoot(type.name, argument)) return e;
+  // Entities a peer creates outside the read roots are kept for the process: bound their number.
+  if (created_.size() >= kMaxCreatedRoots) throw AttrLogRecordException("too many root entities");
   Ptr<Entity> e = type.create(argument);
   created_.push_back(e);
   return e;

@@ -71,6 +71,7 @@ inline constexpr std::uint32_t kMaxRecordBytes = 4096;        // body of one rec
 inline constexpr std::uint32_t kMaxEntityId = 1u << 24;       // identifiers 1..kMaxEntityId
 inline constexpr std::size_t kMaxPendingBytes = 16u << 20;    // one transaction's records
 inline constexpr unsigned kMaxTransactionDepth = 16;
+inline constexpr std::size_t kMaxCreatedRoots = 1024;
 
 struct MsgHeader {
   static constexpr std::size_t wireSize = 20;
