@@ -264,7 +264,7 @@ class Sa : public SaBase {
       forEachLogged([&](auto const& a, std::uint32_t bit) {
         step(a.decl.id, bit, [&] {
           if constexpr (detail::IsTypedCollection<std::remove_cvref_t<decltype(a)>>::value) {
-            return serializeCollection();
+            return kivHandleSerializeColl();
           } else {
             writeAttribute(a.decl.id);
             return true;
@@ -334,7 +334,7 @@ class Sa : public SaBase {
 
   // Walks every member (a transaction), resuming at the bookmark; false when the output blocked
   // (the bookmark then holds the key to resume at).
-  bool serializeCollection() {
+  bool kivHandleSerializeColl() {
     if constexpr (isCollection) {
       auto& coll = CollAttr::of(*entity_);
       std::any& bookmark = flowOut_->bookmark();
@@ -437,11 +437,13 @@ class Sa : public SaBase {
     }
   }
 
- private:
+  // Follows the notification mask: registered while any notification bit is set.
   void registerNotifiee() {
     notifiee_.notifierIs(Ptr<E const>(entity_.ptr()));
     notifiee_.isRegisteredNotifieeIs((flags_ & notificationMask) != 0);
   }
+
+ private:
 
   void attributeChanged(AttributeId id, std::uint32_t bit) {
     if (isFlowIn(id)) return;  // applied from this channel: never echoed
@@ -600,6 +602,7 @@ Ptr<Sa<E>> AttrLogInterface<E>::kivNboAttrLogSaIs(std::uint32_t mask, std::uint3
     std::uint32_t f = existing->flags();
     if ((f & SaBase::notificationMask) != (mask & SaBase::notificationMask)) {
       existing->flagsIs((f & ~SaBase::notificationMask) | (mask & SaBase::notificationMask));
+      existing->registerNotifiee();
     }
     return existing;
   }

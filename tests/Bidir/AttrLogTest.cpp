@@ -186,6 +186,17 @@ TEST(AttrLog, AppliesChangesOnceAndNeverEchoes) {
   ASSERT_TRUE(runUntil(p.act, [&] { return wWatch.counts.n == rWatch.counts.n; }))
       << wWatch.counts.text() << "--\n" << rWatch.counts.text();
   EXPECT_EQ(back.out().recordsWritten(), backRecords);
+
+  // The same adapter again, with no notification bits: it stays, and stops writing changes.
+  auto red = p.writer.clr->vrfClearConfigIs("red");
+  auto sa = red->kivNboAttrLogSa(p.out());
+  EXPECT_EQ(red->kivNboAttrLogSaIs(0, 0, p.out(), sa->parent()), sa);
+  std::uint64_t const records = p.out().recordsWritten();
+  red->countersCountIs(red->countersCount() + 1);
+  EXPECT_EQ(p.out().recordsWritten(), records);
+  red->kivNboAttrLogSaIs(Log::SaBase::notifyAll, 0, p.out(), sa->parent());
+  red->countersCountIs(red->countersCount() + 1);
+  EXPECT_EQ(p.out().recordsWritten(), records + 1);
   EXPECT_EQ(p.wEnd.errors() + p.rEnd.errors(), 0u) << p.rEnd.lastError();
 }
 
@@ -277,7 +288,7 @@ int readerRole(std::string const& dir) {
 }
 [[maybe_unused]] bool const isChild = TestSupport::childRole(kRole, readerRole);
 
-struct Procs : ::testing::Test {
+struct AttrLogProcs : ::testing::Test {
   std::string dir;
   Kiv::Activity act;
   Tree writer, seen;
@@ -312,7 +323,7 @@ struct Procs : ::testing::Test {
   }
 };
 
-TEST_F(Procs, RandomChangesEndEqualWithOneNotificationPerChange) {
+TEST_F(AttrLogProcs, RandomChangesEndEqualWithOneNotificationPerChange) {
   TreeWatch watch(writer.cfg, writer.clr);
   pid_t const reader = children.spawn(dir);
   ASSERT_TRUE(converge());
@@ -327,7 +338,7 @@ TEST_F(Procs, RandomChangesEndEqualWithOneNotificationPerChange) {
   EXPECT_EQ(server->errors(), 0u) << server->lastError();
 }
 
-TEST_F(Procs, StoppedReaderCoalescesAndRestartsResynchronise) {
+TEST_F(AttrLogProcs, StoppedReaderCoalescesAndRestartsResynchronise) {
   pid_t reader = children.spawn(dir);
   for (int i = 0; i < 20; ++i) writer.clr->vrfClearConfigIs(vrf(i));
   ASSERT_TRUE(converge());
