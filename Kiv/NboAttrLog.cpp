@@ -666,9 +666,8 @@ void Endpoint::serve(Ptr<Entity> const& entity) {
   served_.push_back(entity);
   for (auto& ch : channels_) {
     if (!ch->open()) continue;
-    if (TypeInfo const* type = typeFind(entity->attributeTable().typeName)) {
-      type->newWriter(*entity, ch->out());
-    }
+    attachOne(entity, ch->out());
+    ch->out().runFlowOuts();
   }
 }
 
@@ -725,10 +724,12 @@ Channel& Endpoint::adopt(int fd, String8 const& description) {
 
 void Endpoint::attachServed(Out& out) {
   out.fullStateBegin();
-  for (auto const& e : served_) {
-    if (TypeInfo const* type = typeFind(e->attributeTable().typeName)) type->newWriter(*e, out);
-  }
+  for (auto const& e : served_) attachOne(e, out);
   out.runFlowOuts();
+}
+
+void Endpoint::attachOne(Ptr<Entity> const& e, Out& out) {
+  if (TypeInfo const* type = typeFind(e->attributeTable().typeName)) type->newWriter(*e, out);
 }
 
 void Endpoint::channelClosed(Channel* channel) {
@@ -822,17 +823,14 @@ void Client::onChannelClosed() {
   }
 }
 
-void Client::attachServed(Out& out) {
-  out.fullStateBegin();
-  for (auto const& e : served_) {
-    auto it = adapters_.find(e.ptr());
-    if (it != adapters_.end()) {
-      it->second->doRemountSelf(out);
-    } else if (TypeInfo const* type = typeFind(e->attributeTable().typeName)) {
-      adapters_.emplace(e.ptr(), type->newWriter(*e, out));
-    }
+void Client::attachOne(Ptr<Entity> const& e, Out& out) {
+  auto it = adapters_.find(e.ptr());
+  if (it != adapters_.end()) {
+    it->second->doRemountSelf(out);
+    out.rootIs(it->second);
+  } else if (TypeInfo const* type = typeFind(e->attributeTable().typeName)) {
+    adapters_.emplace(e.ptr(), type->newWriter(*e, out));
   }
-  out.runFlowOuts();
 }
 
 void socketPair(int fds[2]) {

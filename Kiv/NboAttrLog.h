@@ -497,8 +497,10 @@ class Endpoint {
  protected:
   virtual void onChannelClosed() {}
   void channelsClear() { channels_.clear(); }
-  // Attaches every served entity to `out` (first time) or re-mounts adapters (reconnect).
-  virtual void attachServed(Out& out);
+  // Attaches every served entity to a new channel's `out`, between sync modes 1 and 2.
+  void attachServed(Out& out);
+  // Attaches one served entity: a new adapter, or (Client) its adapter re-mounted.
+  virtual void attachOne(Ptr<Entity> const& entity, Out& out);
   std::vector<Ptr<Entity>> served_;
 
  private:
@@ -540,7 +542,7 @@ class Client : public Endpoint {
  private:
   void tryConnect();
   void onChannelClosed() override;
-  void attachServed(Out& out) override;
+  void attachOne(Ptr<Entity> const& entity, Out& out) override;
   std::string path_;
   Activity::Id retryTimer_ = 0;
   std::unordered_map<Entity const*, Ptr<SaBase>> adapters_;

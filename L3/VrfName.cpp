@@ -28,8 +28,7 @@ void nboWrite(Kiv::NboAttrLog::Out& out, VrfName const& v) {
 }
 
 VrfName nboRead(Kiv::NboAttrLog::Cursor& in, VrfName const*) {
-  std::uint32_t const n = in.u32();
-  return VrfName(in.bytes(n));
+  return VrfName(in.string());
 }
 
 }  // namespace L3

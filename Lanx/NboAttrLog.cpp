@@ -38,8 +38,7 @@ void nboWrite(Kiv::NboAttrLog::Out& out, IntfId const& v) {
 }
 
 IntfId nboRead(Kiv::NboAttrLog::Cursor& in, IntfId const*) {
-  std::uint32_t const n = in.u32();
-  return IntfId(in.bytes(n));
+  return IntfId(std::string_view(in.string()));
 }
 
 }  // namespace Lanx

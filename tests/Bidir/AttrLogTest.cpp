@@ -265,6 +265,35 @@ TEST(AttrLog, CollectionWalkResumesAtItsBookmark) {
   EXPECT_EQ(rWatch.counts.n["groupsCount"], kMembers - 2);
 }
 
+TEST(AttrLog, ConnectingWriterRemountsItsAdaptersOnEveryConnection) {
+  Kiv::Activity act;
+  Tree writer, reader;
+  std::string const path = "/tmp/attrlog-remount-" + std::to_string(::getpid());
+  auto listen = [&] {
+    auto s = std::make_unique<Log::Server>(act, path);
+    s->read(reader.cfg);
+    s->read(reader.clr);
+    return s;
+  };
+  auto server = listen();
+  Log::Client client(act, path, {16 * 1024, 0.01});
+  client.serve(writer.cfg);
+  client.serve(writer.clr);
+  writer.clr->vrfClearConfigIs("red")->groupsCountIs(3);
+  auto equal = [&] { return dump(writer) == dump(reader) && server->synced(); };
+  ASSERT_TRUE(runUntil(act, equal));
+  auto const sa = writer.clr->kivNboAttrLogSa(client.channel()->out());
+
+  server.reset();  // the reading side goes; the writer changes on meanwhile
+  writer.clr->vrfClearConfigDel("red");
+  writer.cfg->vrfConfigIs("blue")->groupExpiryIntervalIs(5);
+  ASSERT_TRUE(runUntil(act, [&] { return client.channel() == nullptr; }));
+  server = listen();
+  ASSERT_TRUE(runUntil(act, equal)) << dump(reader);
+  EXPECT_EQ(writer.clr->kivNboAttrLogSa(client.channel()->out()), sa);  // the same adapter
+  EXPECT_EQ(client.connections(), 2u);
+}
+
 // ---- between processes ----
 
 constexpr char const* kRole = "ATTRLOG_TEST_ROLE";
