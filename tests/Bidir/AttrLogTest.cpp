@@ -265,7 +265,7 @@ TEST(AttrLog, CollectionWalkResumesAtItsBookmark) {
   EXPECT_EQ(rWatch.counts.n["groupsCount"], kMembers - 2);
 }
 
-TEST(AttrLog, ConnectingWriterResynchronisesOnEveryConnection) {
+TEST(AttrLog, ConnectingWriterRemountsItsAdaptersOnEveryConnection) {
   Kiv::Activity act;
   Tree writer, reader;
   std::string const path = "/tmp/attrlog-remount-" + std::to_string(::getpid());
@@ -283,6 +283,7 @@ TEST(AttrLog, ConnectingWriterResynchronisesOnEveryConnection) {
   auto equal = [&] { return dump(writer) == dump(reader) && server->synced(); };
   ASSERT_TRUE(runUntil(act, equal));
 
+  auto const sa = writer.clr->kivNboAttrLogSa(client.channel()->out());
   server.reset();  // the reading side goes; the writer changes on meanwhile
   writer.clr->vrfClearConfigDel("red");
   writer.cfg->vrfConfigIs("blue")->groupExpiryIntervalIs(5);
@@ -290,6 +291,7 @@ TEST(AttrLog, ConnectingWriterResynchronisesOnEveryConnection) {
   server = listen();
   ASSERT_TRUE(runUntil(act, equal)) << dump(reader);
   EXPECT_EQ(client.connections(), 2u);
+  EXPECT_EQ(writer.clr->kivNboAttrLogSa(client.channel()->out()), sa);  // re-mounted, not new
 }
 
 // ---- between processes ----
