@@ -258,7 +258,7 @@ TEST(AttrLog, CollectionWalkResumesAtItsBookmark) {
 
   TreeWatch rWatch(p.reader.cfg, p.reader.clr);
   p.rEnd.adopt(p.fds[1], "reader");
-  ASSERT_TRUE(runUntil(p.act, [&] { return p.equal() && p.rEnd.synced(); }));
+  ASSERT_TRUE(runUntil(p.act, [&] { return p.equal() && p.rEnd.synced(); }, 120));
   EXPECT_EQ(p.reader.clr->vrfClearConfigCount(), std::size_t(kMembers - 1));
   // Every member was created once on the reader, none twice; at most the two removed ones went.
   EXPECT_LE(rWatch.counts.n["vrfClearConfig"], kMembers + 1);
@@ -336,7 +336,7 @@ struct AttrLogProcs : ::testing::Test {
     std::filesystem::remove_all(dir);
   }
   bool equal() { return dump(writer) == dump(seen); }
-  ::testing::AssertionResult converge(double seconds = 20) {
+  ::testing::AssertionResult converge(double seconds = 60) {
     if (runUntil(act, [&] { return equal() && relay->synced(); }, seconds)) {
       return ::testing::AssertionSuccess();
     }
