@@ -1,11 +1,17 @@
 # Thin wrappers over the CMake presets; see README.md.
-.PHONY: all demo test test-asan test-tsan bench fuzz install clean
+.PHONY: all demo engine-demo test test-asan test-tsan bench fuzz install clean
 
 all:
 	cmake --preset default >/dev/null && cmake --build --preset default
 
-# The main job: the demonstration program (writer and readers of one table across processes).
+# The main job: the agent simulation (RP/DF publisher, agent restarted halfway, reader) across
+# processes. DEMO_ARGS=--short for a run of a few seconds.
 demo:
+	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_agent
+	./build/release/tools/bidir_agent $(DEMO_ARGS)
+
+# The engine alone: one writer and two readers of one table across processes.
+engine-demo:
 	cmake --preset release >/dev/null && cmake --build --preset release --target quarn_demo
 	./build/release/examples/quarn_demo
 

@@ -74,11 +74,21 @@ Kiv::String8 stringValue(GroupStates::UpJoinState v) {
 Kiv::String8 stringValue(GroupIntfStates::JoinState v) {
   return kJoinState.stringValue(v);
 }
+namespace {
+// Appended in place: GCC 12 at -O3 warns (-Wrestrict) on "'" + a temporary string.
+template <class E>
+Kiv::String8 quoted(E v) {
+  Kiv::String8 text("'");
+  text += stringValue(v);
+  text += '\'';
+  return text;
+}
+}  // namespace
 Kiv::String8 valueToStrep(GroupStates::UpJoinState v) {
-  return "'" + stringValue(v) + "'";
+  return quoted(v);
 }
 Kiv::String8 valueToStrep(GroupIntfStates::JoinState v) {
-  return "'" + stringValue(v) + "'";
+  return quoted(v);
 }
 std::ostream& operator<<(std::ostream& os, GroupStates::UpJoinState v) {
   return os << stringValue(v);

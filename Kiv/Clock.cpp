@@ -4,11 +4,27 @@
 
 namespace Kiv {
 
+void Clock::Notifiee::listIs(bool in) const {
+  if (clock_ == nullptr || !registered_) return;
+  if (in) {
+    clock_->notifiees_.push_back(const_cast<Notifiee*>(this));
+  } else {
+    std::erase(clock_->notifiees_, this);
+  }
+}
+
 void Clock::Notifiee::notifierIs(Clock const* clock) {
   if (clock == clock_) return;
-  if (clock_ != nullptr) std::erase(clock_->notifiees_, this);
+  listIs(false);
   clock_ = clock;
-  if (clock_ != nullptr) clock_->notifiees_.push_back(this);
+  listIs(true);
+}
+
+void Clock::Notifiee::isRegisteredNotifieeIs(bool value) {
+  if (value == registered_) return;
+  listIs(false);
+  registered_ = value;
+  listIs(true);
 }
 
 Clock::~Clock() {

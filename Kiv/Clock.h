@@ -35,10 +35,15 @@ class Clock : public PtrInterface {
     void notifierIs(Clock const* clock);
     void notifierIs(Ptr<Clock const> const& clock) { notifierIs(clock.ptr()); }
     Clock const* notifier() const noexcept { return clock_; }
+    // Switches delivery off (keeps the clock) or back on, as for entity notifiees.
+    bool isRegisteredNotifiee() const noexcept { return registered_; }
+    void isRegisteredNotifieeIs(bool value);
     virtual void onTime() = 0;
 
    private:
+    void listIs(bool in) const;
     Clock const* clock_ = nullptr;
+    bool registered_ = true;
   };
 
   Clock() = default;

@@ -36,11 +36,12 @@ struct IteratorRange {
   It end() const { return last; }
 };
 
-// Member:   the member entity type, constructible from `Key const&`.
-// OnMember: the owner's notifiee operation for a keyed change, e.g.
-// &Status::NotifieeConst::onGroup.
-template <class Key, class Member, class KeyHash, class OnMember>
-class Collection {
+// The ordered storage of keyed members, written once for entity collections (below) and reactor
+// collections (Kiv/Reactor.h): members held by Ptr in map order, lookup and iteration. What
+// inserting and removing means (parent links, notifications, delete hooks) is the holder's.
+template <class Key, class Member, class KeyHash>
+class MemberMap {
+ protected:
   struct Slot {
     std::uint32_t hash;
     Key key;
@@ -91,6 +92,55 @@ class Collection {
   using Iterator = IteratorBase<typename Map::iterator, Member>;
   using IteratorConst = IteratorBase<typename Map::const_iterator, Member const>;
 
+  MemberMap() = default;
+  MemberMap(MemberMap const&) = delete;
+  MemberMap& operator=(MemberMap const&) = delete;
+
+  std::size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+  Ptr<Member> member(Key const& key) const {
+    auto it = map_.find(slotOf(key));
+    return it == map_.end() ? Ptr<Member>() : it->second;
+  }
+
+  Iterator begin() { return Iterator(map_.begin()); }
+  Iterator end() { return Iterator(map_.end()); }
+  IteratorConst begin() const { return IteratorConst(map_.begin()); }
+  IteratorConst end() const { return IteratorConst(map_.end()); }
+  IteratorRange<Iterator> range() { return {begin(), end()}; }
+  IteratorRange<IteratorConst> range() const { return {begin(), end()}; }
+  Iterator find(Key const& key) { return Iterator(map_.find(slotOf(key))); }
+  IteratorConst find(Key const& key) const { return IteratorConst(map_.find(slotOf(key))); }
+  // The first member at or after `key` in map order (`key` itself need not be present): where a
+  // walk interrupted at `key` resumes.
+  Iterator lowerBound(Key const& key) { return Iterator(map_.lower_bound(slotOf(key))); }
+
+ protected:
+  ~MemberMap() = default;
+  static Slot slotOf(Key const& key) { return Slot{KeyHash()(key), key}; }
+
+  Map map_;
+};
+
+// Member:   the member entity type, constructible from `Key const&`.
+// OnMember: the owner's notifiee operation for a keyed change, e.g.
+// &Status::NotifieeConst::onGroup.
+template <class Key, class Member, class KeyHash, class OnMember>
+class Collection : public MemberMap<Key, Member, KeyHash> {
+  using Base = MemberMap<Key, Member, KeyHash>;
+  using Base::map_;
+  using Base::slotOf;
+  using typename Base::Map;
+
+ public:
+  using Base::begin;
+  using Base::end;
+  using Base::find;
+  using Base::member;
+  using Base::range;
+  using typename Base::Iterator;
+  using typename Base::IteratorConst;
+
   Collection(Entity& owner, AttributeId id, OnMember onMember)
       : owner_(owner), id_(id), onMember_(onMember) {}
   Collection(Collection const&) = delete;
@@ -101,13 +151,6 @@ class Collection {
   }
 
   AttributeId attributeId() const noexcept { return id_; }
-  std::size_t size() const noexcept { return map_.size(); }
-  bool empty() const noexcept { return map_.empty(); }
-
-  Ptr<Member> member(Key const& key) const {
-    auto it = map_.find(slotOf(key));
-    return it == map_.end() ? Ptr<Member>() : it->second;
-  }
 
   // The member under `key`, created (and notified) when absent.
   Ptr<Member> memberIs(Key const& key) {
@@ -169,21 +212,7 @@ class Collection {
     return removed;
   }
 
-  Iterator begin() { return Iterator(map_.begin()); }
-  Iterator end() { return Iterator(map_.end()); }
-  IteratorConst begin() const { return IteratorConst(map_.begin()); }
-  IteratorConst end() const { return IteratorConst(map_.end()); }
-  IteratorRange<Iterator> range() { return {begin(), end()}; }
-  IteratorRange<IteratorConst> range() const { return {begin(), end()}; }
-  Iterator find(Key const& key) { return Iterator(map_.find(slotOf(key))); }
-  IteratorConst find(Key const& key) const { return IteratorConst(map_.find(slotOf(key))); }
-  // The first member at or after `key` in map order (`key` itself need not be present): where a
-  // walk interrupted at `key` resumes.
-  Iterator lowerBound(Key const& key) { return Iterator(map_.lower_bound(slotOf(key))); }
-
  private:
-  static Slot slotOf(Key const& key) { return Slot{KeyHash()(key), key}; }
-
   void erase(typename Map::iterator it) {
     Key const key = it->first.key;
     Ptr<Member> removed = std::move(it->second);
@@ -192,7 +221,6 @@ class Collection {
     owner_.notify(id_, onMember_, key);
   }
 
-  Map map_;
   Entity& owner_;
   AttributeId const id_;
   OnMember const onMember_;

@@ -69,4 +69,11 @@ class TempRoot {
   std::string path_;
 };
 
+// Tables built with the defaults live under $QUARN_ROOT: a private root while this lives.
+struct PrivateRoot {
+  PrivateRoot() { ::setenv("QUARN_ROOT", tmp.path().c_str(), 1); }
+  ~PrivateRoot() { ::unsetenv("QUARN_ROOT"); }
+  TempRoot tmp;
+};
+
 }  // namespace BenchSupport

@@ -30,12 +30,7 @@ using Bidir::Df::Quarn::RpaRpfStatus;
 using Routing::Pim::RpHash;
 using Routing::Pim::RpHashStatus;
 
-// Tables built with the defaults live under $QUARN_ROOT: a private root while this lives.
-struct PrivateRoot {
-  PrivateRoot() { ::setenv("QUARN_ROOT", tmp.path().c_str(), 1); }
-  ~PrivateRoot() { ::unsetenv("QUARN_ROOT"); }
-  BenchSupport::TempRoot tmp;
-};
+using BenchSupport::PrivateRoot;
 
 bool runUntil(bool (*done)(void const*), void const* context) {
   auto& activity = Kiv::Activity::current();
@@ -93,7 +88,8 @@ struct JoinDesiredSetup {
     for (std::uint32_t i = 0; i < kGroupRanges; ++i) {
       rpHashMap.emplace(rpHashRecord(i).key, rpHashRecord(i));
     }
-    for (std::uint32_t r = 0; r < kRps; ++r) rpaRpfMap.emplace(rpaRpfRecord(r).key, rpaRpfRecord(r));
+    for (std::uint32_t r = 0; r < kRps; ++r)
+      rpaRpfMap.emplace(rpaRpfRecord(r).key, rpaRpfRecord(r));
   }
 
   template <class T>

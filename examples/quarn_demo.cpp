@@ -46,6 +46,7 @@
 #include "Kiv/Timer.h"
 #include "KivQuarn/KivQuarnMapValueWrapper.h"
 #include "Quarn/QuarnMap.h"
+#include "tools/support/DemoSupport.h"
 
 namespace {
 
@@ -126,38 +127,7 @@ Digest digestOf(Table const& table) {
   return d;
 }
 
-// Notification lag in microseconds: exact below 100 ms, then a single overflow bucket.
-class LagHistogram {
- public:
-  void add(double seconds) {
-    double const us = std::max(0.0, seconds * 1e6);
-    ++total_;
-    max_ = std::max(max_, us);
-    if (us >= double(counts_.size())) {
-      ++overflow_;
-    } else {
-      ++counts_[std::size_t(us)];
-    }
-  }
-  double percentile(double p) const {
-    if (total_ == 0) return 0;
-    std::uint64_t const rank = std::uint64_t(std::ceil(p * double(total_)));
-    std::uint64_t seen = 0;
-    for (std::size_t i = 0; i < counts_.size(); ++i) {
-      seen += counts_[i];
-      if (seen >= rank) return double(i);
-    }
-    return max_;
-  }
-  double max() const { return max_; }
-  std::uint64_t total() const { return total_; }
-
- private:
-  std::vector<std::uint32_t> counts_ = std::vector<std::uint32_t>(100000, 0);
-  std::uint64_t overflow_ = 0;
-  std::uint64_t total_ = 0;
-  double max_ = 0;
-};
+using DemoSupport::LagHistogram;
 
 // ---- messages between the processes
 
@@ -201,16 +171,8 @@ struct Command {
   Digest digest;
 };
 
-template <class T>
-void send(int fd, T const& message) {
-  (void)!::write(fd, &message, sizeof message);
-}
-
-// Reads one whole message; false at end of file or on a short read.
-template <class T>
-bool receive(int fd, T& message) {
-  return ::read(fd, &message, sizeof message) == ssize_t(sizeof message);
-}
+using DemoSupport::receive;
+using DemoSupport::send;
 
 // ---- the child processes
 
@@ -449,13 +411,8 @@ void ReaderProcess::finish() {
 
 // ---- the parent: starts, watches, restarts and stops the children
 
-std::atomic<Kiv::Activity*> loopForSignals{nullptr};
-volatile std::sig_atomic_t interrupted = 0;
-
-void onSignal(int) {
-  interrupted = 1;
-  if (Kiv::Activity* loop = loopForSignals.load()) loop->stop();
-}
+using DemoSupport::interrupted;
+using DemoSupport::loopForSignals;
 
 struct ChildProcess {
   Role role;
@@ -670,12 +627,8 @@ void Demo::stopWriter() {
 
 void Demo::stopChild(ChildProcess& child) {
   if (child.pid <= 0) return;
-  ::kill(child.pid, SIGKILL);
-  ::waitpid(child.pid, nullptr, 0);
-  child.pid = -1;
   child.watch.reset();
-  ::close(child.reportFd);
-  ::close(child.commandFd);
+  DemoSupport::stopChild(child.pid, child.reportFd, child.commandFd);
 }
 
 void Demo::reapAll() {
@@ -790,26 +743,8 @@ int main(int argc, char** argv) {
         argv[0]);
     return 2;
   }
-  char pattern[] = "/dev/shm/quarn-demo-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) {
-    std::perror("mkdtemp");
-    return 1;
-  }
-  std::string const root = pattern;
-  struct sigaction sa {};
-  sa.sa_handler = onSignal;
-  ::sigemptyset(&sa.sa_mask);
-  ::sigaction(SIGINT, &sa, nullptr);
-  ::sigaction(SIGTERM, &sa, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
-  int status = 1;
-  try {
+  return DemoSupport::withPrivateRoot("quarn-demo", [&](std::string const& root) {
     Demo demo(root, options);
-    status = demo.run();
-  } catch (std::exception const& e) {
-    std::fprintf(stderr, "quarn demo: %s\n", e.what());
-  }
-  std::error_code ec;
-  std::filesystem::remove_all(root, ec);
-  return status;
+    return demo.run();
+  });
 }

@@ -122,6 +122,8 @@ class TraceCapture : public Kiv::TraceSink {
   }
   void write(std::string_view, int, std::string_view text) override { lines_.emplace_back(text); }
   bool contains(std::string_view needle) const { return count(needle) > 0; }
+  std::vector<std::string> const& lines() const { return lines_; }
+  void clear() { lines_.clear(); }
   std::size_t count(std::string_view needle) const {
     std::size_t n = 0;
     for (auto const& line : lines_) n += line.find(needle) != std::string::npos;

@@ -1,0 +1,95 @@
+#pragma once
+// GroupQuarnReaderSm: rebuilds a local Status from the group tables of a Quarn::Status mounted by
+// a process other than the agent. One Group per `group` record, one GroupIntf per `groupIntf`
+// record whose group record is present.
+//
+// It works key by key from the tables' change notifications and never walks a table: for each
+// notified key it looks the record up and creates/updates the local entity (through
+// Quarn::doUpdateGroup / doUpdateGroupIntf) or deletes it. A key is present when its record
+// differs from the default record (an absent key looks up as that record). An interface
+// notification for a group the local Status does not hold first looks at the group's own record;
+// when that is absent too the interface is ignored and nothing is remembered (its next change, or
+// a later notification of it, brings it in). A group deletion takes its interfaces with it.
+//
+// Corruption met by a lookup is reported once to the table front and the key is then absent, so
+// the local entity goes. Nothing here is raised as an exception.
+//
+// Handlers run on the process's activity, synchronously inside the table's notification. The
+// nested reactor holds a raw back pointer to this state machine; the destructor turns it into a
+// zombie and clears that pointer, so a reactor kept alive by a walk in progress does nothing.
+
+#include "Bidir/GroupIntfKey.h"
+#include "Bidir/Quarn/Status.h"
+#include "Bidir/Status.h"
+#include "Kiv/Entity.h"
+#include "Kiv/Ptr.h"
+#include "Lanx/IpGenAddr.h"
+
+namespace Routing::Pim::Bidir::Quarn {
+
+class GroupQuarnReaderSm : public Kiv::Entity {
+ public:
+  static constexpr char const* typeName = "Routing::Pim::Bidir::Quarn::GroupQuarnReaderSm";
+
+  struct Attr {
+    enum : Kiv::AttributeId {
+      status = Kiv::kFirstTypeAttributeId,
+      quarnStatus,
+      initialized,
+    };
+  };
+
+  // Notifiee of the table root: every keyed change goes to the state machine while alive.
+  class KivQuarnStatus : public Status::NotifieeConst {
+   public:
+    explicit KivQuarnStatus(Kiv::Ptr<Status const> const& quarnStatus) { notifierIs(quarnStatus); }
+    GroupQuarnReaderSm* groupQuarnReaderSm() const noexcept { return sm_; }
+    void groupQuarnReaderSmIs(GroupQuarnReaderSm* sm) noexcept { sm_ = sm; }
+    bool zombie() const noexcept { return zombie_; }
+    void zombieIs(bool zombie) noexcept { zombie_ = zombie; }
+
+    void onGroup(Lanx::IpGenAddr const& key) override;
+    void onGroupIntf(GroupIntfKey const& key) override;
+    // A reader does not resynchronise on an immediate notification.
+    void onGroupkivImmediate() override {}
+    void onGroupIntfkivImmediate() override {}
+
+   private:
+    GroupQuarnReaderSm* sm_ = nullptr;
+    bool zombie_ = false;
+  };
+
+  explicit GroupQuarnReaderSm(Kiv::Ptr<Bidir::Status> const& status);
+  ~GroupQuarnReaderSm() override;
+
+  Kiv::Ptr<Bidir::Status> const& status() const noexcept { return status_; }
+  // The table root read (the reactor's notifier), or null.
+  Kiv::Ptr<Status const> quarnStatus() const;
+  bool initialized() const noexcept { return initialized_; }
+
+  void handleQuarnGroup(Lanx::IpGenAddr const& address);
+  void handleQuarnGroupIntf(GroupIntfKey const& key);
+  void handleInitialized();
+
+  // Switches delivery to the reactor off and on.
+  void hasNotificationActiveIs(bool active);
+  // A zombie reactor stays registered but does nothing.
+  void kivDoZombieReactors(bool zombie);
+
+  // The reactor for `quarnStatus`, created (replacing one for another root) when absent.
+  Kiv::Ptr<KivQuarnStatus> quarnStatusIs(Kiv::Ptr<Status const> const& quarnStatus);
+  Kiv::Ptr<KivQuarnStatus> newQuarnStatus(Kiv::Ptr<Status const> const& quarnStatus);
+  void quarnStatusDel();
+
+  Kiv::AttributeTable const& attributeTable() const override;
+
+ private:
+  Kiv::Ptr<Bidir::Status> const status_;
+  Kiv::Ptr<KivQuarnStatus> kivQuarnStatus_;
+  bool initialized_ = false;
+};
+
+Kiv::Ptr<GroupQuarnReaderSm> groupQuarnReaderSmFactory(Kiv::Ptr<Bidir::Status> const& status,
+                                                       Kiv::Ptr<Status const> const& quarnStatus);
+
+}  // namespace Routing::Pim::Bidir::Quarn

@@ -1,0 +1,220 @@
+#include "Bidir/Quarn/GroupQuarnRestartSm.h"
+
+#include <cstdint>
+#include <ostream>
+
+#include "Bidir/Quarn/GroupUpdate.h"
+#include "Kiv/Trace.h"
+
+namespace Routing::Pim::Bidir::Quarn {
+
+namespace {
+
+using Kind = Kiv::AttributeKind;
+using A = GroupQuarnRestartSm::Attr;
+
+constexpr Kiv::AttributeDecl kAttributes[] = {
+    {"kivFwkActivity", A::kivFwkActivity, "Kiv::Activity", Kind::framework},
+    {"status", A::status, "Routing::Pim::Bidir::Status", Kind::settableReference},
+    {"quarnStatus", A::quarnStatus, "Routing::Pim::Bidir::Quarn::Status",
+     Kind::settableReference},
+    {"role", A::role, "KivQuarn::KivQuarnType", Kind::settable},
+    {"clock", A::clock, "Kiv::Clock", Kind::settableReference},
+    {"initializedGroups", A::initializedGroups, "Bool", Kind::settable},
+    {"reviewedGroups", A::reviewedGroups, "Bool", Kind::settable},
+    {"reviewedGroupIntfs", A::reviewedGroupIntfs, "Bool", Kind::settable},
+    {"reviewBookmark", A::reviewBookmark, GroupIntfKey::typeName, Kind::settable},
+    {"reviewQuantum", A::reviewQuantum, "Seconds", Kind::settable},
+    {"reviewStopTime", A::reviewStopTime, "Seconds", Kind::settable},
+    {"initialized", A::initialized, "Bool", Kind::settable},
+};
+
+constexpr Kiv::AttributeTable kTable{GroupQuarnRestartSm::typeName, kAttributes,
+                                     &Kiv::kEntityAttributeTable};
+
+Kiv::TraceHandle& th() {
+  static Kiv::TraceHandle& handle = Kiv::traceHandle("PimBidir::GroupQuarnRestart");
+  return handle;
+}
+
+#define RESTART_TRACE(level, ...) KIV_TRACE(th(), level, *this, __VA_ARGS__)
+
+GroupIntfKey bookmarkOfGroup(Lanx::IpGenAddr const& address) {
+  return GroupIntfKey(address, Lanx::IntfId());
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, GroupQuarnRestartSm const& sm) {
+  // The hexadecimal state is left on: later numbers of the same line print in hexadecimal.
+  return os << "GroupQuarnRestart(0x" << std::hex << reinterpret_cast<std::uintptr_t>(&sm)
+            << ")::";
+}
+
+// ---- reactors
+
+void GroupQuarnRestartSm::KivClock::onTime() {
+  if (zombie_) return;
+  // The slice's handlers may drop the last outside reference to the state machine.
+  if (Kiv::Ptr<GroupQuarnRestartSm> const sm = sm_) sm->doReview();
+}
+
+// ---- state machine
+
+GroupQuarnRestartSm::GroupQuarnRestartSm(Kiv::Ptr<Bidir::Status> const& status,
+                                         Kiv::Ptr<Status> const& quarnStatus,
+                                         KivQuarn::KivQuarnType role,
+                                         Kiv::Ptr<Kiv::Clock const> const& clock)
+    : Kiv::Entity("GroupQuarnRestartSm"),
+      activity_(&Kiv::Activity::current()),
+      status_(status),
+      quarnStatus_(quarnStatus),
+      role_(role),
+      clock_(clock) {
+  if (clock_) {
+    kivClock_ = std::make_unique<KivClock>(clock_.ptr());
+    kivClock_->groupQuarnRestartSmIs(this);
+  }
+  if (quarnStatus_) kivQuarnStatus_ = Kiv::newPtr<KivQuarnStatus>(quarnStatus_);
+}
+
+GroupQuarnRestartSm::~GroupQuarnRestartSm() {
+  kivDoZombieReactors(true);
+  if (kivClock_) kivClock_->groupQuarnRestartSmIs(nullptr);
+  kivClock_.reset();
+  if (kivQuarnStatus_) kivQuarnStatus_->notifierIs(nullptr);
+}
+
+Kiv::AttributeTable const& GroupQuarnRestartSm::attributeTable() const {
+  return kTable;
+}
+
+double GroupQuarnRestartSm::now() const {
+  return clock_ ? clock_->now() : Kiv::Activity::now();
+}
+
+void GroupQuarnRestartSm::doReview() {
+  RESTART_TRACE(8, "doReview");
+  if (!initialized_ || !status_) return;
+  RESTART_TRACE(3, "doReview(), Reviewing groups");
+  reviewStopTime_ = now() + reviewQuantum_;
+  doReviewGroups();
+  if (reviewedGroups_) doReviewGroupIntfs();
+  if (reviewedGroupIntfs_) doInitializeGroups();
+  if (initializedGroups_) {
+    RESTART_TRACE(3, "doReview(), Quarn groups: ", quarnStatus_ ? quarnStatus_->groupCount() : 0,
+                  ", Status groups: ", status_->groupCount());
+    status_->initializedIs(true);
+    return;
+  }
+  GroupIntfKey const bookmark = reviewBookmark_;
+  RESTART_TRACE(3, "doReview(), Suspending review at ", static_cast<void const*>(&bookmark));
+  if (clock_) clock_->timeMinIs(now());
+}
+
+template <class Iterator, class Handle, class BookmarkOf>
+void GroupQuarnRestartSm::reviewWalk(Iterator it, Handle const& handle,
+                                     BookmarkOf const& bookmarkOf, bool& done) {
+  // The table front reports corruption met while advancing and ends the walk there.
+  while (it) {
+    bool const handled = handle(*it);
+    ++it;
+    if (handled && it && now() >= reviewStopTime_) {
+      reviewBookmark_ = bookmarkOf(it.key());
+      return;
+    }
+  }
+  reviewBookmark_ = GroupIntfKey();
+  done = true;
+}
+
+void GroupQuarnRestartSm::doReviewGroups() {
+  RESTART_TRACE(8, "doReviewGroups");
+  if (reviewedGroups_) return;
+  Status::GroupIterator start;
+  if (quarnStatus_) {
+    start = !reviewBookmark_ ? quarnStatus_->groupIterator()
+                             : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
+  }
+  reviewWalk(
+      start,
+      [this](Group const& record) {
+        doUpdateGroup(status_->groupIs(record.key), record);
+        RESTART_TRACE(4, "doReviewGroups(), Updated group ", record.key);
+        return true;
+      },
+      bookmarkOfGroup, reviewedGroups_);
+}
+
+void GroupQuarnRestartSm::doReviewGroupIntfs() {
+  RESTART_TRACE(8, "doReviewGroupIntfs");
+  if (reviewedGroupIntfs_) return;
+  Status::GroupIntfIterator start;
+  if (quarnStatus_) {
+    start = !reviewBookmark_ ? quarnStatus_->groupIntfIterator()
+                             : quarnStatus_->groupIntfIterator(reviewBookmark_);
+  }
+  reviewWalk(
+      start,
+      [this](GroupIntf const& record) {
+        Kiv::Ptr<Bidir::Group> const group = status_->group(record.key.groupAddr());
+        if (!group) {
+          // Stale: its group went before its interface records did. Only the writer removes it.
+          if (role_ == KivQuarn::KivQuarnType::writer) quarnStatus_->groupIntfDel(record.key);
+          return false;
+        }
+        RESTART_TRACE(6, "doReviewGroupIntfs", static_cast<void const*>(&record.key),
+                      ", Updating intf in quarn");
+        doUpdateGroupIntf(group->groupIntfIs(record.key.intfId()), record);
+        return true;
+      },
+      [](GroupIntfKey const& key) { return key; }, reviewedGroupIntfs_);
+}
+
+void GroupQuarnRestartSm::doInitializeGroups() {
+  RESTART_TRACE(8, "doInitializeGroups");
+  if (initializedGroups_) return;
+  Status::GroupIterator start;
+  if (quarnStatus_) {
+    start = !reviewBookmark_ ? quarnStatus_->groupIterator()
+                             : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
+  }
+  reviewWalk(
+      start,
+      [this](Group const& record) {
+        Kiv::Ptr<Bidir::Group> const group = status_->group(record.key);
+        if (!group) return false;
+        RESTART_TRACE(4, "doInitializeGroups(), Initializing group ", record.key);
+        group->initializedIs(true);
+        return true;
+      },
+      bookmarkOfGroup, initializedGroups_);
+}
+
+void GroupQuarnRestartSm::handleInitialized() {
+  RESTART_TRACE(8, "handleInitialized");
+  initialized_ = true;
+  if (clock_) clock_->timeMinIs(now());
+}
+
+void GroupQuarnRestartSm::hasNotificationActiveIs(bool active) {
+  if (kivClock_) kivClock_->notifierIs(active ? clock_.ptr() : nullptr);
+  if (kivQuarnStatus_) kivQuarnStatus_->isRegisteredNotifieeIs(active);
+}
+
+void GroupQuarnRestartSm::kivDoZombieReactors(bool zombie) {
+  if (kivClock_) kivClock_->zombieIs(zombie);
+}
+
+Kiv::Ptr<GroupQuarnRestartSm> groupQuarnRestartSmFactory(Kiv::Ptr<Bidir::Status> const& status,
+                                                         Kiv::Ptr<Status> const& quarnStatus,
+                                                         KivQuarn::KivQuarnType role,
+                                                         Kiv::Ptr<Kiv::Clock const> const& clock) {
+  Kiv::Ptr<GroupQuarnRestartSm> const sm =
+      Kiv::newPtr<GroupQuarnRestartSm>(status, quarnStatus, role, clock);
+  sm->doReview();
+  sm->handleInitialized();
+  return sm;
+}
+
+}  // namespace Routing::Pim::Bidir::Quarn

@@ -1,0 +1,151 @@
+#pragma once
+// GroupQuarnRestartSm: takes a restarted agent's group state back from the tables its previous
+// life left in shared memory, before the table writer may touch them.
+//
+// The review runs in three phases, in slices paced by a clock:
+//   1. groups      (`group` table):     get or create each Group, copy the record onto it;
+//   2. interfaces  (`groupIntf` table): get or create each GroupIntf of a group the agent now
+//      holds; a record whose group is gone is stale: removed from the table in the writer role
+//      (KivQuarn::KivQuarnType::writer), left in place otherwise, and created nowhere;
+//   3. initialise  (`group` table):     mark every reviewed Group initialized.
+// Then Status::initialized is set, which lifts the writer's guard; no further slice is asked for.
+//
+// Slices. `doReview` runs one slice on each clock tick: it sets `reviewStopTime` to now +
+// `reviewQuantum` and goes on with the unfinished phase. A phase tests the time only after a
+// record it handled (records it passes over never end a slice), so every slice handles at least
+// one record. When the time is up it moves to the next record, keeps that record's key in the one
+// `reviewBookmark` shared by the phases (for the group table: the address with the default
+// interface) and asks the clock for a tick at `now`, so the activity's other work has its turn
+// first; the next slice resumes at the bookmarked record (or after it, when it went meanwhile).
+// A phase that reaches the end of its table resets the bookmark to the default key and sets its
+// flag, so a phase always begins from scratch with the default bookmark. Corruption met while
+// walking is reported by the table front and ends that walk.
+//
+// Trace lines (handle "PimBidir::GroupQuarnRestart") begin with the state machine's text form,
+// "GroupQuarnRestart(0x<address>)::", which leaves the line's stream in hexadecimal: numbers
+// later on the line (the completion counts) print in hexadecimal without prefix. The suspension
+// line and the interface lines show addresses of key copies, not the keys' text.
+
+#include <iosfwd>
+#include <memory>
+
+#include "Bidir/GroupIntfKey.h"
+#include "Bidir/Quarn/Status.h"
+#include "Bidir/Status.h"
+#include "Kiv/Activity.h"
+#include "Kiv/Clock.h"
+#include "Kiv/Entity.h"
+#include "Kiv/Ptr.h"
+#include "KivQuarn/KivQuarnType.h"
+
+namespace Routing::Pim::Bidir::Quarn {
+
+class GroupQuarnRestartSm : public Kiv::Entity {
+ public:
+  static constexpr char const* typeName = "Routing::Pim::Bidir::Quarn::GroupQuarnRestartSm";
+
+  struct Attr {
+    enum : Kiv::AttributeId {
+      kivFwkActivity = Kiv::kFirstTypeAttributeId,
+      status,
+      quarnStatus,
+      role,
+      clock,
+      initializedGroups,
+      reviewedGroups,
+      reviewedGroupIntfs,
+      reviewBookmark,
+      reviewQuantum,
+      reviewStopTime,
+      initialized,
+    };
+  };
+
+  // Runs one slice of the review on each tick while alive.
+  class KivClock : public Kiv::Clock::Notifiee {
+   public:
+    explicit KivClock(Kiv::Clock const* clock) : Notifiee(clock) {}
+    GroupQuarnRestartSm* groupQuarnRestartSm() const noexcept { return sm_; }
+    void groupQuarnRestartSmIs(GroupQuarnRestartSm* sm) noexcept { sm_ = sm; }
+    bool zombie() const noexcept { return zombie_; }
+    void zombieIs(bool zombie) noexcept { zombie_ = zombie; }
+    void onTime() override;
+
+   private:
+    GroupQuarnRestartSm* sm_ = nullptr;
+    bool zombie_ = false;
+  };
+
+  // Holds the registration with the table root; it handles no notification.
+  class KivQuarnStatus : public Status::Notifiee {
+   public:
+    explicit KivQuarnStatus(Kiv::Ptr<Status> const& quarnStatus) { notifierIs(quarnStatus); }
+  };
+
+  GroupQuarnRestartSm(Kiv::Ptr<Bidir::Status> const& status, Kiv::Ptr<Status> const& quarnStatus,
+                      KivQuarn::KivQuarnType role, Kiv::Ptr<Kiv::Clock const> const& clock);
+  ~GroupQuarnRestartSm() override;
+
+  Kiv::Activity& kivFwkActivity() const noexcept { return *activity_; }
+  Kiv::Ptr<Bidir::Status> const& status() const noexcept { return status_; }
+  Kiv::Ptr<Status> const& quarnStatus() const noexcept { return quarnStatus_; }
+  KivQuarn::KivQuarnType role() const noexcept { return role_; }
+  Kiv::Ptr<Kiv::Clock const> const& clock() const noexcept { return clock_; }
+  bool initializedGroups() const noexcept { return initializedGroups_; }
+  bool reviewedGroups() const noexcept { return reviewedGroups_; }
+  bool reviewedGroupIntfs() const noexcept { return reviewedGroupIntfs_; }
+  GroupIntfKey const& reviewBookmark() const noexcept { return reviewBookmark_; }
+  double reviewQuantum() const noexcept { return reviewQuantum_; }
+  void reviewQuantumIs(double seconds) noexcept { reviewQuantum_ = seconds; }
+  double reviewStopTime() const noexcept { return reviewStopTime_; }
+  bool initialized() const noexcept { return initialized_; }
+
+  // One slice (see the class comment); only its entry line while not initialized.
+  void doReview();
+  void doReviewGroups();
+  void doReviewGroupIntfs();
+  void doInitializeGroups();
+  // Marks the state machine initialized and asks the clock for a tick at now.
+  void handleInitialized();
+
+  // Switches delivery to the reactors off and on.
+  void hasNotificationActiveIs(bool active);
+  // Zombie reactors stay registered but do nothing.
+  void kivDoZombieReactors(bool zombie);
+
+  Kiv::AttributeTable const& attributeTable() const override;
+
+ private:
+  friend std::ostream& operator<<(std::ostream& os, GroupQuarnRestartSm const& sm);
+
+  double now() const;
+  // The common walk of the phases: from the bookmarked record (or the first), `handle(record)`
+  // answers whether the record was handled (false: passed over); sets `done` at the end.
+  template <class Iterator, class Handle, class BookmarkOf>
+  void reviewWalk(Iterator it, Handle const& handle, BookmarkOf const& bookmarkOf, bool& done);
+
+  Kiv::Activity* const activity_;
+  Kiv::Ptr<Bidir::Status> const status_;
+  Kiv::Ptr<Status> const quarnStatus_;
+  KivQuarn::KivQuarnType const role_;
+  Kiv::Ptr<Kiv::Clock const> const clock_;
+  bool initializedGroups_ = false;
+  bool reviewedGroups_ = false;
+  bool reviewedGroupIntfs_ = false;
+  GroupIntfKey reviewBookmark_;
+  double reviewQuantum_ = 0.1;
+  double reviewStopTime_ = 0.0;
+  bool initialized_ = false;
+  std::unique_ptr<KivClock> kivClock_;
+  Kiv::Ptr<KivQuarnStatus> kivQuarnStatus_;
+};
+
+// The text form: "GroupQuarnRestart(0x<address>)::", leaving `os` in hexadecimal.
+std::ostream& operator<<(std::ostream& os, GroupQuarnRestartSm const& sm);
+
+// Builds the state machine, runs doReview() (which only traces its entry) and handleInitialized().
+Kiv::Ptr<GroupQuarnRestartSm> groupQuarnRestartSmFactory(
+    Kiv::Ptr<Bidir::Status> const& status, Kiv::Ptr<Status> const& quarnStatus,
+    KivQuarn::KivQuarnType role, Kiv::Ptr<Kiv::Clock const> const& clock);
+
+}  // namespace Routing::Pim::Bidir::Quarn

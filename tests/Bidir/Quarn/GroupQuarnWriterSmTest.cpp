@@ -1,0 +1,286 @@
+// The group writer state machine: shared tables equal to the agent's entities after random
+// changes, the order in which records arrive and leave, the initialisation guard and its trace
+// lines, teardown leaving the records, resynchronisation after notifications were off, null
+// arguments, and table handlers dropping the writer.
+
+#include "Bidir/Quarn/GroupQuarnWriterSm.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Kiv/Trace.h"
+#include "support/QuarnRoot.h"
+
+namespace {
+
+namespace Bidir = Routing::Pim::Bidir;
+namespace BQ = Routing::Pim::Bidir::Quarn;
+using Bidir::GroupIntfKey;
+
+Lanx::IpGenAddr addr(int i) {
+  return Lanx::IpGenAddr::ipv4Addr(0xef010100u + static_cast<std::uint32_t>(i));
+}
+Lanx::IntfId intf(int i) {
+  return Lanx::IntfId("Ethernet" + std::to_string(i));
+}
+template <class T>
+std::string text(T const& v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
+}
+
+using GroupRecords = std::map<Lanx::IpGenAddr, BQ::Group>;
+using IntfRecords = std::map<GroupIntfKey, BQ::GroupIntf>;
+
+// What the tables must hold for `status`.
+std::pair<GroupRecords, IntfRecords> expected(Bidir::Status const& status) {
+  std::pair<GroupRecords, IntfRecords> out;
+  for (Bidir::Group const& g : status.groupIter()) {
+    BQ::Group& r = out.first[g.groupAddr()];
+    r.key = g.groupAddr();
+    r.creationTime = g.creationTime();
+    r.upJoinState = g.upJoinState();
+    r.inactive = g.inactive();
+    for (Bidir::GroupIntf const& i : g.groupIntfIter()) {
+      GroupIntfKey const key(g.groupAddr(), i.intfId());
+      BQ::GroupIntf& ri = out.second[key];
+      ri.key = key;
+      ri.forward = i.forward();
+      ri.joinState = i.joinState();
+      ri.lastJoinReceived = i.lastJoinReceived();
+      ri.localReceiverInclude = i.localReceiverInclude();
+      ri.iAmDf = i.iAmDf();
+    }
+  }
+  return out;
+}
+
+// Every record of a writing table root.
+std::pair<GroupRecords, IntfRecords> records(BQ::Status const& tables) {
+  std::pair<GroupRecords, IntfRecords> out;
+  for (auto it = tables.groupIterator(); it; ++it) out.first[it.key()] = tables.group(it.key());
+  for (auto it = tables.groupIntfIterator(); it; ++it) {
+    out.second[it.key()] = tables.groupIntf(it.key());
+  }
+  return out;
+}
+
+// Hears a table root: "+key" when a record is written, "-key" when it is gone.
+struct TableLog : BQ::Status::NotifieeConst {
+  std::vector<std::string> lines;
+  std::function<void()> onHeard;
+  void onGroup(Lanx::IpGenAddr const& key) override {
+    bool const present = notifier()->group(key) != BQ::Group();
+    lines.push_back((present ? "+" : "-") + text(key));
+    if (auto const heard = onHeard) heard();
+  }
+  void onGroupIntf(GroupIntfKey const& key) override {
+    bool const present = notifier()->groupIntf(key) != BQ::GroupIntf();
+    lines.push_back((present ? "+" : "-") + text(key.groupAddr()) + "::" + text(key.intfId()));
+    if (auto const heard = onHeard) heard();
+  }
+};
+
+struct TraceLog : Kiv::TraceSink {
+  TraceLog() : previous(Kiv::traceSinkIs(this)) { Kiv::traceLevelIs("PimBidir::QuarnWriter", 8); }
+  ~TraceLog() override {
+    Kiv::traceLevelIs("PimBidir::QuarnWriter", -1);
+    Kiv::traceSinkIs(previous);
+  }
+  void write(std::string_view handle, int level, std::string_view line) override {
+    if (handle == "PimBidir::QuarnWriter")
+      lines.push_back(std::to_string(level) + " " + std::string(line));
+  }
+  std::vector<std::string> lines;
+  Kiv::TraceSink* previous;
+};
+
+struct GroupQuarnWriterSmTest : ::testing::Test {
+  GroupQuarnWriterSmTest() { status->initializedIs(true); }
+  Kiv::Ptr<BQ::GroupQuarnWriterSm> writer() {
+    return BQ::groupQuarnWriterSmFactory(status, tables);
+  }
+  Kiv::Ptr<TableLog> listen() {
+    auto log = Kiv::newPtr<TableLog>();
+    log->notifierIs(tables);
+    return log;
+  }
+  // Group i with interfaces 1..n, each interface with a distinct record.
+  Kiv::Ptr<Bidir::Group> groupWith(int i, int n) {
+    auto g = status->groupIs(addr(i));
+    g->creationTimeIs(i);
+    for (int j = 1; j <= n; ++j) g->groupIntfIs(intf(j))->lastJoinReceivedIs(j);
+    return g;
+  }
+
+  TestSupport::QuarnRoot root;
+  Kiv::Ptr<Bidir::Status> status = Bidir::statusFactory("vrf1");
+  Kiv::Ptr<BQ::Status> tables = BQ::statusFactory("quarn");  // a local writer until mounted
+};
+
+TEST_F(GroupQuarnWriterSmTest, RandomChangesKeepTheTablesEqualToTheEntities) {
+  tables->mount(Quarn::QuarnType::writer);
+  std::mt19937 rng(7);
+  auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+  groupWith(1, 3);
+  auto sm = writer();  // starts from groups that are already there
+  using G = Kiv::Ptr<Bidir::Group>;
+  std::function<void(G const&)> const changes[] = {
+      [&](G const& g) { status->groupDel(g->groupAddr()); },
+      [&](G const& g) { status->newGroup(g->groupAddr())->groupIntfIs(intf(1)); },  // replaced
+      [&](G const& g) { g->upJoinStateIs(Bidir::Group::UpJoinState(pick(2))); },
+      [&](G const& g) { g->inactiveIs(pick(2)); },
+      [&](G const& g) { g->creationTimeIs(pick(1000)); },
+      [&](G const& g) { g->groupIntfIs(intf(1 + pick(6)))->lastJoinReceivedIs(pick(1000)); },
+      [&](G const& g) { g->groupIntfDel(intf(1 + pick(6))); },
+      [&](G const& g) { pick(8) ? void() : g->groupIntfDelAll(); },
+      [&](G const& g) {
+        auto i = g->groupIntfIs(intf(1 + pick(6)));
+        i->forwardIs(pick(2));
+        i->joinStateIs(Bidir::GroupIntf::JoinState(pick(3)));
+        i->localReceiverIncludeIs(pick(2));
+        i->iAmDfIs(pick(2));
+      },
+  };
+  for (int step = 0; step < 4000; ++step) {
+    if (auto g = status->group(addr(1 + pick(8)))) {
+      changes[pick(std::size(changes))](g);
+    } else {
+      status->groupIs(addr(1 + pick(8)));
+    }
+    if (step % 97 == 0) {
+      ASSERT_EQ(records(*tables), expected(*status)) << "step " << step;
+    }
+  }
+  auto const want = expected(*status);
+  ASSERT_EQ(records(*tables), want);
+  ASSERT_EQ(sm->groupCount(), want.first.size());
+}
+
+TEST_F(GroupQuarnWriterSmTest, InterfaceRecordsArriveBeforeAndLeaveBeforeTheirGroup) {
+  auto const g = groupWith(1, 3);
+  std::string const a = "239.1.1.1", b = "239.1.1.2";
+  auto intfLines = [&](char sign) {  // group 1's interfaces, in its collection's order
+    std::vector<std::string> out;
+    for (Bidir::GroupIntf const& i : g->groupIntfIter()) {
+      out.push_back(sign + a + "::" + text(i.intfId()));
+    }
+    return out;
+  };
+  std::vector<std::string> want = intfLines('+');
+  want.push_back("+" + a);
+  auto log = listen();
+  auto sm = writer();  // a group with its interfaces already there
+  status->groupIs(addr(2));
+  status->group(addr(2))->groupIntfIs(intf(1));
+  g->groupIntfDel(intf(2));
+  for (auto const& line : {"+" + b, "+" + b + "::Ethernet1", "-" + a + "::Ethernet2"}) {
+    want.push_back(line);
+  }
+  for (auto const& line : intfLines('-')) want.push_back(line);
+  want.push_back("-" + a);
+  status->groupDel(addr(1));
+  EXPECT_EQ(log->lines, want);
+  EXPECT_EQ(tables->groupCount(), 1u);
+  EXPECT_EQ(tables->groupIntfCount(), 1u);
+}
+
+TEST_F(GroupQuarnWriterSmTest, NothingIsWrittenOrRemovedWhileTheStatusIsUninitialised) {
+  auto g = groupWith(1, 1);
+  auto sm = writer();
+  status->initializedIs(false);
+  TraceLog trace;
+  g->inactiveIs(true);
+  g->groupIntf(intf(1))->iAmDfIs(true);
+  status->groupDel(addr(1));
+  EXPECT_EQ(trace.lines,
+            (std::vector<std::string>{
+                "8 GroupQuarnWriterSm::doUpdateGroup(239.1.1.1)",
+                "7 GroupQuarnWriterSm::doUpdateGroup(239.1.1.1), status uninitialized",
+                "8 GroupQuarnWriterSm::doUpdateGroupIntf(239.1.1.1::Ethernet1)",
+                "7 GroupQuarnWriterSm::doUpdateGroupIntf(239.1.1.1::Ethernet1), "
+                "status unintialized",
+                "8 GroupQuarnWriterSm::handleDelete(239.1.1.1)",
+                "7 GroupQuarnWriterSm::handleDelete(239.1.1.1), status uninitialized"}));
+  EXPECT_FALSE(tables->group(addr(1)).inactive);  // the records of before, unchanged
+  EXPECT_EQ(tables->groupIntfCount(), 1u);
+
+  // Once initialised, the next change writes again.
+  status->initializedIs(true);
+  groupWith(2, 1)->groupIntf(intf(1))->forwardIs(true);
+  EXPECT_TRUE(tables->groupIntf(GroupIntfKey(addr(2), intf(1))).forward);
+}
+
+TEST_F(GroupQuarnWriterSmTest, TeardownLeavesEveryRecordAndResyncFollowsMissedChanges) {
+  groupWith(1, 2);
+  groupWith(2, 2);
+  auto sm = writer();
+  auto refused = [](auto&& f) {
+    try {
+      f();
+    } catch (Kiv::NullArgumentException const& e) {
+      return std::string(e.what());
+    }
+    return std::string();
+  };
+  EXPECT_EQ(refused([&] { sm->groupIs(nullptr); }),
+            "null _group parameter to mutator for "
+            "Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm::group not allowed\"");
+  EXPECT_EQ(refused([&] { sm->group(addr(1))->intfIs(nullptr); }),
+            "null _intf parameter to mutator for "
+            "Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm::KivGroup::intf not allowed\"");
+  auto const all = records(*tables);
+  ASSERT_EQ(all, expected(*status));
+
+  // Notifications off: a dropped group and a new one go unheard until the full resynchronisation.
+  sm->hasNotificationActiveIs(false);
+  status->groupDel(addr(1));
+  groupWith(3, 2);
+  status->group(addr(2))->groupIntfDel(intf(1));  // a group's own resync is not asked for here
+  EXPECT_EQ(records(*tables), all);
+  sm->hasNotificationActiveIs(true);
+  sm->kivStatus()->onGroupkivImmediate();
+  auto const now = records(*tables);
+  EXPECT_EQ(now.first, expected(*status).first);
+  EXPECT_EQ(now.second.size(), expected(*status).second.size() + 1);  // group 2's interface 1
+  sm->group(addr(2))->onGroupIntfkivImmediate();
+  EXPECT_EQ(records(*tables), expected(*status));
+
+  // Destroyed: records stay, and later changes are not written.
+  auto const before = records(*tables);
+  sm = nullptr;
+  status->groupDel(addr(2));
+  status->group(addr(3))->inactiveIs(true);
+  EXPECT_EQ(records(*tables), before);
+}
+
+TEST_F(GroupQuarnWriterSmTest, TableHandlersMayDropTheLastReferenceToTheWriter) {
+  groupWith(1, 3);
+  groupWith(2, 3);
+  auto sm = writer();
+  auto log = listen();
+  log->onHeard = [&] { sm = nullptr; };
+
+  // In an interface's handler: that write happens, nothing after it.
+  status->group(addr(2))->groupIntf(intf(1))->iAmDfIs(true);
+  EXPECT_EQ(sm, nullptr);
+  status->group(addr(2))->groupIntf(intf(2))->iAmDfIs(true);
+  EXPECT_EQ(log->lines.size(), 1u);
+
+  // In the middle of a group's deletion: the removal completes, then the writer goes.
+  sm = writer();
+  log->lines.clear();
+  status->groupDel(addr(1));
+  EXPECT_EQ(sm, nullptr);
+  EXPECT_EQ(log->lines.size(), 4u);
+  EXPECT_EQ(records(*tables), expected(*status));
+}
+
+}  // namespace

@@ -1,0 +1,118 @@
+#pragma once
+// What the processes of the agent simulation share: options, the naming of groups, interfaces
+// and RPs (the same in every process), the fixed-size messages on their pipes, the lag
+// histogram and the canonical digest of a `Status` that decides whether two processes hold the
+// same group state.
+//
+// Every time stamp is CLOCK_MONOTONIC (`Kiv::Activity::now()`), one clock for all processes, so
+// a stamp taken by the agent can be compared with the time the reader applies it.
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Bidir/Status.h"
+#include "Kiv/Activity.h"
+#include "Lanx/IntfId.h"
+#include "Lanx/IpGenAddr.h"
+#include "tools/support/DemoSupport.h"
+
+namespace BidirAgent {
+
+namespace Bidir = Routing::Pim::Bidir;
+
+struct Options {
+  std::uint32_t groups = 5000;
+  std::uint32_t intfs = 100;
+  std::uint32_t rps = 4;
+  double seconds = 40;    // churn time, restart included
+  double restartAt = 20;  // when the agent is killed
+  double rate = 100000;   // exported changes per second the agent aims at
+  double dfMoveEvery = 3; // seconds between two DF elections moving
+  bool quiet = false;     // no progress lines
+
+  // The short run for CI: a small state, a few seconds.
+  void shortRun() {
+    groups = 200;
+    intfs = 20;
+    seconds = 5;
+    restartAt = 2.5;
+    rate = 20000;
+    dfMoveEvery = 1;
+  }
+  // argv form, handed to the child processes.
+  std::vector<std::string> args() const;
+  // false on a malformed command line.
+  bool parse(int argc, char** argv, int first);
+};
+
+inline double now() { return Kiv::Activity::now(); }
+
+// Group i is 239.1.x.y (i < 65536); interface j is "Ethernet<j+1>"; RP r is 10.0.0.<r+1>. Group
+// i is served by RP i % rps.
+Lanx::IpGenAddr groupAddr(std::uint32_t i);
+Lanx::IntfId intfId(std::uint32_t j);
+Lanx::IpGenAddr rpAddr(std::uint32_t r);
+
+// ---- messages (each one write below PIPE_BUF: never interleaved, never split)
+
+enum class Role : std::uint32_t { rpdf = 0, agent = 1, reader = 2 };
+char const* roleName(Role role);
+
+struct Report {
+  enum Kind : std::uint32_t {
+    ready,       // rpdf: tables published; agent: state complete and exported; reader: attached
+    progress,
+    reconciled,  // agent after a restart: the state came back from the tables
+    finished,    // rpdf: stopped moving; agent/reader: digest written
+    failed,
+  };
+  Kind kind = progress;
+  Role role = Role::agent;
+  double time = 0;
+  std::uint64_t groups = 0, intfs = 0;  // entities held
+  std::uint64_t records = 0;            // agent: records in both tables
+  std::uint64_t changes = 0;            // agent: exported changes; reader: entity updates
+  std::uint64_t dfMoves = 0;            // rpdf: elections moved; agent: applied
+  double lagP50 = 0, lagP99 = 0, lagMax = 0;  // reader, microseconds
+  std::uint64_t lagSamples = 0;
+  // reconciled
+  double reconcileSeconds = 0, sliceMax = 0, sliceMean = 0;
+  std::uint32_t slices = 0;
+  std::uint32_t interfaceRecordsRemoved = 0;
+  // finished: the digest, and the RPF interface of each RP as last published (rpdf) / applied
+  std::uint64_t digest = 0;
+  std::uint16_t rpfOf[16] = {};
+  char text[200] = {};
+};
+static_assert(sizeof(Report) < PIPE_BUF);
+
+struct Command {
+  // go: the agent starts its churn (the reader is attached); stop: the churn ends; verify: the
+  // reader compares its state with the agent's digest.
+  enum Op : std::uint32_t { go, stop, verify };
+  Op op = stop;
+  std::uint64_t digest = 0;   // verify: the agent's digest
+  std::uint16_t rpfOf[16] = {};  // stop (agent): the final elections to wait for
+};
+
+using DemoSupport::LagHistogram;
+using DemoSupport::receive;
+using DemoSupport::send;
+
+// The group state of a Status in canonical order (groups by address, interfaces by id): every
+// attribute the tables carry and every value computed from them (joins, pimInclude, oList;
+// joinDesired, rp, rpaRpf, rpf, rpaIndex, routeKey). One 64-bit hash per group, written to
+// `path` as text lines "<group> <interfaces> <hash>"; returns the hash of all of them.
+std::uint64_t writeDigest(Bidir::Status const& status, std::string const& path);
+
+// The three roles, each the main of its process: they talk to the supervisor over `reportFd`
+// (Reports out) and `commandFd` (Commands in; end of file: the supervisor is gone). `root` is the
+// private table root, where the agent and the reader write their digests.
+int runRpDf(Options const& options, int reportFd, int commandFd);
+int runAgent(Options const& options, std::string const& root, int reportFd, int commandFd);
+int runReader(Options const& options, std::string const& root, int reportFd, int commandFd);
+
+}  // namespace BidirAgent

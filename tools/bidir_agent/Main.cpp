@@ -1,0 +1,444 @@
+// bidir_agent: the library doing its job across real processes, under a private table root.
+//
+//   rp/df   publishes the RP hash and RPA-RPF tables and moves a DF election now and then;
+//   agent   holds the group state (5,000 groups x 100 interfaces by default), churns it and
+//           exports it; killed with SIGKILL halfway and started again, it takes its state back
+//           from the tables before exporting again;
+//   reader  rebuilds its own group state from the tables and evaluates the computations on it.
+//
+// This process (the supervisor) starts the three (this executable again, with --role), prints
+// a progress line every second, stops the churn at the end, has the agent and the reader each
+// write a digest of their state, and prints a summary. Exit status: 0 when the reader's state
+// equals the agent's, 1 otherwise, 130 when interrupted. The table root is removed at the end,
+// also on SIGINT and SIGTERM.
+//
+// Usage: bidir_agent [--short] [--seconds S] [--restart-at S] [--rate N] [--groups N]
+//                    [--intfs N] [--rps N] [--df-move-every S] [--quiet]
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Common.h"
+#include "Jorv/Exception.h"
+#include "Kiv/Activity.h"
+#include "Kiv/Timer.h"
+
+namespace BidirAgent {
+
+namespace {
+
+using DemoSupport::interrupted;
+using DemoSupport::loopForSignals;
+
+struct Child {
+  Role role;
+  pid_t pid = -1;
+  int reportFd = -1;
+  int commandFd = -1;
+  Kiv::FdWatch watch;
+  Report last;
+  double readyAt = 0;
+  std::uint64_t changesAtReady = 0;
+};
+
+// Totals of one agent life, from its reports.
+struct Life {
+  double readyAt = 0, lastAt = 0;
+  std::uint64_t changesAtReady = 0, changes = 0;
+};
+
+class Supervisor {
+ public:
+  Supervisor(std::string root, Options const& options)
+      : root_(std::move(root)),
+        options_(options),
+        progress_([this] { progress(); }, loop_),
+        restart_([this] { restartAgent(); }, loop_),
+        stop_([this] { stopChurn(); }, loop_),
+        giveUp_([this] { fail("the run did not finish in time"); }, loop_) {}
+  ~Supervisor() {
+    for (auto& c : children_) stopChild(*c);
+  }
+  int run();
+
+ private:
+  Child& start(Role role);
+  void handleReport(Child& child);
+  void onReady(Child& child, Report const& r);
+  void progress();
+  void restartAgent();
+  void stopChurn();
+  void fail(std::string const& why) {
+    if (error_.empty()) error_ = why;
+    loop_.stop();
+  }
+  void stopChild(Child& child);
+  void command(Child* child, Command const& c) {
+    if (child != nullptr && child->pid > 0) send(child->commandFd, c);
+  }
+  bool summary() const;
+  double since() const { return now() - start_; }
+
+  std::string root_;
+  Options options_;
+  Kiv::Activity loop_;
+  Kiv::Timer progress_, restart_, stop_, giveUp_;
+  std::vector<std::unique_ptr<Child>> children_;
+  Child* rpdf_ = nullptr;
+  Child* agent_ = nullptr;
+  Child* reader_ = nullptr;
+  double start_ = 0;
+  std::vector<Life> lives_;
+  double killedAt_ = 0;
+  Report reconciled_;
+  Report readerBeforeRestart_;  // the reader's figures of the steady first half
+  double backAt_ = 0;
+  Report rpdfFinal_, agentFinal_, readerFinal_;
+  bool stopping_ = false;
+  std::string error_;
+};
+
+// This executable again, with --role; the child's report pipe is its fd 3, commands fd 4.
+Child& Supervisor::start(Role role) {
+  int reports[2], commands[2];
+  if (::pipe2(reports, O_CLOEXEC) != 0 || ::pipe2(commands, O_CLOEXEC) != 0) {
+    throw Jorv::RuntimeException("pipe2() failed");
+  }
+  std::vector<std::string> args = {"bidir_agent", "--role", roleName(role), "--root", root_};
+  for (auto const& a : options_.args()) args.push_back(a);
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  std::fflush(stdout);
+  pid_t const pid = ::fork();
+  if (pid < 0) throw Jorv::RuntimeException("fork() failed");
+  if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::signal(SIGINT, SIG_IGN);  // Ctrl-C reaches the whole group: the supervisor handles it
+    ::signal(SIGTERM, SIG_DFL);
+    int const out = ::fcntl(reports[1], F_DUPFD_CLOEXEC, 10);
+    int const in = ::fcntl(commands[0], F_DUPFD_CLOEXEC, 10);
+    if (out < 0 || in < 0 || ::dup2(out, 3) != 3 || ::dup2(in, 4) != 4) std::_Exit(126);
+    ::execv("/proc/self/exe", argv.data());
+    std::_Exit(127);
+  }
+  ::close(reports[1]);
+  ::close(commands[0]);
+  auto child = std::make_unique<Child>();
+  child->role = role;
+  child->pid = pid;
+  child->reportFd = reports[0];
+  child->commandFd = commands[1];
+  Child* c = child.get();
+  c->watch = Kiv::FdWatch(loop_, reports[0], EPOLLIN, [this, c](std::uint32_t) { handleReport(*c); });
+  children_.push_back(std::move(child));
+  return *c;
+}
+
+void Supervisor::handleReport(Child& child) {
+  Report r;
+  if (!receive(child.reportFd, r)) {
+    child.watch.reset();
+    fail(std::string(roleName(child.role)) + " process ended unexpectedly");
+    return;
+  }
+  child.last = r;
+  switch (r.kind) {
+    case Report::failed:
+      fail(std::string(roleName(r.role)) + " failed: " + r.text);
+      break;
+    case Report::ready:
+      onReady(child, r);
+      break;
+    case Report::reconciled:
+      reconciled_ = r;
+      std::printf("[%5.1fs] agent reconciled from the tables: %llu groups, %llu interfaces in "
+                  "%.3f s, %u slices (longest %.1f ms), %u stale interface records removed\n",
+                  since(), static_cast<unsigned long long>(r.groups),
+                  static_cast<unsigned long long>(r.intfs), r.reconcileSeconds, r.slices,
+                  r.sliceMax * 1e3, r.interfaceRecordsRemoved);
+      break;
+    case Report::progress:
+      if (child.role == Role::agent && !lives_.empty()) {
+        lives_.back().lastAt = r.time;
+        lives_.back().changes = r.changes;
+      }
+      break;
+    case Report::finished:
+      if (r.role == Role::rpdf) {
+        rpdfFinal_ = r;
+        Command stop;
+        stop.op = Command::stop;
+        std::copy(std::begin(r.rpfOf), std::end(r.rpfOf), stop.rpfOf);
+        command(agent_, stop);
+      } else if (r.role == Role::agent) {
+        agentFinal_ = r;
+        lives_.back().lastAt = r.time;
+        lives_.back().changes = r.changes;
+        std::printf("[%5.1fs] agent stopped: digest written, %llu groups, %llu interfaces\n",
+                    since(), static_cast<unsigned long long>(r.groups),
+                    static_cast<unsigned long long>(r.intfs));
+        Command verify;
+        verify.op = Command::verify;
+        verify.digest = r.digest;
+        command(reader_, verify);
+      } else {
+        readerFinal_ = r;
+        loop_.stop();
+      }
+      break;
+  }
+}
+
+void Supervisor::onReady(Child& child, Report const& r) {
+  switch (child.role) {
+    case Role::rpdf:
+      std::printf("[%5.1fs] rp/df published %u RP hash records and %u RPA-RPF records\n", since(),
+                  options_.groups, options_.rps);
+      agent_ = &start(Role::agent);
+      break;
+    case Role::agent:
+      lives_.push_back({r.time, r.time, r.changes, r.changes});
+      if (killedAt_ == 0) {
+        std::printf("[%5.1fs] agent ready: %llu groups, %llu interfaces, %llu records exported\n",
+                    since(), static_cast<unsigned long long>(r.groups),
+                    static_cast<unsigned long long>(r.intfs),
+                    static_cast<unsigned long long>(r.records));
+        reader_ = &start(Role::reader);
+      } else {
+        backAt_ = r.time;
+        std::printf("[%5.1fs] agent churning again, %.3f s after SIGKILL\n", since(),
+                    backAt_ - killedAt_);
+        if (stopping_) stopChurn();
+      }
+      break;
+    case Role::reader: {
+      std::printf("[%5.1fs] reader attached: %llu groups, %llu interfaces; the churn begins\n",
+                  since(), static_cast<unsigned long long>(r.groups),
+                  static_cast<unsigned long long>(r.intfs));
+      Command go;
+      go.op = Command::go;
+      command(agent_, go);
+      if (!lives_.empty()) lives_.back().readyAt = now();
+      restart_.armIn(options_.restartAt);
+      stop_.armIn(options_.seconds);
+      break;
+    }
+  }
+}
+
+void Supervisor::progress() {
+  progress_.armIn(1);
+  if (options_.quiet) return;
+  std::string line;
+  char buf[200];
+  if (agent_ != nullptr && agent_->pid > 0 && agent_->last.time == 0) {
+    line += "agent starting";
+  } else if (agent_ != nullptr && agent_->pid > 0) {
+    Report const& a = agent_->last;
+    double const rate = lives_.empty() || lives_.back().lastAt <= lives_.back().readyAt
+                            ? 0
+                            : double(lives_.back().changes - lives_.back().changesAtReady) /
+                                  (lives_.back().lastAt - lives_.back().readyAt);
+    std::snprintf(buf, sizeof buf, "agent %4llu groups %6llu intfs %9llu changes %6.0f/s",
+                  static_cast<unsigned long long>(a.groups),
+                  static_cast<unsigned long long>(a.intfs),
+                  static_cast<unsigned long long>(a.changes), rate);
+    line += buf;
+  } else {
+    line += "agent down";
+  }
+  if (reader_ != nullptr) {
+    Report const& r = reader_->last;
+    std::snprintf(buf, sizeof buf,
+                  " | reader %4llu groups %6llu intfs, lag p50 %.0f us p99 %.0f us",
+                  static_cast<unsigned long long>(r.groups),
+                  static_cast<unsigned long long>(r.intfs), r.lagP50, r.lagP99);
+    line += buf;
+  }
+  std::printf("[%5.1fs] %s\n", since(), line.c_str());
+  std::fflush(stdout);
+}
+
+void Supervisor::restartAgent() {
+  std::printf("[%5.1fs] killing the agent (SIGKILL) in the middle of its churn\n", since());
+  killedAt_ = now();
+  if (reader_ != nullptr) readerBeforeRestart_ = reader_->last;
+  stopChild(*agent_);
+  agent_ = &start(Role::agent);
+}
+
+// The end: the RP/DF process stops first and names its final elections; the agent stops once
+// it has applied them (handleReport chains the rest).
+void Supervisor::stopChurn() {
+  stopping_ = true;
+  if (killedAt_ != 0 && backAt_ == 0) return;  // the restarted agent is not back yet
+  std::printf("[%5.1fs] stopping the churn\n", since());
+  Command stop;
+  stop.op = Command::stop;
+  command(rpdf_, stop);
+}
+
+void Supervisor::stopChild(Child& child) {
+  if (child.pid <= 0) return;
+  child.watch.reset();
+  DemoSupport::stopChild(child.pid, child.reportFd, child.commandFd);
+}
+
+int Supervisor::run() {
+  loopForSignals = &loop_;
+  start_ = now();
+  std::printf("bidir agent: %u groups x %u interfaces, %u RPs, %.0f s of churn at %.0f changes/s, "
+              "agent restart at %.1f s, root %s\n",
+              options_.groups, options_.intfs, options_.rps, options_.seconds, options_.rate,
+              options_.restartAt, root_.c_str());
+  rpdf_ = &start(Role::rpdf);
+  progress_.armIn(1);
+  giveUp_.armIn(options_.seconds + 120);
+  loop_.run();
+  loopForSignals = nullptr;
+  double const elapsed = since();
+  for (auto& c : children_) stopChild(*c);
+  if (interrupted) {
+    std::printf("\ninterrupted after %.1f s: processes stopped, files removed\n", elapsed);
+    return 130;
+  }
+  if (!error_.empty()) {
+    std::printf("FAILED: %s\n", error_.c_str());
+    return 1;
+  }
+  return summary() ? 0 : 1;
+}
+
+// The first group whose line differs between the two digest files, or "".
+std::string firstDifference(std::string const& a, std::string const& b) {
+  std::ifstream fa(a), fb(b);
+  std::string la, lb;
+  for (;;) {
+    bool const ga = bool(std::getline(fa, la)), gb = bool(std::getline(fb, lb));
+    if (!ga && !gb) return "";
+    if (!ga || !gb || la != lb) {
+      return "agent '" + (ga ? la : std::string("<end>")) + "', reader '" +
+             (gb ? lb : std::string("<end>")) + "'";
+    }
+  }
+}
+
+bool Supervisor::summary() const {
+  std::uint64_t changes = 0;
+  double churnSeconds = 0;
+  for (Life const& l : lives_) {
+    changes += l.changes - l.changesAtReady;
+    churnSeconds += l.lastAt - l.readyAt;
+  }
+  Report const& a = agentFinal_;
+  Report const& r = readerFinal_;
+  bool const equal = a.digest == r.digest && a.groups == r.groups && a.intfs == r.intfs;
+  double load[1] = {0};
+  ::getloadavg(load, 1);
+  std::printf("\n==== summary ==== (load average %.1f on %ld processors)\n", load[0],
+              ::sysconf(_SC_NPROCESSORS_ONLN));
+  std::printf("agent state           %llu groups, %llu group interfaces; %llu records in the "
+              "tables\n",
+              static_cast<unsigned long long>(a.groups), static_cast<unsigned long long>(a.intfs),
+              static_cast<unsigned long long>(a.records));
+  std::printf("reader state          %llu groups, %llu group interfaces\n",
+              static_cast<unsigned long long>(r.groups), static_cast<unsigned long long>(r.intfs));
+  std::printf("changes exported      %llu in %.1f s of churn (%.0f per second), %llu DF moves\n",
+              static_cast<unsigned long long>(changes), churnSeconds,
+              churnSeconds > 0 ? double(changes) / churnSeconds : 0.0,
+              static_cast<unsigned long long>(rpdfFinal_.dfMoves));
+  // From the agent's setter (the join's stamp) to the reader's entity holding it.
+  Report const& b = readerBeforeRestart_;
+  if (killedAt_ != 0) {
+    std::printf("reader lag, 1st half  p50 %.0f us, p99 %.0f us, max %.1f ms (%llu joins timed, "
+                "up to the restart)\n",
+                b.lagP50, b.lagP99, b.lagMax / 1e3, static_cast<unsigned long long>(b.lagSamples));
+  }
+  std::printf("reader lag, whole run p50 %.0f us, p99 %.0f us, max %.1f ms (%llu joins timed, "
+              "the reader's re-attachment to the restarted agent included)\n",
+              r.lagP50, r.lagP99, r.lagMax / 1e3, static_cast<unsigned long long>(r.lagSamples));
+  if (killedAt_ != 0) {
+    std::printf("agent restart         back %.3f s after SIGKILL; reconciliation %.3f s in %u "
+                "slices, longest %.1f ms, mean %.1f ms; %u stale interface records removed\n",
+                backAt_ - killedAt_, reconciled_.reconcileSeconds, reconciled_.slices,
+                reconciled_.sliceMax * 1e3, reconciled_.sliceMean * 1e3,
+                reconciled_.interfaceRecordsRemoved);
+  }
+  std::printf("reader == agent       %s (every exported attribute and every computed value of "
+              "%llu groups)\n",
+              equal ? "EQUAL" : "DIFFERENT", static_cast<unsigned long long>(a.groups));
+  if (!equal) {
+    std::string const diff = firstDifference(root_ + "/agent.digest", root_ + "/reader.digest");
+    if (!diff.empty()) std::printf("first difference      %s\n", diff.c_str());
+  }
+  return equal;
+}
+
+int supervise(Options const& options) {
+  // The children inherit $QUARN_ROOT: every table of the run lives in the private root.
+  return DemoSupport::withPrivateRoot("bidir-agent", [&](std::string const& root) {
+    return Supervisor(root, options).run();
+  });
+}
+
+// A child: its role's main, with failures reported to the supervisor.
+int child(Role role, Options const& options, std::string const& root) {
+  int const reportFd = 3, commandFd = 4;
+  try {
+    switch (role) {
+      case Role::rpdf:
+        return runRpDf(options, reportFd, commandFd);
+      case Role::agent:
+        return runAgent(options, root, reportFd, commandFd);
+      case Role::reader:
+        return runReader(options, root, reportFd, commandFd);
+    }
+  } catch (std::exception const& e) {
+    Report r;
+    r.kind = Report::failed;
+    r.role = role;
+    std::snprintf(r.text, sizeof r.text, "%s", e.what());
+    send(reportFd, r);
+  }
+  return 1;
+}
+
+}  // namespace
+
+}  // namespace BidirAgent
+
+int main(int argc, char** argv) {
+  using namespace BidirAgent;
+  Options options;
+  if (argc >= 5 && std::strcmp(argv[1], "--role") == 0 && std::strcmp(argv[3], "--root") == 0) {
+    if (!options.parse(argc, argv, 5)) return 2;
+    for (Role role : {Role::rpdf, Role::agent, Role::reader}) {
+      if (std::strcmp(argv[2], roleName(role)) == 0) std::_Exit(child(role, options, argv[4]));
+    }
+    return 2;
+  }
+  if (!options.parse(argc, argv, 1)) {
+    std::fprintf(stderr,
+                 "usage: %s [--short] [--seconds S] [--restart-at S] [--rate N] [--groups N] "
+                 "[--intfs N] [--rps N] [--df-move-every S] [--quiet]\n",
+                 argv[0]);
+    return 2;
+  }
+  return supervise(options);
+}
