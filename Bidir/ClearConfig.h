@@ -15,12 +15,13 @@
 
 #include "Bidir/MrouteClearFlags.h"
 #include "Kiv/Entity.h"
+#include "Kiv/NboAttrLog.h"
 #include "L3/VrfName.h"
 #include "Lanx/IpGenAddr.h"
 
 namespace Routing::Pim::Bidir {
 
-class ClearConfig : public Kiv::Entity {
+class ClearConfig : public Kiv::Entity, public Kiv::NboAttrLog::AttrLogInterface<ClearConfig> {
  public:
   // What a group clear covers. Equal when flags and address are equal. The flags word arriving
   // with a key from the attribute log is checked (a lone MrouteClearFlags from the log is not).
@@ -132,6 +133,10 @@ class ClearConfig : public Kiv::Entity {
 
 Kiv::String8 valueToStrep(ClearConfig::GroupKey const& v);
 std::ostream& operator<<(std::ostream& os, ClearConfig::GroupKey const& v);
+
+// Attribute-log form: the flags word (u32), checked as it is read, then gAddr.
+void nboWrite(Kiv::NboAttrLog::Out& out, ClearConfig::GroupKey const& v);
+ClearConfig::GroupKey nboRead(Kiv::NboAttrLog::Cursor& in, ClearConfig::GroupKey const*);
 
 Kiv::Ptr<ClearConfig> clearConfigFactory(L3::VrfName const& vrfName);
 

@@ -13,7 +13,8 @@
 
 namespace Routing::Pim::Bidir {
 
-class ClearConfigColl : public Kiv::Entity {
+class ClearConfigColl : public Kiv::Entity,
+                        public Kiv::NboAttrLog::AttrLogInterface<ClearConfigColl> {
  public:
   struct Attr {
     enum : Kiv::AttributeId { vrfClearConfig = Kiv::kFirstTypeAttributeId };
@@ -64,9 +65,8 @@ class ClearConfigColl : public Kiv::Entity {
   }
 
   static constexpr auto attributes() {
-    return std::tuple{Kiv::collection<&ClearConfigColl::vrfClearConfigCount>(
-        "vrfClearConfig", Attr::vrfClearConfig, ClearConfig::typeName, "vrfName", "L3::VrfName",
-        [](ClearConfigColl const& c, L3::VrfName const& n) { return c.vrfClearConfig(n); })};
+    return std::tuple{Kiv::collection<&ClearConfigColl::clearConfigs_>("vrfClearConfig", Attr::vrfClearConfig, ClearConfig::typeName,
+                                                      "vrfName", "L3::VrfName")};
   }
   Kiv::AttributeTable const& attributeTable() const override;
   static Kiv::TypeDescriptor const& _fwkType();

@@ -9,11 +9,12 @@
 #include <tuple>
 
 #include "Kiv/Entity.h"
+#include "Kiv/NboAttrLog.h"
 #include "L3/VrfName.h"
 
 namespace Routing::Pim::Bidir {
 
-class Config : public Kiv::Entity {
+class Config : public Kiv::Entity, public Kiv::NboAttrLog::AttrLogInterface<Config> {
  public:
   struct Attr {
     enum : Kiv::AttributeId {

@@ -13,7 +13,7 @@
 
 namespace Routing::Pim::Bidir {
 
-class ConfigColl : public Kiv::Entity {
+class ConfigColl : public Kiv::Entity, public Kiv::NboAttrLog::AttrLogInterface<ConfigColl> {
  public:
   struct Attr {
     enum : Kiv::AttributeId { vrfConfig = Kiv::kFirstTypeAttributeId };
@@ -54,9 +54,8 @@ class ConfigColl : public Kiv::Entity {
   Kiv::IteratorRange<VrfConfigIteratorConst> vrfConfigIter() const { return configs_.range(); }
 
   static constexpr auto attributes() {
-    return std::tuple{Kiv::collection<&ConfigColl::vrfConfigCount>(
-        "vrfConfig", Attr::vrfConfig, Config::typeName, "vrfName", "L3::VrfName",
-        [](ConfigColl const& c, L3::VrfName const& n) { return c.vrfConfig(n); })};
+    return std::tuple{Kiv::collection<&ConfigColl::configs_>("vrfConfig", Attr::vrfConfig, Config::typeName,
+                                                      "vrfName", "L3::VrfName")};
   }
   Kiv::AttributeTable const& attributeTable() const override;
   static Kiv::TypeDescriptor const& _fwkType();

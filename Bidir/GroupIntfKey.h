@@ -73,4 +73,8 @@ static_assert(std::is_trivially_copyable_v<GroupIntfKey> &&
 Kiv::String8 valueToStrep(GroupIntfKey const& v);
 std::ostream& operator<<(std::ostream& os, GroupIntfKey const& v);
 
+// Attribute-log form: groupAddr, then intfId, each in its network-type form.
+void nboWrite(Kiv::NboAttrLog::Out& out, GroupIntfKey const& v);
+GroupIntfKey nboRead(Kiv::NboAttrLog::Cursor& in, GroupIntfKey const*);
+
 }  // namespace Routing::Pim::Bidir

@@ -23,6 +23,11 @@
 #include "Kiv/Attribute.h"
 #include "Kiv/String8.h"
 
+namespace Kiv::NboAttrLog {
+class Out;
+class Cursor;
+}  // namespace Kiv::NboAttrLog
+
 namespace Routing::Pim::Bidir {
 
 class MrouteClearFlags {
@@ -92,5 +97,9 @@ inline constexpr MrouteClearFlags MrouteClearFlags::clearGroup_ =
 
 Kiv::String8 valueToStrep(MrouteClearFlags const& v);
 std::ostream& operator<<(std::ostream& os, MrouteClearFlags const& v);
+
+// Attribute-log form: the word as u32, read back unchecked (fromWordUnchecked).
+void nboWrite(Kiv::NboAttrLog::Out& out, MrouteClearFlags const& v);
+MrouteClearFlags nboRead(Kiv::NboAttrLog::Cursor& in, MrouteClearFlags const*);
 
 }  // namespace Routing::Pim::Bidir

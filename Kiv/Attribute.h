@@ -18,6 +18,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 namespace Kiv {
 
@@ -299,6 +300,36 @@ constexpr auto collection(std::string_view name, AttributeId id, std::string_vie
 constexpr CollectionAttribute<> handle(std::string_view name, AttributeId id,
                                        std::string_view typeName) {
   return {{name, id, typeName, AttributeKind::tableControl}, {}, {}};
+}
+
+// A collection declared with the owner's Kiv::Collection member, so that generic code (the
+// attribute log's adapters, generic reads) reaches its members; count and lookup come from the
+// collection itself:   Kiv::collection<&Owner::members_>(name, id, type, keyName, keyType)
+template <class Coll>
+using CollectionLookup = decltype(std::declval<Coll const&>().member(
+    std::declval<typename Coll::KeyType const&>()));
+
+template <class Owner, class Coll, Coll Owner::*Members>
+struct TypedCollectionAttribute
+    : CollectionAttribute<Owner, typename Coll::KeyType, CollectionLookup<Coll>> {
+  using OwnerType = Owner;
+  using CollectionType = Coll;
+  static Coll& of(Owner& o) noexcept { return o.*Members; }
+  static Coll const& of(Owner const& o) noexcept { return o.*Members; }
+};
+
+template <auto Members>
+constexpr auto collection(std::string_view name, AttributeId id, std::string_view memberTypeName,
+                          std::string_view keyName = {}, std::string_view keyTypeName = {}) {
+  using Owner = typename detail::MemberTraits<decltype(Members)>::Owner;
+  using Coll = typename detail::MemberTraits<decltype(Members)>::Type;
+  using Key = typename Coll::KeyType;
+  return TypedCollectionAttribute<Owner, Coll, Members>{
+      {{name, id, memberTypeName, AttributeKind::collection},
+       keyName,
+       keyTypeName,
+       [](Owner const& o) -> std::size_t { return (o.*Members).size(); },
+       [](Owner const& o, Key const& k) { return (o.*Members).member(k); }}};
 }
 
 // The untyped declarations of a tuple of typed ones, in the same order.

@@ -87,6 +87,8 @@ class MemberMap {
   };
 
  public:
+  using KeyType = Key;
+  using MemberType = Member;
   using Iterator = IteratorBase<typename Map::iterator, Member>;
   using IteratorConst = IteratorBase<typename Map::const_iterator, Member const>;
 
@@ -109,6 +111,9 @@ class MemberMap {
   IteratorRange<IteratorConst> range() const { return {begin(), end()}; }
   Iterator find(Key const& key) { return Iterator(map_.find(slotOf(key))); }
   IteratorConst find(Key const& key) const { return IteratorConst(map_.find(slotOf(key))); }
+  // The first member at or after `key` in map order (`key` itself need not be present): where a
+  // walk interrupted at `key` resumes.
+  Iterator lowerBound(Key const& key) { return Iterator(map_.lower_bound(slotOf(key))); }
 
  protected:
   ~MemberMap() = default;

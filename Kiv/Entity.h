@@ -29,6 +29,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -190,6 +191,10 @@ class Entity::NotifieeConst : public PtrInterface {
   virtual void onNotificationException(AttributeId) {}
   virtual void onZeroReferences() {}
   virtual void onIsNondestructing() {}
+  // Heard instead of the typed handler by a generic notifiee (genericNotifieeIs(true)), such as an
+  // attribute-log adapter that serves any entity type from its attribute declaration: `id` is the
+  // attribute notified, `key` the member key of a keyed collection notification (else null).
+  virtual void onAttributeNotification(AttributeId /*id*/, void const* /*key*/) {}
 
   bool isRegisteredNotifiee() const noexcept { return isRegisteredNotifiee_; }
   // Switches delivery off (leaves the notifier's list, keeps the notifier) or back on.
@@ -204,6 +209,7 @@ class Entity::NotifieeConst : public PtrInterface {
   NotifieeConst& operator=(NotifieeConst const&) = delete;
 
   Entity const* notifierBase() const noexcept { return notifier_.ptr(); }
+  void genericNotifieeIs(bool value) noexcept { generic_ = value; }
   // Leaves the current notifier's list and joins `notifier`'s (if registered).
   void notifierBaseIs(Entity const* notifier);
 
@@ -211,6 +217,7 @@ class Entity::NotifieeConst : public PtrInterface {
   friend class Entity;
   Ptr<Entity const> notifier_;
   bool isRegisteredNotifiee_ = true;
+  bool generic_ = false;
   bool inList_ = false;  // invariant: true exactly when this is in notifier_->notifiees_
 };
 
@@ -253,7 +260,15 @@ template <class N, class... P, class... A>
 void Entity::notify(AttributeId id, void (N::*op)(P...), A const&... args) const {
   static_assert(std::is_base_of_v<NotifieeConst, N>);
   if (notifiees_.empty()) return;
-  auto call = [&](NotifieeConst& n) { (static_cast<N&>(n).*op)(args...); };
+  auto call = [&](NotifieeConst& n) {
+    if (n.generic_) {
+      void const* key = nullptr;
+      if constexpr (sizeof...(A) > 0) key = &std::get<0>(std::forward_as_tuple(args...));
+      n.onAttributeNotification(id, key);
+    } else {
+      (static_cast<N&>(n).*op)(args...);
+    }
+  };
   using CallType = decltype(call);
   walk(
       id,

@@ -40,6 +40,8 @@ template <class A>
 struct IsCollection : std::false_type {};
 template <class O, class K, class M>
 struct IsCollection<CollectionAttribute<O, K, M>> : std::true_type {};
+template <class O, class C, C O::*M>
+struct IsCollection<TypedCollectionAttribute<O, C, M>> : std::true_type {};
 
 template <class T>
 T convertedValue(Value const& v, AttributeDecl const& decl) {

@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "Kiv/Exception.h"
+#include "Kiv/NboAttrLog.h"
 
 namespace L3 {
 
@@ -20,6 +21,14 @@ std::uint32_t VrfName::hash() const noexcept {
 
 std::ostream& operator<<(std::ostream& os, VrfName const& name) {
   return os << name.string();
+}
+
+void nboWrite(Kiv::NboAttrLog::Out& out, VrfName const& v) {
+  Kiv::NboAttrLog::nboWrite(out, std::string_view(v.string()));
+}
+
+VrfName nboRead(Kiv::NboAttrLog::Cursor& in, VrfName const*) {
+  return VrfName(in.string());
 }
 
 }  // namespace L3

@@ -10,6 +10,11 @@
 
 #include "Kiv/String8.h"
 
+namespace Kiv::NboAttrLog {
+class Out;
+class Cursor;
+}  // namespace Kiv::NboAttrLog
+
 namespace L3 {
 
 class VrfName {
@@ -35,5 +40,10 @@ class VrfName {
 };
 
 std::ostream& operator<<(std::ostream& os, VrfName const& name);
+
+// Attribute-log form: the name as a string. Reading refuses a name over kMaxBytes (the range error
+// above) before anything is stored.
+void nboWrite(Kiv::NboAttrLog::Out& out, VrfName const& v);
+VrfName nboRead(Kiv::NboAttrLog::Cursor& in, VrfName const*);
 
 }  // namespace L3

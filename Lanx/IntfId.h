@@ -23,6 +23,11 @@
 
 #include "Kiv/String8.h"
 
+namespace Kiv::NboAttrLog {
+class Out;
+class Cursor;
+}  // namespace Kiv::NboAttrLog
+
 namespace Lanx {
 
 class IntfId {
@@ -70,5 +75,9 @@ inline Kiv::String8 valueToStrep(IntfId const& intf) {
 // quotes; an empty token is the default identifier) and advances the cursor past it.
 IntfId sequenceToValue(Kiv::String8::IteratorConst& cursor, Kiv::String8::IteratorConst end,
                        IntfId const* tag);
+
+// Attribute-log form: the interface name as a string; reading parses it as the constructor does.
+void nboWrite(Kiv::NboAttrLog::Out& out, IntfId const& v);
+IntfId nboRead(Kiv::NboAttrLog::Cursor& in, IntfId const*);
 
 }  // namespace Lanx

@@ -23,6 +23,11 @@
 #include "Kiv/String8.h"
 #include "Lanx/Ip6Addr.h"
 
+namespace Kiv::NboAttrLog {
+class Out;
+class Cursor;
+}  // namespace Kiv::NboAttrLog
+
 namespace Lanx {
 
 class IpGenAddr {
@@ -75,5 +80,10 @@ inline Kiv::String8 valueToStrep(IpGenAddr const& addr) {
 // single quotes; an empty token is the unset address) and advances the cursor past it.
 IpGenAddr sequenceToValue(Kiv::String8::IteratorConst& cursor, Kiv::String8::IteratorConst end,
                           IpGenAddr const* tag);
+
+// Attribute-log form: the family word (u32), then 4 address bytes for IPv4, 16 for IPv6, none
+// when unset. Reading refuses any other family (Kiv::AttrLogRecordException).
+void nboWrite(Kiv::NboAttrLog::Out& out, IpGenAddr const& v);
+IpGenAddr nboRead(Kiv::NboAttrLog::Cursor& in, IpGenAddr const*);
 
 }  // namespace Lanx

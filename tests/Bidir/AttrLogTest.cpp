@@ -1,0 +1,405 @@
+// Replication of configuration and clear requests over the attribute log: in one process over a
+// socket pair (flow control, resumption, echo), and between real processes over a Unix socket
+// (random changes, a stopped reader, restarts of either side).
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+
+#include "Bidir/AttrLog.h"
+#include "support/ActivityWait.h"
+#include "support/Children.h"
+
+namespace Bidir = Routing::Pim::Bidir;
+namespace Log = Kiv::NboAttrLog;
+using Bidir::ClearConfig;
+using Bidir::ClearConfigColl;
+using Bidir::Config;
+using Bidir::ConfigColl;
+using Bidir::MrouteClearFlags;
+using TestSupport::runUntil;
+
+namespace {
+
+// Counts every notification of a configuration tree: collection changes and every member's
+// attribute changes (member notifiees are attached as members appear).
+struct Counts {
+  std::map<std::string, long> n;
+  std::string text() const {
+    std::ostringstream os;
+    for (auto& [k, v] : n) os << k << "=" << v << "\n";
+    return os.str();
+  }
+};
+
+class ClearWatch : public ClearConfig::NotifieeConst {
+ public:
+  explicit ClearWatch(Counts& c) : c_(c) {}
+  void onGroupKey() override { ++c_.n["groupKey"]; }
+  void onGroupsCount() override { ++c_.n["groupsCount"]; }
+  void onCountersCount() override { ++c_.n["countersCount"]; }
+  Counts& c_;
+};
+class ConfigWatch : public Config::NotifieeConst {
+ public:
+  explicit ConfigWatch(Counts& c) : c_(c) {}
+  void onGroupExpiryInterval() override { ++c_.n["groupExpiryInterval"]; }
+  Counts& c_;
+};
+
+struct TreeWatch {
+  Counts counts;
+  struct Clears : ClearConfigColl::NotifieeConst {
+    TreeWatch* t;
+    std::map<L3::VrfName, Kiv::Ptr<ClearWatch>> m;
+    void onVrfClearConfig(L3::VrfName n) override {
+      ++t->counts.n["vrfClearConfig"];
+      m.erase(n);
+      if (auto c = notifier()->vrfClearConfig(n)) {
+        auto w = Kiv::Ptr<ClearWatch>(new ClearWatch(t->counts));
+        w->notifierIs(Kiv::Ptr<ClearConfig const>(c));
+        m[n] = w;
+      }
+    }
+  };
+  struct Configs : ConfigColl::NotifieeConst {
+    TreeWatch* t;
+    std::map<L3::VrfName, Kiv::Ptr<ConfigWatch>> m;
+    void onVrfConfig(L3::VrfName n) override {
+      ++t->counts.n["vrfConfig"];
+      m.erase(n);
+      if (auto c = notifier()->vrfConfig(n)) {
+        auto w = Kiv::Ptr<ConfigWatch>(new ConfigWatch(t->counts));
+        w->notifierIs(Kiv::Ptr<Config const>(c));
+        m[n] = w;
+      }
+    }
+  };
+  Kiv::Ptr<Clears> clears{new Clears};
+  Kiv::Ptr<Configs> configs{new Configs};
+  TreeWatch(Kiv::Ptr<ConfigColl> const& cfg, Kiv::Ptr<ClearConfigColl> const& clr) {
+    clears->t = this;
+    configs->t = this;
+    clears->notifierIs(Kiv::Ptr<ClearConfigColl const>(clr));
+    configs->notifierIs(Kiv::Ptr<ConfigColl const>(cfg));
+  }
+};
+
+struct Tree {
+  Kiv::Ptr<ConfigColl> cfg = Bidir::configCollFactory("cfg");
+  Kiv::Ptr<ClearConfigColl> clr = Bidir::clearConfigCollFactory("clr");
+};
+
+// The whole replicated state of a tree as text: equal texts, equal trees.
+std::string dump(Tree const& t) {
+  std::ostringstream os;
+  for (auto const& c : t.cfg->vrfConfigIter()) {
+    os << "cfg " << c.vrfName() << " " << c.groupExpiryInterval() << "\n";
+  }
+  for (auto const& c : t.clr->vrfClearConfigIter()) {
+    os << "clr " << c.vrfName() << " " << c.groupKey() << " " << int(c.groupsCount()) << " "
+       << c.countersCount() << "\n";
+  }
+  return os.str();
+}
+
+L3::VrfName vrf(int i) {
+  return L3::VrfName("vrf" + std::to_string(i));
+}
+
+// One random change of the writer's tree.
+void randomChange(Tree& t, std::mt19937& rng, int vrfs) {
+  int const i = int(rng() % unsigned(vrfs));
+  switch (rng() % 8) {
+    case 0:
+      t.cfg->vrfConfigIs(vrf(i))->groupExpiryIntervalIs(std::uint16_t(rng()));
+      break;
+    case 1:
+      t.clr->vrfClearConfigIs(vrf(i))->groupKeyIs(
+          ClearConfig::GroupKey(MrouteClearFlags(rng() % 4), Lanx::IpGenAddr::ipv4Addr(rng())));
+      break;
+    case 2:
+    case 3:
+      if (auto c = t.clr->vrfClearConfigIs(vrf(i))) c->groupsCountIs(c->groupsCount() + 1);
+      break;
+    case 4:
+      t.clr->vrfClearConfigIs(vrf(i))->countersCountIs(rng());
+      break;
+    case 5:
+      if (rng() % 3 == 0) t.clr->vrfClearConfigDel(vrf(i));
+      break;
+    case 6:
+      if (rng() % 3 == 0) t.cfg->vrfConfigDel(vrf(i));
+      break;
+    default:
+      t.cfg->vrfConfigIs(vrf(i));
+      break;
+  }
+}
+
+// ---- in one process, over a socket pair ----
+
+struct Pair {
+  Kiv::Activity act;
+  Tree writer, reader;
+  Log::Endpoint wEnd{act, Log::Endpoint::Options{}};
+  Log::Endpoint rEnd{act, Log::Endpoint::Options{}};
+  int fds[2];
+  Pair(std::size_t highWater = 16 * 1024) : wEnd(act, {highWater, 0.05}) {
+    Bidir::attrLogTypesRegister();
+    wEnd.serve(writer.cfg);
+    wEnd.serve(writer.clr);
+    rEnd.read(reader.cfg);
+    rEnd.read(reader.clr);
+    Log::socketPair(fds);
+  }
+  Log::Out& out() { return wEnd.channels().front()->out(); }
+  bool equal() { return dump(writer) == dump(reader); }
+};
+
+TEST(AttrLog, AppliesChangesOnceAndNeverEchoes) {
+  Pair p;
+  TreeWatch wWatch(p.writer.cfg, p.writer.clr), rWatch(p.reader.cfg, p.reader.clr);
+  p.writer.clr->vrfClearConfigIs("red")->countersCountIs(7);
+  p.wEnd.adopt(p.fds[0], "writer");
+  // The reader serves its own tree back on the same channel: what it applies must not return.
+  p.rEnd.serve(p.reader.cfg);
+  p.rEnd.serve(p.reader.clr);
+  Log::Channel& back = p.rEnd.adopt(p.fds[1], "reader");
+  ASSERT_TRUE(runUntil(p.act, [&] { return p.rEnd.synced() && p.equal(); }));
+  std::uint64_t const backRecords = back.out().recordsWritten();
+
+  std::mt19937 rng(7);
+  for (int round = 0; round < 40; ++round) {
+    for (int k = 0; k < 25; ++k) randomChange(p.writer, rng, 6);
+    ASSERT_TRUE(runUntil(p.act, [&] { return p.equal() && p.out().buffered() == 0; }));
+  }
+  ASSERT_TRUE(runUntil(p.act, [&] { return wWatch.counts.n == rWatch.counts.n; }))
+      << wWatch.counts.text() << "--\n" << rWatch.counts.text();
+  EXPECT_EQ(back.out().recordsWritten(), backRecords);
+
+  // The same adapter again, with no notification bits: it stays, and stops writing changes.
+  auto red = p.writer.clr->vrfClearConfigIs("red");
+  auto sa = red->kivNboAttrLogSa(p.out());
+  EXPECT_EQ(red->kivNboAttrLogSaIs(0, 0, p.out(), sa->parent()), sa);
+  std::uint64_t const records = p.out().recordsWritten();
+  red->countersCountIs(red->countersCount() + 1);
+  EXPECT_EQ(p.out().recordsWritten(), records);
+  red->kivNboAttrLogSaIs(Log::SaBase::notifyAll, 0, p.out(), sa->parent());
+  red->countersCountIs(red->countersCount() + 1);
+  EXPECT_EQ(p.out().recordsWritten(), records + 1);
+  EXPECT_EQ(p.wEnd.errors() + p.rEnd.errors(), 0u) << p.rEnd.lastError();
+}
+
+TEST(AttrLog, BlockedOutputKeepsDirtyBitsAndResumesAtTheNextAttribute) {
+  Pair p(4096);
+  auto red = p.writer.clr->vrfClearConfigIs("red");
+  p.wEnd.adopt(p.fds[0], "writer");
+  // The peer does not read yet: fill the socket until the output blocks.
+  std::uint32_t n = 0;
+  while (!p.out().blocked()) {
+    red->countersCountIs(++n);
+    p.act.runOnce(0);
+  }
+  std::uint64_t const recordsAtBlock = p.out().recordsWritten();
+  for (int k = 0; k < 100000; ++k) {
+    red->groupsCountIs(std::uint8_t(k));
+    red->countersCountIs(++n);
+    red->groupKeyIs(ClearConfig::GroupKey(MrouteClearFlags(k % 4), Lanx::IpGenAddr::ipv4Addr(k)));
+  }
+  // Buffered bytes are bounded by the mark plus one record, whatever the number of changes.
+  EXPECT_LE(p.out().buffered(), p.out().highWater() + 64);
+  EXPECT_EQ(p.out().recordsWritten(), recordsAtBlock);
+  auto sa = red->kivNboAttrLogSa(p.out());
+  ASSERT_TRUE(sa && sa->flowOut());
+  EXPECT_EQ(sa->flowOut()->kivDirtyBitSet0().value(), 0x2u | 0x4u | 0x8u);
+
+  // Room for one record at a time: each flow-out writes one attribute and stops there.
+  p.out().highWaterIs(p.out().buffered() + 1);
+  EXPECT_EQ(sa->handleAttrFlowOut(0), ClearConfig::Attr::groupKey);
+  EXPECT_EQ(sa->flowOut()->kivDirtyBitSet0().value(), 0x4u | 0x8u);
+  p.out().highWaterIs(p.out().buffered() + 1);
+  EXPECT_EQ(sa->handleAttrFlowOut(ClearConfig::Attr::groupKey), ClearConfig::Attr::groupsCount);
+  EXPECT_EQ(sa->flowOut()->kivDirtyBitSet0().value(), 0x8u);
+
+  p.out().highWaterIs(4096);
+  TreeWatch rWatch(p.reader.cfg, p.reader.clr);
+  p.rEnd.adopt(p.fds[1], "reader");
+  ASSERT_TRUE(runUntil(p.act, [&] { return p.equal() && p.rEnd.synced(); }));
+  // Only the records queued before the block, then one per dirty attribute.
+  EXPECT_LE(rWatch.counts.n["groupsCount"], 2);
+  EXPECT_LE(rWatch.counts.n["groupKey"], 2);
+  EXPECT_EQ(p.out().recordsWritten(), recordsAtBlock + 3);
+}
+
+TEST(AttrLog, CollectionWalkResumesAtItsBookmark) {
+  Pair p(1024);
+  constexpr int kMembers = 4000;  // more than the socket holds
+  for (int i = 0; i < kMembers; ++i) p.writer.clr->vrfClearConfigIs(vrf(i))->groupsCountIs(1);
+  p.wEnd.adopt(p.fds[0], "writer");
+  for (int i = 0; i < 200 && !p.out().blocked(); ++i) p.act.runOnce(0);
+  auto sa = p.writer.clr->kivNboAttrLogSa(p.out());
+  ASSERT_TRUE(sa && sa->flowOut());
+  EXPECT_TRUE(sa->flowOut()->bookmark().has_value());
+  EXPECT_LT(sa->memberNboAttrLogAdapterCount(), std::size_t(kMembers));
+  // Members that go and come while the walk waits are sent by the walk as they are then.
+  p.writer.clr->vrfClearConfigDel(vrf(0));
+  p.writer.clr->vrfClearConfigDel(vrf(kMembers - 1));
+  p.writer.clr->vrfClearConfigIs(vrf(kMembers + 1));
+
+  TreeWatch rWatch(p.reader.cfg, p.reader.clr);
+  p.rEnd.adopt(p.fds[1], "reader");
+  ASSERT_TRUE(runUntil(p.act, [&] { return p.equal() && p.rEnd.synced(); }, 120));
+  EXPECT_EQ(p.reader.clr->vrfClearConfigCount(), std::size_t(kMembers - 1));
+  // Every member was created once on the reader, none twice; at most the two removed ones went.
+  EXPECT_LE(rWatch.counts.n["vrfClearConfig"], kMembers + 1);
+  EXPECT_EQ(rWatch.counts.n["groupsCount"], kMembers - 2);
+}
+
+TEST(AttrLog, ConnectingWriterRemountsItsAdaptersOnEveryConnection) {
+  Kiv::Activity act;
+  Tree writer, reader;
+  std::string const path = "/tmp/attrlog-remount-" + std::to_string(::getpid());
+  auto listen = [&] {
+    auto s = std::make_unique<Log::Server>(act, path);
+    s->read(reader.cfg);
+    s->read(reader.clr);
+    return s;
+  };
+  auto server = listen();
+  Log::Client client(act, path, {16 * 1024, 0.01});
+  client.serve(writer.cfg);
+  client.serve(writer.clr);
+  writer.clr->vrfClearConfigIs("red")->groupsCountIs(3);
+  auto equal = [&] { return dump(writer) == dump(reader) && server->synced(); };
+  ASSERT_TRUE(runUntil(act, equal));
+
+  auto const sa = writer.clr->kivNboAttrLogSa(client.channel()->out());
+  server.reset();  // the reading side goes; the writer changes on meanwhile
+  writer.clr->vrfClearConfigDel("red");
+  writer.cfg->vrfConfigIs("blue")->groupExpiryIntervalIs(5);
+  ASSERT_TRUE(runUntil(act, [&] { return client.channel() == nullptr; }));
+  server = listen();
+  ASSERT_TRUE(runUntil(act, equal)) << dump(reader);
+  EXPECT_EQ(client.connections(), 2u);
+  EXPECT_EQ(writer.clr->kivNboAttrLogSa(client.channel()->out()), sa);  // re-mounted, not new
+}
+
+// ---- between processes ----
+
+constexpr char const* kRole = "ATTRLOG_TEST_ROLE";
+
+// The reader process: attaches its tree to <dir>/writer and serves it back on <dir>/relay, so
+// that the test process sees what it holds; writes its notification counts on SIGTERM.
+Kiv::Activity* childActivity = nullptr;
+int readerRole(std::string const& dir) {
+  Kiv::Activity act;
+  childActivity = &act;
+  ::signal(SIGTERM, [](int) { childActivity->stop(); });
+  Tree t;
+  TreeWatch watch(t.cfg, t.clr);
+  auto in = Bidir::configurationAttach(act, dir + "/writer", t.cfg, t.clr);
+  Log::Server relay(act, dir + "/relay");
+  relay.serve(t.cfg);
+  relay.serve(t.clr);
+  act.run();
+  std::ofstream(dir + "/counts." + std::to_string(::getpid())) << watch.counts.text();
+  return 0;
+}
+[[maybe_unused]] bool const isChild = TestSupport::childRole(kRole, readerRole);
+
+struct AttrLogProcs : ::testing::Test {
+  std::string dir;
+  Kiv::Activity act;
+  Tree writer, seen;
+  TestSupport::Children children{kRole};
+  std::unique_ptr<Log::Server> server;
+  std::unique_ptr<Log::Client> relay;
+  void SetUp() override {
+    char tmpl[] = "/tmp/attrlogXXXXXX";
+    dir = ::mkdtemp(tmpl);
+    server = Bidir::configurationServe(act, dir + "/writer", writer.cfg, writer.clr, {4096, 0.05});
+    relay = Bidir::configurationAttach(act, dir + "/relay", seen.cfg, seen.clr);
+  }
+  void TearDown() override {
+    relay.reset();
+    server.reset();
+    std::filesystem::remove_all(dir);
+  }
+  bool equal() { return dump(writer) == dump(seen); }
+  ::testing::AssertionResult converge(double seconds = 60) {
+    if (runUntil(act, [&] { return equal() && relay->synced(); }, seconds)) {
+      return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << dump(writer) << "--- seen:\n" << dump(seen);
+  }
+  std::string counts(pid_t pid) {
+    ::kill(pid, SIGTERM);
+    std::string file = dir + "/counts." + std::to_string(pid);
+    runUntil(act, [&] { return std::filesystem::exists(file); });
+    children.kill(pid);
+    std::ifstream in(file);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+};
+
+TEST_F(AttrLogProcs, RandomChangesEndEqualWithOneNotificationPerChange) {
+  TreeWatch watch(writer.cfg, writer.clr);
+  pid_t const reader = children.spawn(dir);
+  ASSERT_TRUE(converge());
+  std::mt19937 rng(11);
+  for (int round = 0; round < 60; ++round) {
+    for (int k = 0; k < 20; ++k) randomChange(writer, rng, 8);
+    // Small batches, each drained before the next: nothing coalesces.
+    ASSERT_TRUE(runUntil(act, [&] { return server->channels().front()->out().buffered() == 0; }));
+  }
+  ASSERT_TRUE(converge());
+  EXPECT_EQ(counts(reader), watch.counts.text());
+  EXPECT_EQ(server->errors(), 0u) << server->lastError();
+}
+
+TEST_F(AttrLogProcs, StoppedReaderCoalescesAndRestartsResynchronise) {
+  pid_t reader = children.spawn(dir);
+  for (int i = 0; i < 20; ++i) writer.clr->vrfClearConfigIs(vrf(i));
+  ASSERT_TRUE(converge());
+  Log::Out& out = server->channels().front()->out();
+
+  ::kill(reader, SIGSTOP);
+  std::uint64_t const records = out.recordsWritten();
+  for (int k = 0; k < 200000; ++k) {
+    auto c = writer.clr->vrfClearConfig(vrf(k % 20));
+    c->countersCountIs(c->countersCount() + 1);
+    if (k % 1000 == 0) act.runOnce(0);
+  }
+  EXPECT_LE(out.buffered(), out.highWater() + 64);
+  EXPECT_LT(out.recordsWritten() - records, 30000u);  // the socket's capacity, not 200000
+  ::kill(reader, SIGCONT);
+  ASSERT_TRUE(converge());
+
+  // The reader restarts while members go and change.
+  children.kill(reader);
+  writer.clr->vrfClearConfigDel(vrf(3));
+  writer.cfg->vrfConfigIs("blue")->groupExpiryIntervalIs(30);
+  reader = children.spawn(dir);
+  ASSERT_TRUE(converge());
+
+  // The writer's endpoint restarts: the reader reconnects and drops what is gone meanwhile.
+  server.reset();
+  writer.clr->vrfClearConfigDel(vrf(4));
+  writer.cfg->vrfConfigDel("blue");
+  writer.clr->vrfClearConfigIs(vrf(5))->groupsCountIs(9);
+  server = Bidir::configurationServe(act, dir + "/writer", writer.cfg, writer.clr);
+  ASSERT_TRUE(converge());
+  EXPECT_EQ(seen.clr->vrfClearConfigCount(), 18u);
+}
+
+}  // namespace
