@@ -15,7 +15,7 @@
 
 #include "Bidir/ClearConfigColl.h"
 #include "Bidir/ConfigColl.h"
-#include "Bidir/Introspection.h"
+#include "Bidir/TypeRegistration.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
 #include "Kiv/Type.h"

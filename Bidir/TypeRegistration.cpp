@@ -1,4 +1,4 @@
-#include "Bidir/Introspection.h"
+#include "Bidir/TypeRegistration.h"
 
 #include <atomic>
 #include <cstdint>

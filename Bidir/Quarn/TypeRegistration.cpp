@@ -1,6 +1,6 @@
 // Registration of the Routing::Pim::Bidir::Quarn types with the framework's introspection: the
 // table records, their root and the state machines, under the namespaces Routing, Pim, Bidir,
-// Quarn, by the same run-once procedure as the Routing::Pim::Bidir types (Bidir/Introspection.h):
+// Quarn, by the same run-once procedure as the Routing::Pim::Bidir types (Bidir/TypeRegistration.h):
 // bound at load in ".kiv.type" order, defined once the introspection reactor is active.
 
 #include "Bidir/Quarn/Group.h"
