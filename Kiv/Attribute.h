@@ -39,7 +39,8 @@ enum class AttributeKind : std::uint8_t {
   settableReference,  // a stored reference to another entity
   collection,         // owned members keyed by their own key
   table,              // a shared-memory table of records keyed by their `key` field
-  tableControl,       // the control handle of a table (mounting, validation; no value operations)
+  tableControl,       // a handle without value operations: a table's control handle (mounting,
+                      // validation), a state machine's activity
   framework,          // an attribute of the entity framework itself
   lifecycle,          // the framework's isNondestructing flag, registered with every entity
 };
@@ -295,8 +296,8 @@ constexpr auto collection(std::string_view name, AttributeId id, std::string_vie
       +lookup};
 }
 
-// An attribute without value operations (the control handle of a table): named and registered,
-// every generic operation on it is refused.
+// An attribute without value operations (the control handle of a table, a state machine's
+// activity): named and registered, every generic operation on it is refused.
 constexpr CollectionAttribute<> handle(std::string_view name, AttributeId id,
                                        std::string_view typeName) {
   return {{name, id, typeName, AttributeKind::tableControl}, {}, {}};

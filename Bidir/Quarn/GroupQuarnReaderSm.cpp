@@ -1,22 +1,14 @@
 #include "Bidir/Quarn/GroupQuarnReaderSm.h"
 
 #include "Bidir/Quarn/GroupUpdate.h"
+#include "Kiv/GenericAttribute.h"
 #include "Kiv/Trace.h"
 
 namespace Routing::Pim::Bidir::Quarn {
 
 namespace {
 
-using Kind = Kiv::AttributeKind;
-using A = GroupQuarnReaderSm::Attr;
-
-constexpr Kiv::AttributeDecl kAttributes[] = {
-    {"status", A::status, "Routing::Pim::Bidir::Status", Kind::settableReference},
-    {"quarnStatus", A::quarnStatus, "Routing::Pim::Bidir::Quarn::Status",
-     Kind::settableReference},
-    {"initialized", A::initialized, "Bool", Kind::settable},
-};
-
+constexpr auto kAttributes = Kiv::declarations(GroupQuarnReaderSm::attributes());
 constexpr Kiv::AttributeTable kTable{GroupQuarnReaderSm::typeName, kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
@@ -52,6 +44,10 @@ GroupQuarnReaderSm::~GroupQuarnReaderSm() {
 
 Kiv::AttributeTable const& GroupQuarnReaderSm::attributeTable() const {
   return kTable;
+}
+
+Kiv::Value GroupQuarnReaderSm::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
 }
 
 Kiv::Ptr<Status const> GroupQuarnReaderSm::quarnStatus() const {

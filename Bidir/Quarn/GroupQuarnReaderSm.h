@@ -19,6 +19,7 @@
 #include "Bidir/GroupIntfKey.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
+#include "Kiv/Attribute.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Reactor.h"
 #include "Lanx/IpGenAddr.h"
@@ -71,7 +72,25 @@ class GroupQuarnReaderSm : public Kiv::StateMachine {
   Kiv::Ptr<KivQuarnStatus> newQuarnStatus(Kiv::Ptr<Status const> const& quarnStatus);
   void quarnStatusDel() { kivQuarnStatus_.reactorIs(nullptr); }
 
+  // The attribute declaration; attributeString, introspection and the generic attribute
+  // operation follow it.
+  static constexpr auto attributes() {
+    using Kind = Kiv::AttributeKind;
+    using S = GroupQuarnReaderSm;
+    return std::tuple{
+        Kiv::property<&S::status>("status", Attr::status, "Routing::Pim::Bidir::Status",
+                                  Kind::settableReference),
+        Kiv::property<&S::quarnStatus>("quarnStatus", Attr::quarnStatus, Status::typeName,
+                                       Kind::settableReference),
+        Kiv::property<&S::initialized>("initialized", Attr::initialized, "Bool"),
+    };
+  }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   Kiv::Ptr<Bidir::Status> const status_;

@@ -4,31 +4,14 @@
 #include <ostream>
 
 #include "Bidir/Quarn/GroupUpdate.h"
+#include "Kiv/GenericAttribute.h"
 #include "Kiv/Trace.h"
 
 namespace Routing::Pim::Bidir::Quarn {
 
 namespace {
 
-using Kind = Kiv::AttributeKind;
-using A = GroupQuarnRestartSm::Attr;
-
-constexpr Kiv::AttributeDecl kAttributes[] = {
-    {"kivFwkActivity", A::kivFwkActivity, "Kiv::Activity", Kind::framework},
-    {"status", A::status, "Routing::Pim::Bidir::Status", Kind::settableReference},
-    {"quarnStatus", A::quarnStatus, "Routing::Pim::Bidir::Quarn::Status",
-     Kind::settableReference},
-    {"role", A::role, "KivQuarn::KivQuarnType", Kind::settable},
-    {"clock", A::clock, "Kiv::Clock", Kind::settableReference},
-    {"initializedGroups", A::initializedGroups, "Bool", Kind::settable},
-    {"reviewedGroups", A::reviewedGroups, "Bool", Kind::settable},
-    {"reviewedGroupIntfs", A::reviewedGroupIntfs, "Bool", Kind::settable},
-    {"reviewBookmark", A::reviewBookmark, GroupIntfKey::typeName, Kind::settable},
-    {"reviewQuantum", A::reviewQuantum, "Seconds", Kind::settable},
-    {"reviewStopTime", A::reviewStopTime, "Seconds", Kind::settable},
-    {"initialized", A::initialized, "Bool", Kind::settable},
-};
-
+constexpr auto kAttributes = Kiv::declarations(GroupQuarnRestartSm::attributes());
 constexpr Kiv::AttributeTable kTable{GroupQuarnRestartSm::typeName, kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
@@ -79,6 +62,10 @@ GroupQuarnRestartSm::~GroupQuarnRestartSm() {
 
 Kiv::AttributeTable const& GroupQuarnRestartSm::attributeTable() const {
   return kTable;
+}
+
+Kiv::Value GroupQuarnRestartSm::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
 }
 
 double GroupQuarnRestartSm::now() const {

@@ -31,6 +31,7 @@
 #include "Bidir/GroupIntfKey.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
+#include "Kiv/Attribute.h"
 #include "Kiv/Clock.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Reactor.h"
@@ -91,6 +92,34 @@ class GroupQuarnRestartSm : public Kiv::StateMachine {
   double reviewStopTime() const noexcept { return reviewStopTime_; }
   bool initialized() const noexcept { return initialized_; }
 
+  // The attribute declaration; attributeString, introspection and the generic attribute
+  // operation follow it.
+  static constexpr auto attributes() {
+    using Kind = Kiv::AttributeKind;
+    using S = GroupQuarnRestartSm;
+    return std::tuple{
+        Kiv::handle("kivFwkActivity", Attr::kivFwkActivity, "Kiv::Activity"),
+        Kiv::property<&S::status>("status", Attr::status, "Routing::Pim::Bidir::Status",
+                                  Kind::settableReference),
+        Kiv::property<&S::quarnStatus>("quarnStatus", Attr::quarnStatus, Status::typeName,
+                                       Kind::settableReference),
+        Kiv::property<&S::role>("role", Attr::role, "KivQuarn::KivQuarnType"),
+        Kiv::property<&S::clock>("clock", Attr::clock, "Kiv::Clock", Kind::settableReference),
+        Kiv::property<&S::initializedGroups>("initializedGroups", Attr::initializedGroups, "Bool"),
+        Kiv::property<&S::reviewedGroups>("reviewedGroups", Attr::reviewedGroups, "Bool"),
+        Kiv::property<&S::reviewedGroupIntfs>("reviewedGroupIntfs", Attr::reviewedGroupIntfs,
+                                              "Bool"),
+        Kiv::property<&S::reviewBookmark>("reviewBookmark", Attr::reviewBookmark,
+                                          GroupIntfKey::typeName),
+        Kiv::property<&S::reviewQuantum, &S::reviewQuantumIs>("reviewQuantum",
+                                                              Attr::reviewQuantum, "Seconds"),
+        Kiv::property<&S::reviewStopTime>("reviewStopTime", Attr::reviewStopTime, "Seconds"),
+        Kiv::property<&S::initialized>("initialized", Attr::initialized, "Bool"),
+    };
+  }
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
   // One slice (see the class comment); only its entry line while not initialized. Without a
   // clock nothing paces the review: the owner calls doReview until Status::initialized.
   void doReview();
@@ -101,6 +130,9 @@ class GroupQuarnRestartSm : public Kiv::StateMachine {
   void handleInitialized();
 
   Kiv::AttributeTable const& attributeTable() const override;
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   double now() const;

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "Kiv/GenericAttribute.h"
 #include "Kiv/Trace.h"
 
 namespace Routing::Pim::Bidir::Quarn {
@@ -26,18 +27,7 @@ bool initializedFor(bool initialized, char const* function, char const* uninitia
   return false;
 }
 
-using Kind = Kiv::AttributeKind;
-using A = GroupQuarnWriterSm::Attr;
-
-constexpr Kiv::AttributeDecl kAttributes[] = {
-    {"kivFwkActivity", A::kivFwkActivity, "Kiv::Activity", Kind::framework},
-    {"status", A::status, "Routing::Pim::Bidir::Status", Kind::settableReference},
-    {"quarnStatus", A::quarnStatus, "Routing::Pim::Bidir::Quarn::Status", Kind::settableReference},
-    {"group", A::group, "Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm::KivGroup",
-     Kind::collection},
-    {"initialized", A::initialized, "Bool", Kind::settable},
-};
-
+constexpr auto kAttributes = Kiv::declarations(GroupQuarnWriterSm::attributes());
 constexpr Kiv::AttributeTable kTable{GroupQuarnWriterSm::typeName, kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
@@ -279,6 +269,10 @@ void GroupQuarnWriterSm::handleInitialized() {
 
 Kiv::AttributeTable const& GroupQuarnWriterSm::attributeTable() const {
   return kTable;
+}
+
+Kiv::Value GroupQuarnWriterSm::attributeOpOwn(Kiv::AttributeRequest const& request) {
+  return Kiv::attributeOp(*this, attributes(), request, [&] { return attributeOpBase(request); });
 }
 
 Kiv::Ptr<GroupQuarnWriterSm> groupQuarnWriterSmFactory(Kiv::Ptr<Bidir::Status const> const& status,

@@ -27,6 +27,7 @@
 #include "Bidir/GroupIntf.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
+#include "Kiv/Attribute.h"
 #include "Kiv/Reactor.h"
 #include "Lanx/IntfId.h"
 #include "Lanx/IpGenAddr.h"
@@ -188,7 +189,31 @@ class GroupQuarnWriterSm : public Kiv::StateMachine {
   bool initialized() const noexcept { return initialized_; }
   void handleInitialized();
 
+  // The attribute declaration; attributeString, introspection and the generic attribute
+  // operation follow it.
+  static constexpr auto attributes() {
+    using Kind = Kiv::AttributeKind;
+    using S = GroupQuarnWriterSm;
+    return std::tuple{
+        Kiv::handle("kivFwkActivity", Attr::kivFwkActivity, "Kiv::Activity"),
+        Kiv::property<&S::status, &S::statusIs>("status", Attr::status,
+                                                "Routing::Pim::Bidir::Status",
+                                                Kind::settableReference),
+        Kiv::property<&S::quarnStatus>("quarnStatus", Attr::quarnStatus, Status::typeName,
+                                       Kind::settableReference),
+        Kiv::collection<&S::groupCount>(
+            "group", Attr::group, "Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm::KivGroup",
+            "groupAddr", "Lanx::IpGenAddr",
+            [](S const& s, Lanx::IpGenAddr const& k) { return s.group(k); }),
+        Kiv::property<&S::initialized>("initialized", Attr::initialized, "Bool"),
+    };
+  }
   Kiv::AttributeTable const& attributeTable() const override;
+  static Kiv::TypeDescriptor const& _fwkType();
+  Kiv::TypeDescriptor const& fwkType() const override { return _fwkType(); }
+
+ protected:
+  Kiv::Value attributeOpOwn(Kiv::AttributeRequest const& request) override;
 
  private:
   // The guard of every write and removal: the agent's Status is there and initialised.

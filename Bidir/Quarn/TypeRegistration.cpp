@@ -5,6 +5,9 @@
 
 #include "Bidir/Quarn/Group.h"
 #include "Bidir/Quarn/GroupIntf.h"
+#include "Bidir/Quarn/GroupQuarnReaderSm.h"
+#include "Bidir/Quarn/GroupQuarnRestartSm.h"
+#include "Bidir/Quarn/GroupQuarnWriterSm.h"
 #include "Bidir/Quarn/Status.h"
 #include "Kiv/GenericAttribute.h"
 #include "Kiv/Type.h"
@@ -31,14 +34,24 @@ void defineValue(Kiv::IntrospectionReactor& r) {
   Kiv::valueDefine(r, Kiv::typeIs(V::typeName), V::attributes());
 }
 
-// An entity type created from a name, with its factory as generic constructor.
+// A factory handed out as a generic constructor: the same arguments, the result as an entity.
+template <auto Factory>
+struct EntityFactory;
+template <class R, class... Args, R (*Factory)(Args...)>
+struct EntityFactory<Factory> {
+  static Kiv::Ptr<Kiv::Entity> make(std::remove_cvref_t<Args>... args) {
+    return Kiv::Ptr<Kiv::Entity>(Factory(args...));
+  }
+};
+
+// An entity type known by its name (the table root, the state machines), with its factory as
+// generic constructor.
 template <class E, auto Factory>
 void defineNamedEntity(Kiv::IntrospectionReactor& r) {
   Kiv::TypeDescriptor& t = Kiv::typeIs(E::typeName);
   Kiv::entityDefine(r, t, "name", "Kiv::Name", E::attributes());
-  t.constructorIs(Kiv::constructorOf(
-      Kiv::shortTypeName(E::typeName),
-      +[](Kiv::Name name) { return Kiv::Ptr<Kiv::Entity>(Factory(std::move(name))); }));
+  t.constructorIs(
+      Kiv::constructorOf(Kiv::shortTypeName(E::typeName), &EntityFactory<Factory>::make));
 }
 
 template <class E>
@@ -46,15 +59,19 @@ std::vector<Kiv::String8> handleNames() {
   return Kiv::entityAttributeNames(E::attributes());
 }
 
-// In ".kiv.type" order. Each state machine adds its line here, once it declares `typeName`,
-// `_fwkType()` and `attributes()` and has a `...Factory(Kiv::Name)`:
-//   {T::typeName, &T::_fwkType, &defineNamedEntity<T, &tFactory>, &handleNames<T>},
-// for T = GroupQuarnReaderSm, GroupQuarnWriterSm, GroupQuarnRestartSm, in that order.
+template <class E, auto Factory>
+constexpr Kiv::SchemaType namedEntity() {
+  return {E::typeName, &E::_fwkType, &defineNamedEntity<E, Factory>, &handleNames<E>};
+}
+
+// In ".kiv.type" order.
 constexpr Kiv::SchemaType kTypes[] = {
     {GroupIntf::typeName, &GroupIntf::_fwkType, &defineValue<GroupIntf>, nullptr},
     {Group::typeName, &Group::_fwkType, &defineValue<Group>, nullptr},
-    {Status::typeName, &Status::_fwkType, &defineNamedEntity<Status, &statusFactory>,
-     &handleNames<Status>},
+    namedEntity<Status, &statusFactory>(),
+    namedEntity<GroupQuarnReaderSm, &groupQuarnReaderSmFactory>(),
+    namedEntity<GroupQuarnWriterSm, &groupQuarnWriterSmFactory>(),
+    namedEntity<GroupQuarnRestartSm, &groupQuarnRestartSmFactory>(),
 };
 
 constexpr std::string_view kNamespaces[] = {"Routing", "Pim", "Bidir", "Quarn"};
@@ -79,6 +96,15 @@ Kiv::TypeDescriptor const& GroupIntf::_fwkType() {
 }
 Kiv::TypeDescriptor const& Status::_fwkType() {
   return quarnType<Status>(typeName);
+}
+Kiv::TypeDescriptor const& GroupQuarnReaderSm::_fwkType() {
+  return quarnType<GroupQuarnReaderSm>(typeName);
+}
+Kiv::TypeDescriptor const& GroupQuarnWriterSm::_fwkType() {
+  return quarnType<GroupQuarnWriterSm>(typeName);
+}
+Kiv::TypeDescriptor const& GroupQuarnRestartSm::_fwkType() {
+  return quarnType<GroupQuarnRestartSm>(typeName);
 }
 
 }  // namespace Routing::Pim::Bidir::Quarn

@@ -16,6 +16,9 @@
 #include "Bidir/ClearConfigColl.h"
 #include "Bidir/ConfigColl.h"
 #include "Bidir/TypeRegistration.h"
+#include "Bidir/Quarn/GroupQuarnReaderSm.h"
+#include "Bidir/Quarn/GroupQuarnRestartSm.h"
+#include "Bidir/Quarn/GroupQuarnWriterSm.h"
 #include "Bidir/Quarn/Status.h"
 #include "Bidir/Status.h"
 #include "Kiv/Type.h"
@@ -28,6 +31,9 @@ using Lanx::IntfId;
 using Lanx::IpGenAddr;
 using namespace Routing::Pim::Bidir;
 using TableRoot = Routing::Pim::Bidir::Quarn::Status;
+using Routing::Pim::Bidir::Quarn::GroupQuarnReaderSm;
+using Routing::Pim::Bidir::Quarn::GroupQuarnRestartSm;
+using Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm;
 
 constexpr std::string_view kPrefix = "Routing::Pim::Bidir::";
 constexpr char const* kGroupIntfName = "Routing::Pim::Bidir::GroupIntf";
@@ -308,16 +314,48 @@ std::map<std::string, std::map<std::string, Getter>> const kAccessors = {
     {"Routing::Pim::Bidir::ClearConfigColl", {}},
     {"Routing::Pim::Bidir::Quarn::Status", {
         {"writerMountInfo", typed<TableRoot>([](auto& e) { return e.writerMountInfo(); })}}},
+    {"Routing::Pim::Bidir::Quarn::GroupQuarnReaderSm", {
+        {"status", typed<GroupQuarnReaderSm>([](auto& e) { return e.status(); })},
+        {"quarnStatus", typed<GroupQuarnReaderSm>([](auto& e) { return e.quarnStatus(); })},
+        {"initialized", typed<GroupQuarnReaderSm>([](auto& e) { return e.initialized(); })}}},
+    {"Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm", {
+        {"status", typed<GroupQuarnWriterSm>([](auto& e) { return e.status(); })},
+        {"quarnStatus", typed<GroupQuarnWriterSm>([](auto& e) { return e.quarnStatus(); })},
+        {"initialized", typed<GroupQuarnWriterSm>([](auto& e) { return e.initialized(); })}}},
+    {"Routing::Pim::Bidir::Quarn::GroupQuarnRestartSm", {
+        {"status", typed<GroupQuarnRestartSm>([](auto& e) { return e.status(); })},
+        {"quarnStatus", typed<GroupQuarnRestartSm>([](auto& e) { return e.quarnStatus(); })},
+        {"role", typed<GroupQuarnRestartSm>([](auto& e) { return e.role(); })},
+        {"clock", typed<GroupQuarnRestartSm>([](auto& e) { return e.clock(); })},
+        {"initializedGroups", typed<GroupQuarnRestartSm>([](auto& e) { return e.initializedGroups(); })},
+        {"reviewedGroups", typed<GroupQuarnRestartSm>([](auto& e) { return e.reviewedGroups(); })},
+        {"reviewedGroupIntfs", typed<GroupQuarnRestartSm>([](auto& e) { return e.reviewedGroupIntfs(); })},
+        {"reviewBookmark", typed<GroupQuarnRestartSm>([](auto& e) { return e.reviewBookmark(); })},
+        {"reviewQuantum", typed<GroupQuarnRestartSm>([](auto& e) { return e.reviewQuantum(); })},
+        {"reviewStopTime", typed<GroupQuarnRestartSm>([](auto& e) { return e.reviewStopTime(); })},
+        {"initialized", typed<GroupQuarnRestartSm>([](auto& e) { return e.initialized(); })}}},
 };
 // clang-format on
 
-// A key for each key type of the library's entity types.
-Value keyOf(Kiv::TypeDescriptor const& type) {
+// What the generic constructor of each entity type takes: its key, or a state machine's roots.
+std::vector<Value> argumentsOf(Kiv::TypeDescriptor const& type) {
+  static auto const status = statusFactory("agent");
+  static auto const tables = Routing::Pim::Bidir::Quarn::statusFactory("tables");
   std::string const k = type.keyType()->name();
-  if (k == "Lanx::IntfId") return Value(IntfId("Ethernet7"));
-  if (k == "Lanx::IpGenAddr") return Value(IpGenAddr("239.2.2.2"));
-  if (k == "L3::VrfName") return Value(L3::VrfName("blue"));
-  return Value(Kiv::Name("root"));
+  if (type.name() == GroupQuarnReaderSm::typeName) {
+    return {Value(status), Value(Kiv::Ptr<TableRoot const>(tables))};
+  }
+  if (type.name() == GroupQuarnWriterSm::typeName) {
+    return {Value(Kiv::Ptr<Status const>(status)), Value(tables)};
+  }
+  if (type.name() == GroupQuarnRestartSm::typeName) {
+    return {Value(status), Value(tables), Value(KivQuarn::KivQuarnType::reader),
+            Value(Kiv::Ptr<Kiv::Clock const>())};
+  }
+  if (k == "Lanx::IntfId") return {Value(IntfId("Ethernet7"))};
+  if (k == "Lanx::IpGenAddr") return {Value(IpGenAddr("239.2.2.2"))};
+  if (k == "L3::VrfName") return {Value(L3::VrfName("blue"))};
+  return {Value(Kiv::Name("root"))};
 }
 
 // Non-default values in every stored attribute, through the typed setters, so that a generic
@@ -344,6 +382,8 @@ void populate(Kiv::Entity& e) {
     cc->groupKeyIs(ClearConfig::GroupKey(MrouteClearFlags(2), IpGenAddr("239.3.3.3")));
     cc->groupsCountIs(5);
     cc->countersCountIs(6);
+  } else if (auto* restart = dynamic_cast<GroupQuarnRestartSm*>(&e)) {
+    restart->reviewQuantumIs(0.25);
   }
 }
 
@@ -351,14 +391,14 @@ TEST(Introspection, EveryGenericReadEqualsTheTypedAccessor) {
   activateReactor();
   schemaRegister();
   TableRoot::_fwkType();
-  std::size_t checked = 0;
+  std::size_t checked = 0, types = 0;
   for (auto const* type : Kiv::types()) {
     if (!type->name().starts_with(kPrefix) || type->kind() != Kiv::TypeKind::entity) continue;
     SCOPED_TRACE(type->name());
     ASSERT_TRUE(kAccessors.contains(type->name()));
     auto const& accessors = kAccessors.at(type->name());
-    Value const key = keyOf(*type);
-    auto entity = *type->construct(std::span(&key, 1)).get<Kiv::Ptr<Kiv::Entity>>();
+    ++types;
+    auto entity = *type->construct(argumentsOf(*type)).get<Kiv::Ptr<Kiv::Entity>>();
     ASSERT_EQ(&entity->fwkType(), type);
     populate(*entity);
     std::size_t seen = 0;
@@ -379,7 +419,8 @@ TEST(Introspection, EveryGenericReadEqualsTheTypedAccessor) {
     }
     EXPECT_EQ(seen, accessors.size());
   }
-  EXPECT_EQ(checked, 40u);
+  EXPECT_EQ(types, kAccessors.size());
+  EXPECT_EQ(checked, 57u);
 }
 
 }  // namespace
