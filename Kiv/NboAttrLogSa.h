@@ -394,7 +394,7 @@ class Sa : public SaBase {
     }
     return memberAdapter<M>(key);
   }
-  // Ends the member's child adapter, if any (writes nothing: a deletion record is memberSerialize's).
+  // Ends the member's child adapter, if any. Writes nothing (memberSerialize writes deletions).
   void memberAdapterDel(Key const& key) {
     auto it = children_.find(key);
     if (it == children_.end()) return;

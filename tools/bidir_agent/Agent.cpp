@@ -598,7 +598,8 @@ void Agent::deleteGroup(std::uint32_t g, double t) {
     *it = present_.back();
     present_.pop_back();
   } else {
-    auto const i = std::find_if(idle_.begin(), idle_.end(), [g](Idle const& e) { return e.g == g; });
+    auto const i =
+        std::find_if(idle_.begin(), idle_.end(), [g](Idle const& e) { return e.g == g; });
     if (i == idle_.end()) return;
     idle_.erase(i);
   }
