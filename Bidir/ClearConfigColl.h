@@ -28,6 +28,8 @@ class ClearConfigColl : public Kiv::Entity,
     virtual void onVrfClearConfigkivImmediate() {}
   };
   using Notifiee = Kiv::NotifieeOf<ClearConfigColl, NotifieeConst>;
+  // The attribute-log adapter under this collection's names (defined in Bidir/AttrLog.h).
+  class KivNboAttrLogSa;
 
  private:
   using Members = Kiv::Collection<L3::VrfName, ClearConfig, Kiv::BitReversedHash<L3::VrfName>,

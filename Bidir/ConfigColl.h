@@ -27,6 +27,8 @@ class ConfigColl : public Kiv::Entity, public Kiv::NboAttrLog::AttrLogInterface<
     virtual void onVrfConfigkivImmediate() {}
   };
   using Notifiee = Kiv::NotifieeOf<ConfigColl, NotifieeConst>;
+  // The attribute-log adapter under this collection's names (defined in Bidir/AttrLog.h).
+  class KivNboAttrLogSa;
 
  private:
   using Members = Kiv::Collection<L3::VrfName, Config, Kiv::BitReversedHash<L3::VrfName>,

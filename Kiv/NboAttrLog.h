@@ -555,7 +555,8 @@ template <class E>
 class Sa;
 
 // The attribute-log operations of an entity type E (a base of E; defined in Kiv/NboAttrLogSa.h).
-// `E::KivNboAttrLogSa` is the type's adapter, generated from E's attribute declaration.
+// `E::KivNboAttrLogSa` is the type's adapter, generated from E's attribute declaration (a
+// collection type may declare its own, derived from Sa<E>, to name its member operations).
 template <class E>
 class AttrLogInterface {
  public:
@@ -565,11 +566,12 @@ class AttrLogInterface {
   // The adapter of this entity on `out`, created (creation record or member record, then every
   // attribute) when there is none. An existing adapter is returned; if its notification bits
   // differ from `mask`'s they are replaced, its other state bits kept.
-  Ptr<Sa<E>> kivNboAttrLogSaIs(std::uint32_t mask, std::uint32_t flags, Out& out, SaBase* parent);
-  Ptr<Sa<E>> kivNboAttrLogSa(Out const& out) const;
+  // (Each returns Ptr<E::KivNboAttrLogSa>, spelled `auto` here because E is not complete yet.)
+  auto kivNboAttrLogSaIs(std::uint32_t mask, std::uint32_t flags, Out& out, SaBase* parent);
+  auto kivNboAttrLogSa(Out const& out) const;
   void kivNboAttrLogSaDel(Out& out);
   // This entity's adapter on the channel that `adapter` serves (either direction).
-  Ptr<Sa<E>> kivNboAttrLogSaForMsgChannel(SaBase const& adapter) const;
+  auto kivNboAttrLogSaForMsgChannel(SaBase const& adapter) const;
 
  protected:
   AttrLogInterface() = default;

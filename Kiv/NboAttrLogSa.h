@@ -21,6 +21,12 @@
 // Reading side: records are applied through the entity's setters, so local notifiees fire as for
 // a local change, and only on a real change. At the end of a collection walk the members that the
 // writer did not announce on this connection are removed (they were deleted while disconnected).
+//
+// Names. E::KivNboAttrLogSa is Sa<E> itself, or, for a collection type that declares its own
+// nested KivNboAttrLogSa deriving from Sa<E>, that class: it adds nothing but the collection's
+// names for the member operations below (memberSerialize as kiv<Coll>SerializeSing, and so on),
+// each forwarding here. Every adapter of E is made as E::KivNboAttrLogSa, so those names are
+// there on whatever the framework hands out.
 
 #include <map>
 #include <typeinfo>
@@ -67,6 +73,8 @@ struct FirstCollection<Tuple, I> {
 
 template <class E>
 class Sa : public SaBase {
+  // What adapters of E are made as: Sa<E>, or the collection's naming class derived from it.
+  using Self = typename E::KivNboAttrLogSa;
   using Attrs = decltype(E::attributes());
   static constexpr Attrs attrs = E::attributes();
   static constexpr std::size_t N = std::tuple_size_v<Attrs>;
@@ -184,9 +192,10 @@ class Sa : public SaBase {
   // A writing adapter on `out`, announced by `announce(id)` (a member record written by the
   // parent) or, for a root, by its creation record; then every attribute flows out.
   template <class Announce>
-  static Ptr<Sa> attach(E& entity, Out& out, std::uint32_t mask, std::uint32_t flags,
-                        SaBase* parent, Announce const& announce) {
-    Ptr<Sa> sa(new Sa(entity, (flags & ~notificationMask) | (mask & notificationMask)));
+  static Ptr<Self> attach(E& entity, Out& out, std::uint32_t mask, std::uint32_t flags,
+                          SaBase* parent, Announce const& announce) {
+    static_assert(std::is_base_of_v<Sa, Self>);
+    Ptr<Self> sa(new Self(entity, (flags & ~notificationMask) | (mask & notificationMask)));
     sa->attachOut(out, parent);
     announce(sa->entityId());
     sa->registerNotifiee();
@@ -264,7 +273,7 @@ class Sa : public SaBase {
       forEachLogged([&](auto const& a, std::uint32_t bit) {
         step(a.decl.id, bit, [&] {
           if constexpr (detail::IsTypedCollection<std::remove_cvref_t<decltype(a)>>::value) {
-            return kivHandleSerializeColl();
+            return membersSerialize();
           } else {
             writeAttribute(a.decl.id);
             return true;
@@ -302,39 +311,31 @@ class Sa : public SaBase {
     SaBase::detach();
   }
 
+  // Follows the notification mask: registered while any notification bit is set.
+  void registerNotifiee() {
+    notifiee_.notifierIs(Ptr<E const>(entity_.ptr()));
+    notifiee_.isRegisteredNotifieeIs((flags_ & notificationMask) != 0);
+  }
+
+ protected:
+  // ---- members of a collection (public under the collection's names, see Names above) ----
+
   // Serialises one member: a deletion record when it is gone (or was replaced), else a child
   // adapter (member record, then the member's attributes) unless it has one already.
   template <class K, class M>
-  void kivHandleSerializeSing(K const& key, Ptr<M> const& member) {
+  void memberSerialize(K const& key, Ptr<M> const& member) {
     auto it = children_.find(key);
     if (it != children_.end() && (!member || &it->second->entity() != member.ptr())) {
-      out_->attributeRecord(*this, -std::int32_t(kCollId),
-                            [&] { nboWrite(*out_, key); });
-      Ptr<SaBase> gone = it->second;
-      children_.erase(it);
-      gone->detach();
+      out_->attributeRecord(*this, -std::int32_t(kCollId), [&] { nboWrite(*out_, key); });
+      memberAdapterDel(key);
       it = children_.end();
     }
-    if (!member || it != children_.end()) return;
-    try {
-      children_[key] = Sa<M>::attach(
-          *member, *out_, flags_ & notificationMask, flags_ & ~(notificationMask | reactorActive),
-          this, [&](std::uint32_t id) {
-            out_->attributeRecord(*this, std::int32_t(kCollId), [&] {
-              nboWrite(*out_, key);
-              out_->put32(id);
-            });
-          });
-    } catch (EntityIdUnavailableException const&) {
-      notificationExceptionIs(kCollId);
-    } catch (AttrLogRecordException const&) {
-      notificationExceptionIs(kCollId);
-    }
+    if (member && it == children_.end()) memberAdapterAttach(key, *member);
   }
 
   // Walks every member (a transaction), resuming at the bookmark; false when the output blocked
   // (the bookmark then holds the key to resume at).
-  bool kivHandleSerializeColl() {
+  bool membersSerialize() {
     if constexpr (isCollection) {
       auto& coll = CollAttr::of(*entity_);
       std::any& bookmark = flowOut_->bookmark();
@@ -354,7 +355,7 @@ class Sa : public SaBase {
           bookmark = it.key();
           return false;
         }
-        kivHandleSerializeSing(it.key(), it.ptr());
+        memberSerialize(it.key(), it.ptr());
       }
       // Members removed while the walk was deferred.
       for (auto c = children_.begin(); c != children_.end();) {
@@ -369,7 +370,7 @@ class Sa : public SaBase {
         }
         Key key = c->first;
         ++c;
-        kivHandleSerializeSing(key, Ptr<Member>());  // a deletion record
+        memberSerialize(key, Ptr<Member>());  // a deletion record
       }
       out_->transactionMarker(*this, std::int32_t(kCollId), tokenEnd,
                               std::uint32_t(coll.size()));
@@ -377,13 +378,52 @@ class Sa : public SaBase {
     return true;
   }
 
-  // The member adapters of a collection.
-  Ptr<SaBase> memberNboAttrLogAdapter(Key const& key) const {
+  // The member's child adapter, or null.
+  template <class M>
+  Ptr<typename M::KivNboAttrLogSa> memberAdapter(Key const& key) const {
     auto it = children_.find(key);
-    return it == children_.end() ? nullptr : it->second;
+    return it == children_.end() ? nullptr
+                                 : static_cast<typename M::KivNboAttrLogSa*>(it->second.ptr());
   }
-  std::size_t memberNboAttrLogAdapterCount() const noexcept { return children_.size(); }
+  // The member's child adapter, made (member record, then its attributes) if it has none; null
+  // when the collection has no such member or the member could not be announced.
+  template <class M>
+  Ptr<typename M::KivNboAttrLogSa> memberAdapterIs(Key const& key) {
+    if (Ptr<M> member = CollAttr::of(*entity_).member(key)) {
+      if (!children_.count(key)) memberAdapterAttach(key, *member);
+    }
+    return memberAdapter<M>(key);
+  }
+  // Ends the member's child adapter, if any. Writes nothing (memberSerialize writes deletions).
+  void memberAdapterDel(Key const& key) {
+    auto it = children_.find(key);
+    if (it == children_.end()) return;
+    Ptr<SaBase> gone = it->second;
+    children_.erase(it);
+    gone->detach();
+  }
+  std::size_t memberAdapterCount() const noexcept { return children_.size(); }
 
+ private:
+  template <class M>
+  void memberAdapterAttach(Key const& key, M& member) {
+    try {
+      children_[key] = Sa<M>::attach(
+          member, *out_, flags_ & notificationMask, flags_ & ~(notificationMask | reactorActive),
+          this, [&](std::uint32_t id) {
+            out_->attributeRecord(*this, std::int32_t(kCollId), [&] {
+              nboWrite(*out_, key);
+              out_->put32(id);
+            });
+          });
+    } catch (EntityIdUnavailableException const&) {
+      notificationExceptionIs(kCollId);
+    } catch (AttrLogRecordException const&) {
+      notificationExceptionIs(kCollId);
+    }
+  }
+
+ public:
   // ---- reading side ----
 
   void handleAttrDeserialization(AttributeId id, std::uint32_t, std::uint32_t, In& in) override {
@@ -437,14 +477,8 @@ class Sa : public SaBase {
     }
   }
 
-  // Follows the notification mask: registered while any notification bit is set.
-  void registerNotifiee() {
-    notifiee_.notifierIs(Ptr<E const>(entity_.ptr()));
-    notifiee_.isRegisteredNotifieeIs((flags_ & notificationMask) != 0);
-  }
 
  private:
-
   void attributeChanged(AttributeId id, std::uint32_t bit) {
     if (isFlowIn(id)) return;  // applied from this channel: never echoed
     if (!outputLive()) return;
@@ -466,7 +500,7 @@ class Sa : public SaBase {
         deferAttribute(bit, kCollId);
         return;
       }
-      kivHandleSerializeSing(key, CollAttr::of(*entity_).member(key));
+      memberSerialize(key, CollAttr::of(*entity_).member(key));
     }
   }
 
@@ -497,7 +531,7 @@ class Sa : public SaBase {
         in.unbind(it->second);
         it->second = id;
       }
-      Ptr<Sa<Member>> child(new Sa<Member>(*member, 0));
+      Ptr<Sa<Member>> child(new typename Member::KivNboAttrLogSa(*member, 0));
       child->in_ = &in;
       child->entityId_ = id;
       child->parent_ = this;
@@ -568,7 +602,7 @@ class Sa : public SaBase {
     }
   }
   static Ptr<SaBase> newReader(Entity& e, In& in) {
-    Ptr<Sa> sa(new Sa(static_cast<E&>(e), 0));
+    Ptr<Self> sa(new Self(static_cast<E&>(e), 0));
     sa->in_ = &in;
     sa->entityId_ = in.header().entityId;
     return sa;
@@ -595,10 +629,10 @@ void typeIs() {
 // ---- AttrLogInterface ----
 
 template <class E>
-Ptr<Sa<E>> AttrLogInterface<E>::kivNboAttrLogSaIs(std::uint32_t mask, std::uint32_t flags,
-                                                  Out& out, SaBase* parent) {
+auto AttrLogInterface<E>::kivNboAttrLogSaIs(std::uint32_t mask, std::uint32_t flags, Out& out,
+                                            SaBase* parent) {
   E& self = static_cast<E&>(*this);
-  if (Ptr<Sa<E>> existing = kivNboAttrLogSa(out)) {
+  if (Ptr<typename E::KivNboAttrLogSa> existing = kivNboAttrLogSa(out)) {
     std::uint32_t f = existing->flags();
     if ((f & SaBase::notificationMask) != (mask & SaBase::notificationMask)) {
       existing->flagsIs((f & ~SaBase::notificationMask) | (mask & SaBase::notificationMask));
@@ -606,23 +640,24 @@ Ptr<Sa<E>> AttrLogInterface<E>::kivNboAttrLogSaIs(std::uint32_t mask, std::uint3
     }
     return existing;
   }
-  Ptr<Sa<E>> sa = Sa<E>::attach(self, out, mask, flags, parent, [](std::uint32_t) {});
+  auto sa = Sa<E>::attach(self, out, mask, flags, parent, [](std::uint32_t) {});
   if (!parent) out.rootIs(sa);
   return sa;
 }
 
 template <class E>
-Ptr<Sa<E>> AttrLogInterface<E>::kivNboAttrLogSa(Out const& out) const {
-  return static_cast<Sa<E>*>(out.adapter(static_cast<E const*>(this)));
+auto AttrLogInterface<E>::kivNboAttrLogSa(Out const& out) const {
+  using Adapter = typename E::KivNboAttrLogSa;
+  return Ptr<Adapter>(static_cast<Adapter*>(out.adapter(static_cast<E const*>(this))));
 }
 
 template <class E>
 void AttrLogInterface<E>::kivNboAttrLogSaDel(Out& out) {
-  if (Ptr<Sa<E>> sa = kivNboAttrLogSa(out)) sa->detach();
+  if (auto sa = kivNboAttrLogSa(out)) sa->detach();
 }
 
 template <class E>
-Ptr<Sa<E>> AttrLogInterface<E>::kivNboAttrLogSaForMsgChannel(SaBase const& adapter) const {
+auto AttrLogInterface<E>::kivNboAttrLogSaForMsgChannel(SaBase const& adapter) const {
   Out* out = adapter.out() ? adapter.out() : adapter.in() ? &adapter.in()->channel().out() : nullptr;
   return out ? kivNboAttrLogSa(*out) : nullptr;
 }

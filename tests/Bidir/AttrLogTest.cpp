@@ -197,6 +197,21 @@ TEST(AttrLog, AppliesChangesOnceAndNeverEchoes) {
   red->kivNboAttrLogSaIs(Log::SaBase::notifyAll, 0, p.out(), sa->parent());
   red->countersCountIs(red->countersCount() + 1);
   EXPECT_EQ(p.out().recordsWritten(), records + 1);
+
+  // The collection's member adapter is the member's own adapter on the output. Without it the
+  // member's changes are not written; made again, it announces the member anew with its state.
+  auto coll = p.writer.clr->kivNboAttrLogSa(p.out());
+  EXPECT_EQ(coll->vrfClearConfigNboAttrLogAdapter("red"), sa);
+  coll->vrfClearConfigNboAttrLogAdapterDel("red");
+  EXPECT_FALSE(coll->vrfClearConfigNboAttrLogAdapter("red"));
+  EXPECT_FALSE(red->kivNboAttrLogSa(p.out()));
+  red->countersCountIs(red->countersCount() + 1);
+  EXPECT_EQ(p.out().recordsWritten(), records + 1);
+  auto again = coll->vrfClearConfigNboAttrLogAdapterIs("red");
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again, red->kivNboAttrLogSa(p.out()));
+  EXPECT_FALSE(coll->vrfClearConfigNboAttrLogAdapterIs("absent"));
+  ASSERT_TRUE(runUntil(p.act, [&] { return p.equal() && p.out().buffered() == 0; }));
   EXPECT_EQ(p.wEnd.errors() + p.rEnd.errors(), 0u) << p.rEnd.lastError();
 }
 
@@ -250,7 +265,7 @@ TEST(AttrLog, CollectionWalkResumesAtItsBookmark) {
   auto sa = p.writer.clr->kivNboAttrLogSa(p.out());
   ASSERT_TRUE(sa && sa->flowOut());
   EXPECT_TRUE(sa->flowOut()->bookmark().has_value());
-  EXPECT_LT(sa->memberNboAttrLogAdapterCount(), std::size_t(kMembers));
+  EXPECT_LT(sa->vrfClearConfigNboAttrLogAdapterCount(), std::size_t(kMembers));
   // Members that go and come while the walk waits are sent by the walk as they are then.
   p.writer.clr->vrfClearConfigDel(vrf(0));
   p.writer.clr->vrfClearConfigDel(vrf(kMembers - 1));
@@ -263,6 +278,10 @@ TEST(AttrLog, CollectionWalkResumesAtItsBookmark) {
   // Every member was created once on the reader, none twice; at most the two removed ones went.
   EXPECT_LE(rWatch.counts.n["vrfClearConfig"], kMembers + 1);
   EXPECT_EQ(rWatch.counts.n["groupsCount"], kMembers - 2);
+  EXPECT_EQ(sa->vrfClearConfigNboAttrLogAdapterCount(), std::size_t(kMembers - 1));
+  EXPECT_FALSE(sa->vrfClearConfigNboAttrLogAdapter(vrf(0)));
+  EXPECT_EQ(sa->vrfClearConfigNboAttrLogAdapter(vrf(kMembers + 1)),
+            p.writer.clr->vrfClearConfig(vrf(kMembers + 1))->kivNboAttrLogSa(p.out()));
 }
 
 TEST(AttrLog, ConnectingWriterRemountsItsAdaptersOnEveryConnection) {

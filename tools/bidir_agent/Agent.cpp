@@ -12,6 +12,11 @@
 // upstream state following joinDesired(), `inactive` flapping, groups going away and coming
 // back; per RP: a DF election moving (an RPA-RPF record whose RPF interface changes), which
 // moves iAmDf on two interfaces of every group of that RP.
+//
+// Configuration: the agent reads its VRF's Config and ClearConfig from the configuration process
+// over the attribute log (re-attaching by itself after a restart). A group that goes away is
+// first left idle (every interface pruned, no local receiver) and kept for the configured group
+// expiry interval before its entry is removed. A clear request deletes the groups it names.
 
 #include <signal.h>
 #include <sys/epoll.h>
@@ -19,10 +24,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <deque>
+#include <filesystem>
+#include <fstream>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "Bidir/AttrLog.h"
 #include "Bidir/Df/RpaRpfStatus.h"
 #include "Bidir/Group.h"
 #include "Bidir/GroupIntf.h"
@@ -50,7 +59,7 @@ constexpr double kJoinHoldSeconds = 8;  // a join not refreshed for this long ex
 // comes well after the step that freed slots: a direct reader that is that far behind could
 // find a removed group's slot holding another group and miss the removal until its next full
 // pass.
-constexpr double kGroupAbsentSeconds = 1;
+constexpr double kGroupAbsentSeconds = 1;  // also: after any group went, before a creation
 constexpr double kGroupChurnEvery = 1;
 
 // The activity's clock, timing each tick: a tick of the restart review is one slice.
@@ -97,6 +106,37 @@ class Agent {
     Agent* agent = nullptr;
     void onRpaRpf(Lanx::IpGenAddr const& rpa) override { agent->dfChanged(rpa); }
   };
+  // The VRF's configuration and clear requests as the attribute log applies them. A member that
+  // appears (or comes again with a resynchronisation) is watched from then on.
+  struct ConfigWatcher final : Bidir::Config::NotifieeConst {
+    Agent* agent = nullptr;
+    void onGroupExpiryInterval() override { agent->expiryChanged(); }
+  };
+  struct ConfigCollWatcher final : Bidir::ConfigColl::NotifieeConst {
+    Agent* agent = nullptr;
+    void onVrfConfig(L3::VrfName name) override {
+      if (name != L3::VrfName(kVrf)) return;
+      agent->configWatcher_->notifierIs(agent->configs_->vrfConfig(name));
+      agent->expiryChanged();
+    }
+  };
+  struct ClearWatcher final : Bidir::ClearConfig::NotifieeConst {
+    Agent* agent = nullptr;
+    void onGroupsCount() override { agent->clearRequested(); }
+  };
+  struct ClearCollWatcher final : Bidir::ClearConfigColl::NotifieeConst {
+    Agent* agent = nullptr;
+    void onVrfClearConfig(L3::VrfName name) override {
+      if (name != L3::VrfName(kVrf)) return;
+      // A new member holds no request (count 0): its first request arrives as a count change.
+      agent->clearWatcher_->notifierIs(agent->clears_->vrfClearConfig(name));
+    }
+  };
+  struct ClearRequest {
+    std::uint8_t count;
+    Bidir::ClearConfig::GroupKey key;
+    bool resumed;  // begun by the previous life, perhaps not finished
+  };
 
   void attachForeignTables();
   void restore();
@@ -107,6 +147,17 @@ class Agent {
   void expire(double t);
   void sweepJoins(double t);
   void groupChurn(double t);
+  void idle(std::uint32_t g, double t);
+  void expireGroups(double t);
+  void deleteGroup(std::uint32_t g, double t);
+  void expiryChanged();
+  double expirySeconds() const { return expiry_ * kExpiryUnitSeconds; }
+  void clearRequested();
+  void actOnClears();
+  std::uint32_t clearGroups(Bidir::ClearConfig::GroupKey const& key);
+  std::string clearLogPath() const { return root_ + "/agent.clear"; }
+  void clearLogRead();
+  void clearLogWrite(ClearRequest const& request, bool done) const;
   void upstream();
   void createGroup(std::uint32_t g);
   void initIntf(Bidir::GroupIntf& intf, std::uint32_t g, std::uint32_t j);
@@ -143,11 +194,32 @@ class Agent {
   Kiv::Ptr<Bidir::Quarn::GroupQuarnRestartSm> restart_;
   Kiv::Ptr<ExportCounter> exported_ = Kiv::newPtr<ExportCounter>();
   Kiv::Ptr<DfWatcher> dfWatcher_ = Kiv::newPtr<DfWatcher>();
+  Kiv::Ptr<Bidir::ConfigColl> configs_ = Bidir::configCollFactory(kConfigCollName);
+  Kiv::Ptr<Bidir::ClearConfigColl> clears_ = Bidir::clearConfigCollFactory(kClearConfigCollName);
+  Kiv::Ptr<ConfigWatcher> configWatcher_ = Kiv::newPtr<ConfigWatcher>();
+  Kiv::Ptr<ConfigCollWatcher> configCollWatcher_ = Kiv::newPtr<ConfigCollWatcher>();
+  Kiv::Ptr<ClearWatcher> clearWatcher_ = Kiv::newPtr<ClearWatcher>();
+  Kiv::Ptr<ClearCollWatcher> clearCollWatcher_ = Kiv::newPtr<ClearCollWatcher>();
+  std::unique_ptr<Kiv::NboAttrLog::Client> configLink_;
 
   // Driver state, rebuilt from the Status after a restart.
   std::uint16_t rpf_[16] = {};  // per RP: 1 + the interface toward it as applied, 0 for none
   std::vector<std::uint32_t> present_, absent_;
   std::vector<double> goneAt_;
+  double lastGoneAt_ = 0;
+  // Idle groups waiting out the group expiry interval, oldest first (not in present_).
+  struct Idle {
+    double since;
+    std::uint32_t g;
+  };
+  std::deque<Idle> idle_;
+  std::uint16_t expiry_ = Bidir::Config::groupExpiryIntervalDefaultValue;
+  // Clear requests heard and not yet acted on; acted on once the driver is ready (after the
+  // restart review, the Status is the previous life's).
+  std::deque<ClearRequest> clearQueue_;
+  bool ready_ = false;
+  std::uint8_t clearedCount_ = 0;  // groupsCount of the last request acted on
+  std::uint64_t configChanges_ = 0, clearsActed_ = 0, groupsCleared_ = 0, superseded_ = 0;
   struct Pending {
     double due;
     std::uint32_t g, j;
@@ -176,9 +248,18 @@ Agent::Agent(Options const& options, std::string root, int reportFd, int command
   for (std::uint32_t g = 0; g < options.groups; ++g) addrs_.push_back(groupAddr(g));
   for (std::uint32_t j = 0; j < options.intfs; ++j) intfIds_.push_back(intfId(j));
   dfWatcher_->agent = this;
+  configWatcher_->agent = this;
+  configCollWatcher_->agent = this;
+  clearWatcher_->agent = this;
+  clearCollWatcher_->agent = this;
 }
 
 Agent::~Agent() {
+  configLink_ = nullptr;
+  configWatcher_->notifierIs(nullptr);
+  configCollWatcher_->notifierIs(nullptr);
+  clearWatcher_->notifierIs(nullptr);
+  clearCollWatcher_->notifierIs(nullptr);
   dfWatcher_->notifierIs(nullptr);
   exported_->notifierIs(nullptr);
   restart_ = nullptr;
@@ -207,6 +288,12 @@ Report Agent::report(Report::Kind kind) const {
   r.records = quarn_->groupCount() + std::uint64_t(quarn_->groupIntfCount());
   r.changes = exported_->changes;
   r.dfMoves = dfMoves_;
+  r.configChanges = configChanges_;
+  r.clearRequests = clearsActed_;
+  r.groupsCleared = groupsCleared_;
+  r.clearsSuperseded = superseded_;
+  r.expiry = expiry_;
+  r.clearCount = clearedCount_;
   return r;
 }
 
@@ -236,6 +323,12 @@ std::uint16_t Agent::publishedRpf(std::uint32_t r) const {
 
 int Agent::run() {
   ::signal(SIGINT, SIG_IGN);  // Ctrl-C reaches the process group: the supervisor handles it
+  // The configuration channel from the start: what arrives during the restart review waits in
+  // clearQueue_ until the driver is ready.
+  clearLogRead();
+  configCollWatcher_->notifierIs(configs_);
+  clearCollWatcher_->notifierIs(clears_);
+  configLink_ = Bidir::configurationAttach(activity_, configSocket(root_), configs_, clears_);
   attachForeignTables();
   quarn_->mount(Quarn::QuarnType::writer);
   exported_->notifierIs(quarn_);
@@ -246,6 +339,8 @@ int Agent::run() {
     build();
   }
   resume();
+  ready_ = true;
+  actOnClears();
   Report ready = report(Report::ready);
   send(reportFd_, ready);
   // A first start waits for the reader to attach, so that its first full pass over the tables
@@ -291,6 +386,7 @@ void Agent::build() {
 void Agent::resume() {
   present_.clear();
   absent_.clear();
+  idle_.clear();
   dfWatcher_->notifierIs(rpaRpf_);
   for (std::uint32_t r = 0; r < options_.rps; ++r) rpf_[r] = publishedRpf(r);
   double const t = now();
@@ -300,18 +396,27 @@ void Agent::resume() {
       absent_.push_back(g);
       continue;
     }
-    present_.push_back(g);
+    bool idle = true;
     for (std::uint32_t j = 0; j < options_.intfs; ++j) {
       Kiv::Ptr<Bidir::GroupIntf> intf = group->groupIntf(intfIds_[j]);
       if (!intf) {
         initIntf(*group->groupIntfIs(intfIds_[j]), g, j);
+        idle = false;
         continue;
       }
+      idle = idle && intf->joinState() == Bidir::GroupIntf::noInfo &&
+             !intf->localReceiverInclude();
       intf->iAmDfIs(isDf(g, j));
       forwardFollows(*intf);
       if (intf->joinState() == Bidir::GroupIntf::prunePending) {
         prunes_.push_back({t + kPrunePendingSeconds, g, j});
       }
+    }
+    // A group left idle by the previous life waits out the expiry interval again, from now.
+    if (idle) {
+      idle_.push_back({t, g});
+    } else {
+      present_.push_back(g);
     }
     touched(g);
   }
@@ -372,6 +477,7 @@ void Agent::churn() {
     expire(t);
     sweepJoins(t);
     groupChurn(t);
+    expireGroups(t);
     upstream();
     activity_.runOnce(exported_->changes - base >= due ? 0.0002 : 0);
     if (t >= nextReport) {
@@ -444,25 +550,164 @@ void Agent::sweepJoins(double t) {
   }
 }
 
-// Groups go away (every interface pruned, the entry removed) and come back later.
+// Groups go away (every interface pruned, the entry removed once the group expiry interval has
+// passed) and come back later. A creation waits kGroupAbsentSeconds after the last removal of any
+// group (churn, expiry or clear), so that a reader never meets a freed slot reused too soon.
 void Agent::groupChurn(double t) {
   if (t < nextGroupChurn_) return;
   nextGroupChurn_ = t + kGroupChurnEvery;
   nextGroupGoes_ = !nextGroupGoes_;
   if (!nextGroupGoes_ && present_.size() > 1) {
-    std::size_t const i = rng_() % present_.size();
-    std::uint32_t const g = present_[i];
-    present_[i] = present_.back();
-    present_.pop_back();
-    status_->groupDel(addrs_[g]);
-    absent_.push_back(g);
-    goneAt_[g] = t;
-  } else if (!absent_.empty() && goneAt_[absent_.front()] + kGroupAbsentSeconds <= t) {
+    idle(present_[rng_() % present_.size()], t);
+  } else if (!absent_.empty() && goneAt_[absent_.front()] + kGroupAbsentSeconds <= t &&
+             lastGoneAt_ + kGroupAbsentSeconds <= t) {
     std::uint32_t const g = absent_.front();
     absent_.erase(absent_.begin());
     createGroup(g);
     present_.push_back(g);
   }
+}
+
+// The group loses its last join and receiver: nothing to forward, it waits to expire.
+void Agent::idle(std::uint32_t g, double t) {
+  auto const it = std::find(present_.begin(), present_.end(), g);
+  if (it == present_.end()) return;
+  *it = present_.back();
+  present_.pop_back();
+  Kiv::Ptr<Bidir::Group> group = status_->group(addrs_[g]);
+  for (auto& intf : group->groupIntfIter()) {
+    intf.joinStateIs(Bidir::GroupIntf::noInfo);
+    intf.localReceiverIncludeIs(false);
+    forwardFollows(intf);
+  }
+  touched(g);
+  idle_.push_back({t, g});
+}
+
+// Idle groups kept for the group expiry interval are removed; the interval in force now applies
+// to every waiting group (a shorter one lets them go at once).
+void Agent::expireGroups(double t) {
+  while (!idle_.empty() && idle_.front().since + expirySeconds() <= t) {
+    deleteGroup(idle_.front().g, t);
+  }
+}
+
+// Removes the group's entry (the writer removes its records) wherever the driver holds it.
+void Agent::deleteGroup(std::uint32_t g, double t) {
+  if (auto const it = std::find(present_.begin(), present_.end(), g); it != present_.end()) {
+    *it = present_.back();
+    present_.pop_back();
+  } else {
+    auto const i =
+        std::find_if(idle_.begin(), idle_.end(), [g](Idle const& e) { return e.g == g; });
+    if (i == idle_.end()) return;
+    idle_.erase(i);
+  }
+  status_->groupDel(addrs_[g]);
+  absent_.push_back(g);
+  goneAt_[g] = t;
+  lastGoneAt_ = t;
+}
+
+void Agent::expiryChanged() {
+  Kiv::Ptr<Bidir::Config const> config = configWatcher_->notifier();
+  std::uint16_t const v =
+      config ? config->groupExpiryInterval() : Bidir::Config::groupExpiryIntervalDefaultValue;
+  if (v == expiry_) return;
+  expiry_ = v;
+  ++configChanges_;
+  Report r = report(Report::configured);
+  send(reportFd_, r);
+}
+
+// Clear requests. A request is a change of the ClearConfig's request counter groupsCount, its
+// groupKey saying what to clear; the agent reacts to the counter, never to a value it already
+// knows. The attribute log carries state, not messages: on every (re)connection the configuration
+// process sends its whole ClearConfigColl again, so a restarted agent meets the latest request
+// again, whether or not its previous life acted on it. The counter is the request's identity:
+// the agent acts on a count other than the last one it acted on.
+//
+// That last count must outlive a SIGKILL, so the agent keeps it in a small record in the run's
+// root (clearLogWrite): "started" with the count and key before it deletes anything, "done" once
+// it has. A restarted agent reads the record before it attaches: after "done" the replay of that
+// request (same count) is passed over; after "started" the previous life may have been cut off
+// halfway, so that request is carried out again first (deleting a group that is already gone does
+// nothing) and reported as resumed. Any other count is a request made while the agent was down or
+// reconciling, acted on once the review has given back its state. The key of a request
+// overwritten before the agent read it is lost (the entity holds one key); the counter tells how
+// many were, and they are counted as superseded.
+void Agent::clearRequested() {
+  Kiv::Ptr<Bidir::ClearConfig const> clear = clearWatcher_->notifier();
+  if (!clear) return;
+  clearQueue_.push_back({clear->groupsCount(), clear->groupKey(), false});
+  if (ready_) actOnClears();
+}
+
+void Agent::actOnClears() {
+  while (!clearQueue_.empty()) {
+    ClearRequest const request = clearQueue_.front();
+    clearQueue_.pop_front();
+    if (request.count == clearedCount_) continue;
+    clearLogWrite(request, false);
+    Report r = report(Report::clearActed);
+    r.clearsSuperseded = std::uint8_t(request.count - clearedCount_ - 1);
+    r.clearResumed = request.resumed;
+    r.clearCount = request.count;
+    r.groups = clearGroups(request.key);
+    superseded_ += r.clearsSuperseded;
+    ++clearsActed_;
+    groupsCleared_ += r.groups;
+    send(reportFd_, r);
+    clearedCount_ = request.count;
+    clearLogWrite(request, true);
+  }
+}
+
+// Deletes what the key's flags name: every group (clearAll) or the group gAddr (clearGroup).
+std::uint32_t Agent::clearGroups(Bidir::ClearConfig::GroupKey const& key) {
+  std::vector<std::uint32_t> named;
+  if (key.flags().clearAll()) {
+    named = present_;
+    for (Idle const& e : idle_) named.push_back(e.g);
+  } else if (key.flags().clearGroup()) {
+    std::uint32_t const g = groupIndex(key.gAddr(), options_.groups);
+    if (g < options_.groups && status_->group(addrs_[g])) named.push_back(g);
+  }
+  for (std::uint32_t g : named) {
+    Report r = report(Report::groupCleared);
+    r.group = g;  // stamped before the records go: the reader can only see it vanish later
+    deleteGroup(g, r.time);
+    send(reportFd_, r);
+  }
+  return std::uint32_t(named.size());
+}
+
+// The record of the last request: "<count> started|done" and the key in its text form. Absent
+// (a first start) or unreadable, the agent has acted on nothing: count 0, the initial one.
+void Agent::clearLogRead() {
+  std::ifstream in(clearLogPath());
+  unsigned count = 0;
+  std::string state, key;
+  if (!(in >> count >> state) || count > 255 || (state != "started" && state != "done")) return;
+  std::getline(in >> std::ws, key);
+  try {
+    ClearRequest request{std::uint8_t(count), Kiv::strepToValue<Bidir::ClearConfig::GroupKey>(key),
+                         true};
+    clearedCount_ = std::uint8_t(state == "done" ? count : count - 1);
+    if (state == "started") clearQueue_.push_back(request);
+  } catch (Kiv::RangeException const&) {
+  }
+}
+
+// Written aside and renamed, so a SIGKILL leaves the old record or the new one, never a part.
+void Agent::clearLogWrite(ClearRequest const& request, bool done) const {
+  std::string const path = clearLogPath();
+  {
+    std::ofstream out(path + ".new", std::ios::trunc);
+    out << unsigned(request.count) << (done ? " done " : " started ") << request.key << '\n';
+  }
+  std::error_code ec;
+  std::filesystem::rename(path + ".new", path, ec);
 }
 
 // A DF election moved: the interface toward the RPA changed. This router stops being the DF
@@ -478,9 +723,9 @@ void Agent::dfApply(std::uint32_t r, std::uint16_t rpf) {
   if (old == rpf) return;
   rpf_[r] = rpf;
   ++dfMoves_;
-  for (std::uint32_t g : present_) {
-    if (rpOf(g) != r) continue;
+  for (std::uint32_t g = r; g < options_.groups; g += options_.rps) {  // present or idle
     Kiv::Ptr<Bidir::Group> group = status_->group(addrs_[g]);
+    if (!group) continue;
     for (std::uint16_t k : {old, rpf}) {
       if (k == 0) continue;
       if (Kiv::Ptr<Bidir::GroupIntf> intf = group->groupIntf(intfIds_[k - 1u])) {
@@ -496,11 +741,14 @@ void Agent::dfApply(std::uint32_t r, std::uint16_t rpf) {
 // writes the digest of the final state.
 void Agent::finish(Command const& stop) {
   double const deadline = now() + 15;
+  auto configured = [&] {
+    return expiry_ == stop.expiry && clearedCount_ == stop.clearCount && clearQueue_.empty();
+  };
   auto applied = [&] {
     for (std::uint32_t r = 0; r < options_.rps; ++r) {
       if (rpf_[r] != stop.rpfOf[r]) return false;
     }
-    return true;
+    return configured();
   };
   while (!applied() && now() < deadline) {
     activity_.runOnce(0.01);
@@ -508,6 +756,7 @@ void Agent::finish(Command const& stop) {
   }
   upstream();
   Report r = report(Report::finished);
+  r.configApplied = configured();
   r.digest = writeDigest(*status_, root_ + "/agent.digest");
   std::copy(std::begin(rpf_), std::end(rpf_), r.rpfOf);
   send(reportFd_, r);

@@ -21,7 +21,8 @@ std::vector<std::string> Options::args() const {
   std::vector<std::string> out = {"--groups",   num(groups),     "--intfs",       num(intfs),
                                   "--rps",      num(rps),        "--seconds",     num(seconds),
                                   "--restart-at", num(restartAt), "--rate",       num(rate),
-                                  "--df-move-every", num(dfMoveEvery)};
+                                  "--df-move-every", num(dfMoveEvery),
+                                  "--config-every", num(configEvery)};
   if (quiet) out.push_back("--quiet");
   return out;
 }
@@ -56,15 +57,23 @@ bool Options::parse(int argc, char** argv, int first) {
       rate = v;
     } else if (arg == "--df-move-every" && v > 0) {
       dfMoveEvery = v;
+    } else if (arg == "--config-every" && v > 0) {
+      configEvery = v;
     } else {
       return false;
     }
   }
-  return restartAt < seconds;
+  // The configuration process makes at least one round while the churn runs.
+  return restartAt < seconds && configEvery < seconds;
 }
 
 Lanx::IpGenAddr groupAddr(std::uint32_t i) {
   return Lanx::IpGenAddr::ipv4Addr(0xef010000u + i);
+}
+std::uint32_t groupIndex(Lanx::IpGenAddr const& addr, std::uint32_t limit) {
+  if (addr.family() != Lanx::IpGenAddr::ipv4) return limit;
+  std::uint32_t const i = addr.ipv4HostOrder() - 0xef010000u;
+  return i < limit ? i : limit;
 }
 Lanx::IntfId intfId(std::uint32_t j) {
   return Lanx::IntfId("Ethernet" + std::to_string(j + 1));
@@ -80,6 +89,8 @@ char const* roleName(Role role) {
       return "agent";
     case Role::reader:
       return "reader";
+    case Role::config:
+      return "config";
   }
   return "?";
 }

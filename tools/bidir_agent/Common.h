@@ -31,6 +31,7 @@ struct Options {
   double restartAt = 20;  // when the agent is killed
   double rate = 100000;   // exported changes per second the agent aims at
   double dfMoveEvery = 3; // seconds between two DF elections moving
+  double configEvery = 4; // seconds between two rounds of the configuration process
   bool quiet = false;     // no progress lines
 
   // The short run for CI: a small state, a few seconds.
@@ -41,6 +42,7 @@ struct Options {
     restartAt = 2.5;
     rate = 20000;
     dfMoveEvery = 1;
+    configEvery = 1;
   }
   // argv form, handed to the child processes.
   std::vector<std::string> args() const;
@@ -53,12 +55,14 @@ inline double now() { return Kiv::Activity::now(); }
 // Group i is 239.1.x.y (i < 65536); interface j is "Ethernet<j+1>"; RP r is 10.0.0.<r+1>. Group
 // i is served by RP i % rps.
 Lanx::IpGenAddr groupAddr(std::uint32_t i);
+// The index of a group address, or `limit` when it is not one of the first `limit` groups.
+std::uint32_t groupIndex(Lanx::IpGenAddr const& addr, std::uint32_t limit);
 Lanx::IntfId intfId(std::uint32_t j);
 Lanx::IpGenAddr rpAddr(std::uint32_t r);
 
 // ---- messages (each one write below PIPE_BUF: never interleaved, never split)
 
-enum class Role : std::uint32_t { rpdf = 0, agent = 1, reader = 2 };
+enum class Role : std::uint32_t { rpdf = 0, agent = 1, reader = 2, config = 3 };
 char const* roleName(Role role);
 
 struct Report {
@@ -66,8 +70,12 @@ struct Report {
     ready,       // rpdf: tables published; agent: state complete and exported; reader: attached
     progress,
     reconciled,  // agent after a restart: the state came back from the tables
-    finished,    // rpdf: stopped moving; agent/reader: digest written
+    finished,    // rpdf/config: stopped changing; agent/reader: digest written
     failed,
+    configured,  // agent: a new group expiry interval applied (`expiry`)
+    clearActed,  // agent: a clear request acted on (`clearCount`; `groups` deleted)
+    groupCleared,   // agent: group `group` deleted by a clear request, `time` taken just before
+    groupVanished,  // reader: group `group` no longer in its Status, seen at `time`
   };
   Kind kind = progress;
   Role role = Role::agent;
@@ -76,6 +84,15 @@ struct Report {
   std::uint64_t records = 0;            // agent: records in both tables
   std::uint64_t changes = 0;            // agent: exported changes; reader: entity updates
   std::uint64_t dfMoves = 0;            // rpdf: elections moved; agent: applied
+  // Configuration. config: rounds made, group expiry changes and clear requests issued; agent:
+  // expiry changes received, clear requests acted on, groups they deleted, requests superseded.
+  std::uint64_t configRounds = 0, configChanges = 0, clearRequests = 0, groupsCleared = 0;
+  std::uint64_t clearsSuperseded = 0;
+  std::uint32_t group = 0;        // groupCleared, groupVanished: the group's index
+  std::uint16_t expiry = 0;       // group expiry interval (units of kExpiryUnitSeconds)
+  std::uint8_t clearCount = 0;    // ClearConfig::groupsCount of the last request
+  bool configApplied = false;     // agent, finished: the final configuration was applied
+  bool clearResumed = false;      // clearActed: a request the previous life had begun
   double lagP50 = 0, lagP99 = 0, lagMax = 0;  // reader, microseconds
   std::uint64_t lagSamples = 0;
   // reconciled
@@ -92,11 +109,27 @@ static_assert(sizeof(Report) < PIPE_BUF);
 struct Command {
   // go: the agent starts its churn (the reader is attached); stop: the churn ends; verify: the
   // reader compares its state with the agent's digest.
-  enum Op : std::uint32_t { go, stop, verify };
+  // round (config): make a configuration round now (the supervisor asks while the agent is
+  // down, so that the restarted agent has a request to catch up with).
+  enum Op : std::uint32_t { go, stop, verify, round };
   Op op = stop;
   std::uint64_t digest = 0;   // verify: the agent's digest
   std::uint16_t rpfOf[16] = {};  // stop (agent): the final elections to wait for
+  // stop (agent): the configuration's final group expiry interval and clear request count.
+  std::uint16_t expiry = 0;
+  std::uint8_t clearCount = 0;
 };
+
+// The configuration the configuration process serves and the agent follows: VRF "default" (the
+// agent's Status), in collections named alike on both sides, over a socket in the private root.
+inline constexpr char const* kVrf = "default";
+inline constexpr char const* kConfigCollName = "config";
+inline constexpr char const* kClearConfigCollName = "clearConfig";
+inline std::string configSocket(std::string const& root) { return root + "/config.sock"; }
+// Config::groupExpiryInterval is a bare number; the agent reads it in hundredths of a second (the
+// simulation's time is compressed, as its other protocol timers are): 210 keeps an idle group
+// 2.1 s.
+inline constexpr double kExpiryUnitSeconds = 0.01;
 
 using DemoSupport::LagHistogram;
 using DemoSupport::receive;
@@ -114,5 +147,6 @@ std::uint64_t writeDigest(Bidir::Status const& status, std::string const& path);
 int runRpDf(Options const& options, int reportFd, int commandFd);
 int runAgent(Options const& options, std::string const& root, int reportFd, int commandFd);
 int runReader(Options const& options, std::string const& root, int reportFd, int commandFd);
+int runConfig(Options const& options, std::string const& root, int reportFd, int commandFd);
 
 }  // namespace BidirAgent

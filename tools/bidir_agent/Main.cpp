@@ -4,16 +4,21 @@
 //   agent   holds the group state (5,000 groups x 100 interfaces by default), churns it and
 //           exports it; killed with SIGKILL halfway and started again, it takes its state back
 //           from the tables before exporting again;
-//   reader  rebuilds its own group state from the tables and evaluates the computations on it.
+//   reader  rebuilds its own group state from the tables and evaluates the computations on it;
+//   config  serves the VRF's configuration and clear requests over the attribute log, changing
+//           the group expiry interval and asking for groups to be cleared every few seconds;
+//           the agent follows it and acts on both.
 //
-// This process (the supervisor) starts the three (this executable again, with --role), prints
+// This process (the supervisor) starts the four (this executable again, with --role), prints
 // a progress line every second, stops the churn at the end, has the agent and the reader each
 // write a digest of their state, and prints a summary. Exit status: 0 when the reader's state
-// equals the agent's, 1 otherwise, 130 when interrupted. The table root is removed at the end,
+// equals the agent's and the configuration reached the agent (at least one expiry change and
+// one clear request acted on, every group it cleared seen vanishing from the reader), 1
+// otherwise, 130 when interrupted. The table root, the socket included, is removed at the end,
 // also on SIGINT and SIGTERM.
 //
 // Usage: bidir_agent [--short] [--seconds S] [--restart-at S] [--rate N] [--groups N]
-//                    [--intfs N] [--rps N] [--df-move-every S] [--quiet]
+//                    [--intfs N] [--rps N] [--df-move-every S] [--config-every S] [--quiet]
 
 #include <fcntl.h>
 #include <signal.h>
@@ -22,6 +27,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -33,6 +39,7 @@
 #include <string>
 #include <vector>
 
+#include "Bidir/Config.h"
 #include "Common.h"
 #include "Jorv/Exception.h"
 #include "Kiv/Activity.h"
@@ -79,6 +86,8 @@ class Supervisor {
  private:
   Child& start(Role role);
   void handleReport(Child& child);
+  void onReport(Child& child, Report const& r);
+  void onFinished(Report const& r);
   void onReady(Child& child, Report const& r);
   void progress();
   void restartAgent();
@@ -92,6 +101,7 @@ class Supervisor {
     if (child != nullptr && child->pid > 0) send(child->commandFd, c);
   }
   bool summary() const;
+  bool configSummary() const;
   double since() const { return now() - start_; }
 
   std::string root_;
@@ -102,14 +112,22 @@ class Supervisor {
   Child* rpdf_ = nullptr;
   Child* agent_ = nullptr;
   Child* reader_ = nullptr;
+  Child* config_ = nullptr;
   double start_ = 0;
   std::vector<Life> lives_;
   double killedAt_ = 0;
   Report reconciled_;
   Report readerBeforeRestart_;  // the reader's figures of the steady first half
   double backAt_ = 0;
-  Report rpdfFinal_, agentFinal_, readerFinal_;
+  Report rpdfFinal_, agentFinal_, readerFinal_, configFinal_;
   bool stopping_ = false;
+  // What the agent did with the configuration (over all its lives), and the groups the reader
+  // saw vanish, by group: when.
+  std::uint64_t configChanges_ = 0, clearsActed_ = 0, clearsSuperseded_ = 0, clearsResumed_ = 0;
+  std::uint8_t lastClearCount_ = 0;
+  std::uint16_t expiry_ = Bidir::Config::groupExpiryIntervalDefaultValue;
+  std::vector<std::pair<std::uint32_t, double>> cleared_;
+  std::vector<std::vector<double>> vanished_ = std::vector<std::vector<double>>(options_.groups);
   std::string error_;
 };
 
@@ -157,6 +175,35 @@ void Supervisor::handleReport(Child& child) {
     fail(std::string(roleName(child.role)) + " process ended unexpectedly");
     return;
   }
+  onReport(child, r);
+}
+
+void Supervisor::onReport(Child& child, Report const& r) {
+  switch (r.kind) {
+    case Report::configured:
+      ++configChanges_;
+      expiry_ = r.expiry;
+      return;
+    case Report::clearActed:
+      // A request the killed agent had begun and reported is carried out again by the next one:
+      // one request, not two.
+      if (r.clearResumed && clearsActed_ > 0 && r.clearCount == lastClearCount_) {
+        ++clearsResumed_;
+      } else {
+        ++clearsActed_;
+        clearsSuperseded_ += r.clearsSuperseded;
+      }
+      lastClearCount_ = r.clearCount;
+      return;
+    case Report::groupCleared:
+      cleared_.emplace_back(r.group, r.time);
+      return;
+    case Report::groupVanished:
+      if (r.group < vanished_.size()) vanished_[r.group].push_back(r.time);
+      return;
+    default:
+      break;
+  }
   child.last = r;
   switch (r.kind) {
     case Report::failed:
@@ -180,12 +227,8 @@ void Supervisor::handleReport(Child& child) {
       }
       break;
     case Report::finished:
-      if (r.role == Role::rpdf) {
-        rpdfFinal_ = r;
-        Command stop;
-        stop.op = Command::stop;
-        std::copy(std::begin(r.rpfOf), std::end(r.rpfOf), stop.rpfOf);
-        command(agent_, stop);
+      if (r.role == Role::rpdf || r.role == Role::config) {
+        onFinished(r);
       } else if (r.role == Role::agent) {
         agentFinal_ = r;
         lives_.back().lastAt = r.time;
@@ -202,11 +245,29 @@ void Supervisor::handleReport(Child& child) {
         loop_.stop();
       }
       break;
+    default:
+      break;
   }
+}
+
+// The RP/DF and configuration processes have both stopped: the agent stops once it has applied
+// their last word.
+void Supervisor::onFinished(Report const& r) {
+  (r.role == Role::rpdf ? rpdfFinal_ : configFinal_) = r;
+  if (rpdfFinal_.kind != Report::finished || configFinal_.kind != Report::finished) return;
+  Command stop;
+  stop.op = Command::stop;
+  std::copy(std::begin(rpdfFinal_.rpfOf), std::end(rpdfFinal_.rpfOf), stop.rpfOf);
+  stop.expiry = configFinal_.expiry;
+  stop.clearCount = configFinal_.clearCount;
+  command(agent_, stop);
 }
 
 void Supervisor::onReady(Child& child, Report const& r) {
   switch (child.role) {
+    case Role::config:
+      std::printf("[%5.1fs] configuration served on %s\n", since(), configSocket(root_).c_str());
+      break;
     case Role::rpdf:
       std::printf("[%5.1fs] rp/df published %u RP hash records and %u RPA-RPF records\n", since(),
                   options_.groups, options_.rps);
@@ -234,6 +295,7 @@ void Supervisor::onReady(Child& child, Report const& r) {
       Command go;
       go.op = Command::go;
       command(agent_, go);
+      command(config_, go);
       if (!lives_.empty()) lives_.back().readyAt = now();
       restart_.armIn(options_.restartAt);
       stop_.armIn(options_.seconds);
@@ -263,6 +325,10 @@ void Supervisor::progress() {
   } else {
     line += "agent down";
   }
+  std::snprintf(buf, sizeof buf, " | expiry %.2f s, %llu clears (%zu groups)",
+                expiry_ * kExpiryUnitSeconds, static_cast<unsigned long long>(clearsActed_),
+                cleared_.size());
+  line += buf;
   if (reader_ != nullptr) {
     Report const& r = reader_->last;
     std::snprintf(buf, sizeof buf,
@@ -279,7 +345,14 @@ void Supervisor::restartAgent() {
   std::printf("[%5.1fs] killing the agent (SIGKILL) in the middle of its churn\n", since());
   killedAt_ = now();
   if (reader_ != nullptr) readerBeforeRestart_ = reader_->last;
-  stopChild(*agent_);
+  // What the agent reported before it died still counts (the clears it made, above all).
+  agent_->watch.reset();
+  DemoSupport::stopChild<Report>(agent_->pid, agent_->reportFd, agent_->commandFd,
+                                 [this](Report const& r) { onReport(*agent_, r); });
+  // A configuration change and clear requests while no agent listens: the next one must catch up.
+  Command round;
+  round.op = Command::round;
+  command(config_, round);
   agent_ = &start(Role::agent);
 }
 
@@ -292,6 +365,7 @@ void Supervisor::stopChurn() {
   Command stop;
   stop.op = Command::stop;
   command(rpdf_, stop);
+  command(config_, stop);
 }
 
 void Supervisor::stopChild(Child& child) {
@@ -308,6 +382,7 @@ int Supervisor::run() {
               options_.groups, options_.intfs, options_.rps, options_.seconds, options_.rate,
               options_.restartAt, root_.c_str());
   rpdf_ = &start(Role::rpdf);
+  config_ = &start(Role::config);
   progress_.armIn(1);
   giveUp_.armIn(options_.seconds + 120);
   loop_.run();
@@ -322,7 +397,8 @@ int Supervisor::run() {
     std::printf("FAILED: %s\n", error_.c_str());
     return 1;
   }
-  return summary() ? 0 : 1;
+  bool const equal = summary();
+  return configSummary() && equal ? 0 : 1;
 }
 
 // The first group whose line differs between the two digest files, or "".
@@ -390,6 +466,46 @@ bool Supervisor::summary() const {
   return equal;
 }
 
+// What the configuration process asked, what reached the agent, and whether each group the agent
+// cleared was seen vanishing from the reader afterwards (stamps of one clock, the agent's taken
+// before the group's records went).
+bool Supervisor::configSummary() const {
+  Report const& c = configFinal_;
+  Report const& a = agentFinal_;
+  std::size_t seen = 0;
+  for (auto const& [g, t] : cleared_) {
+    auto const& times = vanished_[g];
+    if (std::any_of(times.begin(), times.end(), [t = t](double v) { return v >= t; })) ++seen;
+  }
+  std::printf("configuration         %llu rounds: %llu group expiry changes (last %u = %.2f s), "
+              "%llu clear requests (request count %u)\n",
+              static_cast<unsigned long long>(c.configRounds),
+              static_cast<unsigned long long>(c.configChanges), c.expiry,
+              c.expiry * kExpiryUnitSeconds, static_cast<unsigned long long>(c.clearRequests),
+              c.clearCount);
+  std::printf("agent, configuration  %llu expiry changes received (a restart's resync included), "
+              "%llu clear requests acted on and %llu superseded while it was away (%llu resumed "
+              "after the kill), %zu groups cleared; final configuration %s\n",
+              static_cast<unsigned long long>(configChanges_),
+              static_cast<unsigned long long>(clearsActed_),
+              static_cast<unsigned long long>(clearsSuperseded_),
+              static_cast<unsigned long long>(clearsResumed_), cleared_.size(),
+              a.configApplied ? "applied" : "NOT APPLIED");
+  std::printf("cleared groups        %zu of %zu seen vanishing from the reader\n", seen,
+              cleared_.size());
+  char const* failure =
+      !a.configApplied                    ? "the agent did not apply the final configuration"
+      : configChanges_ == 0               ? "no expiry change reached the agent"
+      : clearsActed_ == 0 || cleared_.empty() ? "no clear request cleared a group"
+      // Every request issued was acted on once, or overwritten before the agent could read it.
+      : clearsActed_ + clearsSuperseded_ != c.clearRequests
+          ? "clear requests acted on plus superseded differ from those issued"
+      : seen != cleared_.size() ? "a cleared group was not seen vanishing from the reader"
+                                : nullptr;
+  if (failure != nullptr) std::printf("configuration         FAILED: %s\n", failure);
+  return failure == nullptr;
+}
+
 int supervise(Options const& options) {
   // The children inherit $QUARN_ROOT: every table of the run lives in the private root.
   return DemoSupport::withPrivateRoot("bidir-agent", [&](std::string const& root) {
@@ -408,6 +524,8 @@ int child(Role role, Options const& options, std::string const& root) {
         return runAgent(options, root, reportFd, commandFd);
       case Role::reader:
         return runReader(options, root, reportFd, commandFd);
+      case Role::config:
+        return runConfig(options, root, reportFd, commandFd);
     }
   } catch (std::exception const& e) {
     Report r;
@@ -428,7 +546,7 @@ int main(int argc, char** argv) {
   Options options;
   if (argc >= 5 && std::strcmp(argv[1], "--role") == 0 && std::strcmp(argv[3], "--root") == 0) {
     if (!options.parse(argc, argv, 5)) return 2;
-    for (Role role : {Role::rpdf, Role::agent, Role::reader}) {
+    for (Role role : {Role::rpdf, Role::agent, Role::reader, Role::config}) {
       if (std::strcmp(argv[2], roleName(role)) == 0) std::_Exit(child(role, options, argv[4]));
     }
     return 2;
@@ -436,7 +554,7 @@ int main(int argc, char** argv) {
   if (!options.parse(argc, argv, 1)) {
     std::fprintf(stderr,
                  "usage: %s [--short] [--seconds S] [--restart-at S] [--rate N] [--groups N] "
-                 "[--intfs N] [--rps N] [--df-move-every S] [--quiet]\n",
+                 "[--intfs N] [--rps N] [--df-move-every S] [--config-every S] [--quiet]\n",
                  argv[0]);
     return 2;
   }

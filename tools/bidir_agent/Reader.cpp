@@ -10,6 +10,9 @@
 // right after the state machine applied it, and reads the entity's lastJoinReceived, the time
 // the agent took the join. Each join is sampled once (stamps arrive in order, so a stamp not
 // newer than the newest seen is a re-report), and only joins made after this process attached.
+//
+// The same probe tells the supervisor of every group that leaves this Status (its record was
+// removed), so that the groups the agent cleared can be seen to vanish here.
 
 #include <signal.h>
 #include <sys/epoll.h>
@@ -34,10 +37,18 @@ using QuarnStatus = Bidir::Quarn::Status;
 
 class LagProbe final : public QuarnStatus::NotifieeConst {
  public:
-  explicit LagProbe(Bidir::Status const& status) : status_(status) {}
-  void onGroup(Lanx::IpGenAddr const&) override {
+  LagProbe(Bidir::Status const& status, std::uint32_t groups, int reportFd)
+      : status_(status), groups_(groups), reportFd_(reportFd) {}
+  void onGroup(Lanx::IpGenAddr const& addr) override {
     ++updates;
     lastHeard = now();
+    if (status_.group(addr)) return;
+    Report r;
+    r.kind = Report::groupVanished;
+    r.role = Role::reader;
+    r.time = lastHeard;
+    r.group = groupIndex(addr, groups_);
+    send(reportFd_, r);
   }
   void onGroupIntf(Bidir::GroupIntfKey const& key) override {
     ++updates;
@@ -59,13 +70,14 @@ class LagProbe final : public QuarnStatus::NotifieeConst {
 
  private:
   Bidir::Status const& status_;
+  std::uint32_t groups_;
+  int reportFd_;
   double newest_ = 0;
 };
 
 }  // namespace
 
 int runReader(Options const& options, std::string const& root, int reportFd, int commandFd) {
-  (void)options;
   ::signal(SIGINT, SIG_IGN);
   Kiv::Activity& activity = Kiv::Activity::current();
   auto rpHash = Kiv::newPtr<Routing::Pim::RpHashStatus>("rpHash");
@@ -81,7 +93,7 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
 
   // The state machine first, then the probe: notifiees are called in registration order.
   auto const readerSm = Bidir::Quarn::groupQuarnReaderSmFactory(status, quarn);
-  auto probe = Kiv::newPtr<LagProbe>(*status);
+  auto probe = Kiv::newPtr<LagProbe>(*status, options.groups, reportFd);
   probe->notifierIs(quarn);
 
   Command command;

@@ -13,11 +13,13 @@
 #include <atomic>
 #include <cmath>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Kiv/Activity.h"
@@ -65,12 +67,19 @@ class LagHistogram {
   double max_ = 0;
 };
 
-// SIGKILLs and reaps a child, closes its two pipe ends; pid becomes -1.
-inline void stopChild(pid_t& pid, int reportFd, int commandFd) {
+// SIGKILLs and reaps a child, closes its two pipe ends; pid becomes -1. With `leftover`, each
+// whole Message the child wrote before it died and that was not read yet goes to it first: the
+// child was the last holder of the pipe's write end, so the reads end at end of file.
+template <class Message = char, class Leftover = std::nullptr_t>
+void stopChild(pid_t& pid, int reportFd, int commandFd, Leftover&& leftover = nullptr) {
   if (pid <= 0) return;
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);
   pid = -1;
+  if constexpr (!std::is_null_pointer_v<std::remove_cvref_t<Leftover>>) {
+    Message m;
+    while (receive(reportFd, m)) leftover(m);
+  }
   ::close(reportFd);
   ::close(commandFd);
 }
