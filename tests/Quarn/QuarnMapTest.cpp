@@ -224,6 +224,29 @@ TEST_F(QuarnMapFixture, CorruptionDuringWritesEndsInNoMansLandThenTheWriterRecov
   EXPECT_EQ(Quarn::Util::fileRead(root() + "/corruption-detected"), "");
 }
 
+// A slot file cut short under the writer: a record is trusted only when its whole slot still
+// lies within the file (the slot across the cut has its flags but not all of its value).
+TEST_F(QuarnMapFixture, WriterKeepsTheRecordsOfSlotsBeforeATruncation) {
+  auto writer = map(QuarnType::writer, false, 1000);
+  for (std::uint32_t i = 0; i < 300; ++i) writer->safeWrite(record(i, i, i));  // slot i
+  std::size_t const cut = 2 * Mem::pageSize();
+  ASSERT_EQ(::truncate((root() + "/slots").c_str(), off_t(cut)), 0);
+  // Slot i ends at fileSize(slotSize, i + 1).
+  std::uint32_t const slotSize = Quarn::SlotTable::slotSizeFor(sizeof(TestWrapper));
+  std::uint32_t const whole = std::uint32_t((cut - Quarn::SlotTable::headerSize) / slotSize) - 1;
+  EXPECT_EQ(failure([&] { writer->safeWrite(record(400, 400, 400)); }),
+            "QuarnMap::safeWrite() in no man's land");  // its free slot lies past the cut
+  EXPECT_EQ(writer->members(), whole);
+  for (std::uint32_t i = 0; i < 300; ++i) {
+    bool found = false;
+    TestWrapper const w = writer->safeLookup(TestKey{i, i}, found);
+    EXPECT_EQ(found, i < whole) << i;
+    EXPECT_EQ(found ? w.value : i, i);
+  }
+  writer->safeWrite(record(400, 400, 400));
+  EXPECT_TRUE(writer->validate());
+}
+
 TEST_F(QuarnMapFixture, WriterReplacesFileOfAnotherSizeUnderReaders) {
   std::size_t grown;
   {
