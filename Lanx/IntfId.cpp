@@ -84,17 +84,6 @@ std::string IntfId::name() const {
   return out;
 }
 
-std::uint32_t IntfId::hash() const noexcept {
-  // Both words through a 64-bit multiplicative mix; the high half carries the well-mixed bits.
-  std::uint64_t x = (std::uint64_t{kind_} << 32) | packed_;
-  x ^= x >> 33;
-  x *= 0xff51afd7ed558ccdull;
-  x ^= x >> 33;
-  x *= 0xc4ceb9fe1a85ec53ull;
-  x ^= x >> 33;
-  return static_cast<std::uint32_t>(x >> 32) ^ static_cast<std::uint32_t>(x);
-}
-
 std::ostream& operator<<(std::ostream& os, IntfId const& intf) {
   return os << intf.name();
 }

@@ -52,7 +52,16 @@ class IntfId {
 
   std::string name() const;
   std::string toString() const { return name(); }
-  std::uint32_t hash() const noexcept;
+  // Both words through a 64-bit multiplicative mix; the high half carries the well-mixed bits.
+  std::uint32_t hash() const noexcept {
+    std::uint64_t x = (std::uint64_t{kind_} << 32) | packed_;
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdull;
+    x ^= x >> 33;
+    x *= 0xc4ceb9fe1a85ec53ull;
+    x ^= x >> 33;
+    return static_cast<std::uint32_t>(x >> 32) ^ static_cast<std::uint32_t>(x);
+  }
 
   friend bool operator==(IntfId const&, IntfId const&) = default;
   friend std::strong_ordering operator<=>(IntfId const&, IntfId const&) = default;

@@ -5,7 +5,9 @@
 // are probed by others.
 
 #include <array>
+#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 namespace Lanx {
@@ -19,7 +21,28 @@ class Ip6Addr {
 
   // Hash of 16 address bytes: MurmurHash3-style mixing of the four big-endian words followed by a
   // full avalanche, so nearby addresses (which differ in the last byte) spread over all bits.
-  static std::uint32_t hash(std::uint8_t const* bytes16) noexcept;
+  // Inline: a restarted writer hashes every stored key while it validates its table.
+  static std::uint32_t hash(std::uint8_t const* bytes16) noexcept {
+    std::uint32_t h = 0x9747b28cu;
+    for (int i = 0; i < 16; i += 4) {
+      std::uint32_t k;
+      std::memcpy(&k, bytes16 + i, 4);
+      if constexpr (std::endian::native == std::endian::little) k = __builtin_bswap32(k);
+      k *= 0xcc9e2d51u;
+      k = std::rotl(k, 15);
+      k *= 0x1b873593u;
+      h ^= k;
+      h = std::rotl(h, 13);
+      h = h * 5 + 0xe6546b64u;
+    }
+    h ^= 16u;
+    h ^= h >> 16;
+    h *= 0x85ebca6bu;
+    h ^= h >> 13;
+    h *= 0xc2b2ae35u;
+    h ^= h >> 16;
+    return h;
+  }
   std::uint32_t hash() const noexcept { return hash(bytes_.data()); }
 
   friend bool operator==(Ip6Addr const&, Ip6Addr const&) = default;

@@ -29,6 +29,7 @@ Guard guards[maxGuards];
 struct sigaction previousSigbus {};
 std::uintptr_t guardPageSize = 4096;
 std::once_flag sigbusInstalled;
+std::atomic<std::uint64_t> damageEvents{0};  // lock-free: incremented by the handler
 
 void onSigbus(int sig, siginfo_t* info, void* context) {
   auto const addr = reinterpret_cast<std::uintptr_t>(info->si_addr);
@@ -42,6 +43,7 @@ void onSigbus(int sig, siginfo_t* info, void* context) {
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
     if (p == MAP_FAILED) break;
     g.damaged.store(true, std::memory_order_relaxed);
+    damageEvents.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   // Not a truncated table file: whatever handled SIGBUS before decides.
@@ -70,6 +72,10 @@ std::size_t fileSize(int fd) {
 }
 
 }  // namespace
+
+std::uint64_t damageCount() noexcept {
+  return damageEvents.load(std::memory_order_relaxed);
+}
 
 std::size_t pageSize() noexcept {
   static std::size_t const size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));

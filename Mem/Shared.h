@@ -33,6 +33,7 @@
 // prints as "[ANONYMOUS]" and it has no existence before it is mapped.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace Mem {
@@ -46,6 +47,10 @@ std::size_t roundUpToWholePage(std::size_t bytes) noexcept;
 std::string defaultRootDir();
 // Creates `dir` and its missing parents (existing ones are fine). False on failure.
 bool makeDirs(std::string const& dir);
+// How many faults past the end of a file the truncation handler has answered in this process.
+// An owner of mappings compares it with the count it saw last: while it has not moved, none of
+// its mappings can have become damaged, and checking costs one relaxed load.
+std::uint64_t damageCount() noexcept;
 
 class Region {
  public:
@@ -67,6 +72,11 @@ class Region {
   virtual void detach() noexcept = 0;
   // Unmaps and deletes the backing object. True when it is gone.
   virtual bool remove() noexcept = 0;
+
+  // Part of the mapping no longer shows the object (see Shared); never for private memory.
+  virtual bool truncated() const noexcept { return false; }
+  // The size of the mapped object now (private memory: the mapping's).
+  virtual std::size_t mappedFileSize() const noexcept { return size_; }
 
   char* base() const noexcept { return base_; }
   std::size_t mappedSize() const noexcept { return size_; }
@@ -104,11 +114,11 @@ class Shared final : public Region {
   bool readOnly() const noexcept { return readOnly_; }
 
   // The size of the mapped file now, through its descriptor; 0 when not attached.
-  std::size_t mappedFileSize() const noexcept;
+  std::size_t mappedFileSize() const noexcept override;
   // A fault past the end of the file hit this mapping: part of it now holds zeros.
   bool damaged() const noexcept;
   // Damaged, or the file is now shorter than the mapping (the next access there would fault).
-  bool truncated() const noexcept { return damaged() || mappedFileSize() < size_; }
+  bool truncated() const noexcept override { return damaged() || mappedFileSize() < size_; }
 
  private:
   bool mapFd(int fd, std::size_t bytes, bool writable);

@@ -70,6 +70,12 @@ void ConquerWriter::restore() {
   counters_.lastSequence = sequence_;
 }
 
+void ConquerWriter::resumeSequence(std::uint64_t sequence) {
+  Mem::Atomics::store64(&header(0)->minSeq, sequence);
+  sequence_ = sequence;
+  counters_.lastSequence = sequence;
+}
+
 ConquerWriter::Extent ConquerWriter::extent(std::uint32_t t, char const* op) const {
   std::size_t const mapped = mem_[t].mappedSize();
   if (mapped >= ConquerTable::headerSize) {

@@ -49,6 +49,10 @@ class ConquerWriter {
   // After both tables were attached: take over the current table, sequence and live count that
   // the files hold (fresh values for fresh files).
   void restore();
+  // Fresh tables formatted under a running writer: their sequences go on from `sequence` (kept
+  // as minSeq), so what readers acknowledged of the old incarnation stays below every new entry
+  // and cannot let a prune drop entries they have not read.
+  void resumeSequence(std::uint64_t sequence);
 
   // Records a change of slot `slotIndex`. Throws CorruptionDetectedException when the slot's
   // conquerSlot contradicts the table.

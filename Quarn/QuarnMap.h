@@ -12,6 +12,11 @@
 // - Writes go through `safeWrite`, `safeRemove`, `directWrite`/`directCommit`: corruption met by
 //   the writer is reported (`corruptionDetected`) and ends the operation with
 //   Jorv::RuntimeException "QuarnMap::<op>() in no man's land"; TableFullException passes through.
+//   The writer then recovers by itself (QuarnWriter::recover: a new incarnation holding the
+//   records it can still trust), as it does when its mounter's validation fails or when a write
+//   finds its files truncated since the last one; so the next write goes to whole files. Neither
+//   the front nor KivQuarnMap keeps a copy of the records: what the damage took is gone from the
+//   table until its owner writes it again.
 //   Corruption met by a lookup or iteration is reported and answered as "nothing found"; a
 //   reading table's report goes to the writer through the corruption file.
 // - Operations that change or check the files are refused on a reading table; every refusal and
@@ -22,6 +27,7 @@
 // run on the activity given at construction.
 
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -236,10 +242,26 @@ class QuarnMap {
   template <class F>
   decltype(auto) guardedWrite(char const* op, F&& f) {
     try {
+      // Damage met since the last write (by a lookup, say) is recovered from first.
+      if (writer_ != nullptr && writer_->writer().damageNoticed()) {
+        recoverWriter(std::string("QuarnMap::") + op + "() files truncated under the writer");
+      }
       return f();
     } catch (CorruptionDetectedException const& e) {
       corruptionDetected(e.what());
+      recoverWriter(e.what());
       throw Jorv::RuntimeException(std::string("QuarnMap::") + op + "() in no man's land");
+    }
+  }
+  // A writer whose files are damaged starts a new incarnation (QuarnWriter::recover). Called from
+  // writes and from the mounter's handler: a failure is traced, never raised, and the next write
+  // or report tries again.
+  void recoverWriter(std::string const& why) {
+    if (writer_ == nullptr) return;
+    try {
+      writer_->writer().recover(why);
+    } catch (std::exception const& e) {
+      KIV_TRACE(*dh_, 0, "QuarnMap::recoverWriter() ", name_, ": ", e.what());
     }
   }
   template <class F, class R>
@@ -354,7 +376,9 @@ void QuarnMap<Key, Wrapper, Notifier>::init(QuarnType mode, bool isLocal, unsign
     auto* w = &writer->writer();
     try {
       mounter = std::make_unique<WriterMounter>(
-          dh, root_.str(), [w] { return w->validate(); }, [w] { return w->fenix(); }, activity_);
+          dh, root_.str(), [w] { return w->validate(); },
+          [this](std::string const& why) { recoverWriter(why); }, [w] { return w->fenix(); },
+          activity_);
     } catch (Jorv::Exception const& e) {
       KIV_TRACE(dh, 0, "WriterMounter::WriterMounter() ", e.what());
       throw Jorv::RuntimeException(

@@ -32,6 +32,11 @@ class QuarnMem {
   bool commitReplacement();
   void detach() noexcept { region_->detach(); }
   bool remove() noexcept { return region_->remove(); }
+  // The file was truncated under this mapping, or part of the mapping already holds zeros
+  // instead of it (Mem/Shared.h).
+  bool damaged() const noexcept { return region_->truncated(); }
+  // The size of the mapped file now, through the mapping's own descriptor.
+  std::size_t mappedFileSize() const noexcept { return region_->mappedFileSize(); }
   char* base() const noexcept { return region_->base(); }
   std::size_t mappedSize() const noexcept { return region_->mappedSize(); }
 

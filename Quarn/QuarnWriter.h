@@ -11,17 +11,22 @@
 // - Update of a reachable slot: the value is staged in the lookaside slot, flags+2 sets LOOKASIDE
 //   (readers then copy the lookaside value), the value is copied in place, flags+2|1 clears it.
 // Corruption met while walking (cycle, index out of range, key in the wrong bucket, unoccupied
-// slot in a chain) raises CorruptionDetectedException; nothing is repaired.
+// slot in a chain) raises CorruptionDetectedException, and so does a write, remove or commit
+// after which a mapping of the files is found truncated under the writer (Mem/Shared.h: it then
+// holds zeros, and what was written there never reached the readers). Nothing is repaired in
+// place: `recover` starts a new incarnation with the records that can still be trusted.
 //
 // No heap allocation on write, remove and lookup once the table has grown to its working size.
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
@@ -97,6 +102,18 @@ class QuarnWriter {
   bool directPending() const noexcept { return pending_ != noIndex; }
 
   bool validate() { return Validator<Key, Wrapper>(dh_, *this).validate(fenix_); }
+  // A mapping of the files was truncated under this writer (checks the files only when a fault
+  // was answered in this process since the last check).
+  bool damageNoticed();
+  // Re-formats every file under a new fenix (readers re-attach and resynchronise) and writes
+  // back the records that can still be trusted (`trustedRecords`); the sequence goes on. Used
+  // when the files are found damaged or fail validation while the writer runs. Raises
+  // Jorv::Exception when the fresh files cannot be made.
+  void recover(std::string const& why);
+  // The records of occupied slots, not under a write (no LOOKASIDE), that lie wholly within
+  // the slot file as it is now; a key found in more than one slot is dropped, since neither
+  // copy can be told right. Zero pages put in place of a truncated part hold no occupied slot.
+  std::vector<Wrapper> trustedRecords() const;
   bool validateFiles() const;
   void cleanup();
   std::uint32_t capacity() const noexcept { return slots_.numSlots(); }
@@ -141,6 +158,16 @@ class QuarnWriter {
     Mem::Atomics::copyFromShared(&out, slot + SlotTable::valueOffset, sizeof(Wrapper));
   }
   bool attachAll(std::uint32_t fenix, bool force);
+  // Ends operation `op` as corrupt when a mapping was found damaged after it.
+  void checkIntact(char const* op) {
+    if (damageNoticed()) {
+      corruption(std::string("QuarnWriter::") + op + "() files of " + root_.str() +
+                 " truncated under the writer");
+    }
+  }
+  static std::uint32_t nextFenix(std::uint32_t fenix) noexcept {
+    return fenix + 1 == 0 ? 1 : fenix + 1;
+  }
   [[noreturn]] void corruption(std::string const& text) const {
     KIV_TRACE(dh_, 0, text);
     throw CorruptionDetectedException(text);
@@ -157,6 +184,7 @@ class QuarnWriter {
   std::uint32_t fenix_ = 0;
   std::uint32_t pending_ = noIndex;
   bool pendingNew_ = false;
+  std::uint64_t damageSeen_ = Mem::damageCount();
   Key pendingKey_{};
 };
 
@@ -187,7 +215,7 @@ void QuarnWriter<Key, Wrapper>::attach() {
   if (!kept || !validate()) {
     KIV_TRACE(dh_, 3, "QuarnWriter::attach() failed, all entries from ", root_.str(),
               " will be lost");
-    fenix_ = fenix_ + 1 == 0 ? 1 : fenix_ + 1;
+    fenix_ = nextFenix(fenix_);
     attachAll(fenix_, true);
     if (!validate()) {
       KIV_TRACE(dh_, 0, "QuarnWriter::attach() failed validation");
@@ -200,6 +228,76 @@ void QuarnWriter<Key, Wrapper>::attach() {
   }
   KIV_TRACE(dh_, 3, "QuarnWriter::attach() success ", root_.str(), " capacity: ", capacity(),
             " fenixId: ", fenix_);
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::damageNoticed() {
+  std::uint64_t const count = Mem::damageCount();
+  if (count == damageSeen_) return false;
+  if (slots_.mem().damaged() || buckets_.mem().damaged() || conquer_.mem(0).damaged() ||
+      conquer_.mem(1).damaged()) {
+    return true;
+  }
+  damageSeen_ = count;  // the faults were in other mappings of this process
+  return false;
+}
+
+template <class Key, class Wrapper>
+std::vector<Wrapper> QuarnWriter<Key, Wrapper>::trustedRecords() const {
+  std::vector<Wrapper> out;
+  QuarnMem const& mem = slots_.mem();
+  // The slot count is the writer's own, not the header's; the file's size bounds it.
+  std::size_t const within = std::min(mem.mappedFileSize(), mem.mappedSize());
+  std::uint32_t n = 0;
+  if (within >= SlotTable::fileSize(slots_.slotSize(), 0)) {
+    n = static_cast<std::uint32_t>(std::min<std::size_t>(
+        slots_.numSlots(), (within - SlotTable::fileSize(slots_.slotSize(), 0)) / slots_.slotSize()));
+  }
+  for (std::uint32_t i = 0; i < n; ++i) {
+    char const* const s = slots_.slotUnchecked(i);
+    std::uint32_t const flags = SlotWriterTable::flags(s);
+    if ((flags & SlotTable::OCCUPIED) && !(flags & SlotTable::LOOKASIDE)) {
+      copyOut(s, out.emplace_back());
+    }
+  }
+  auto const less = [](Wrapper const& a, Wrapper const& b) { return a.key < b.key; };
+  std::sort(out.begin(), out.end(), less);
+  auto kept = out.begin();
+  for (auto it = out.begin(); it != out.end();) {
+    auto run = it + 1;
+    while (run != out.end() && !less(*it, *run)) ++run;
+    if (run - it == 1) *kept++ = *it;
+    it = run;
+  }
+  out.erase(kept, out.end());
+  return out;
+}
+
+template <class Key, class Wrapper>
+void QuarnWriter<Key, Wrapper>::recover(std::string const& why) {
+  KIV_TRACE(dh_, 0, "QuarnWriter::recover() ", root_.str(), " fenixId: ", fenix_, ": ", why);
+  std::vector<Wrapper> const kept = trustedRecords();
+  std::uint64_t const sequence = conquer_.sequence();
+  fenix_ = nextFenix(fenix_);
+  attachAll(fenix_, true);
+  damageSeen_ = Mem::damageCount();  // the fresh mappings are whole
+  conquer_.resumeSequence(sequence);
+  for (Wrapper const& record : kept) write(record);
+  if (!validate()) {
+    KIV_TRACE(dh_, 0, "QuarnWriter::recover() failed validation");
+    throw Jorv::RuntimeException("QuarnWriter::recover() failed validation");
+  }
+  if (!local_ && !FenixFile::write(root_.str(), fenix_)) {
+    throw Jorv::RuntimeException("QuarnWriter::recover() cannot write fenix file in " +
+                                 root_.str());
+  }
+  if (kept.empty()) {
+    KIV_TRACE(dh_, 0, "QuarnWriter::recover() no record of ", root_.str(),
+              " can be trusted, the table starts empty; fenixId: ", fenix_);
+  } else {
+    KIV_TRACE(dh_, 1, "QuarnWriter::recover() ", root_.str(), " re-formatted with ",
+              kept.size(), " trusted records; fenixId: ", fenix_);
+  }
 }
 
 template <class Key, class Wrapper>
@@ -290,6 +388,7 @@ Wrapper const* QuarnWriter<Key, Wrapper>::write(Wrapper const& value, bool /*saf
   }
   ++slots_.counters().writes;
   conquer_.notify(i);
+  checkIntact("write");
   return reinterpret_cast<Wrapper const*>(SlotWriterTable::value(slots_.slotUnchecked(i)));
 }
 
@@ -310,6 +409,7 @@ bool QuarnWriter<Key, Wrapper>::remove(Key const& key, Wrapper& out) {
   Mem::Atomics::store32(&h->occupiedSlots, h->load(h->occupiedSlots) - 1);
   ++slots_.counters().removes;
   conquer_.notify(f.slot);
+  checkIntact("remove");
   return true;
 }
 
@@ -425,6 +525,7 @@ void QuarnWriter<Key, Wrapper>::directCommit() {
   if (pendingNew_) publishLink(linkUnit(b, f.prev), i);
   ++slots_.counters().writes;
   conquer_.notify(i);
+  checkIntact("directCommit");
 }
 
 template <class Key, class Wrapper>

@@ -73,45 +73,6 @@ bool ValidatorBase::doValidate(std::uint32_t fenix) {
   return checkNotifications();
 }
 
-bool ValidatorBase::walkChains() {
-  KIV_TRACE(dh_, 5, "Validator::walkOccupiedSlots() starting");
-  std::uint32_t const n = slots_.numSlots();
-  std::uint32_t const numBuckets = buckets_.numBuckets();
-  (void)buckets_.bucket(numBuckets - 1);  // the whole array is mapped (throws otherwise)
-  TableFileReader file(buckets_.mem());
-  constexpr std::uint32_t batch = TableFileReader::chunkSize / 8;
-  constexpr std::uint32_t ahead = 16;  // buckets whose head's link is loaded in advance
-  std::uint32_t const before = marked_;
-  for (std::uint32_t first = 0; first < numBuckets; first += batch) {
-    std::uint32_t const count = std::min(batch, numBuckets - first);
-    char const* const chunk = file.read(BucketTable::fileSize(first), std::size_t(8) * count);
-    for (std::uint32_t j = 0; j < count; ++j) {
-      if (j + ahead < count) {
-        std::uint32_t const later = linkTarget(chunk + 8 * std::size_t(j + ahead));
-        if (later < n) __builtin_prefetch(&links_[later]);
-      }
-      std::uint32_t const b = first + j;
-      std::uint32_t prev = noIndex;
-      for (std::uint32_t i = linkTarget(chunk + 8 * std::size_t(j)); i != noIndex;) {
-        if (i >= n) outOfRange(i);
-        Link const link = links_[i];
-        if (link.bucket != b) chainBreak(i, b, prev == noIndex, link.bucket == noIndex);
-        if (!markOccupied(i)) return false;  // a slot reached twice ends a cycle here
-        if (prev != noIndex && !keyLess(prev, i)) {
-          return failWith("Validator::walkOccupiedSlots() chain of bucket ", b,
-                          " out of key order: slot ", prev, " then slot ", i);
-        }
-        if (link.next < n) prefetchKey(link.next);
-        prev = i;
-        i = link.next;
-      }
-    }
-  }
-  std::uint32_t const count = marked_ - before;
-  KIV_TRACE(dh_, 5, "Validator::walkOccupiedSlots() marked ", count, " slots");
-  return checkOccupiedCount(count);
-}
-
 void ValidatorBase::chainBreak(std::uint32_t i, std::uint32_t bucket, bool head,
                                bool unoccupied) const {
   // The texts of the writer's own chain checks (head: first, further slots: next/lookup).
@@ -170,12 +131,7 @@ void ValidatorBase::outOfRange(std::uint32_t i) const {
 bool ValidatorBase::markOccupied(std::uint32_t s) {
   KIV_TRACE(dh_, 8, "Validator::markOccupied() slotIndex: ", s);
   if (s >= slots_.numSlots()) outOfRange(s);
-  std::uint64_t& word = slotMarks_[s / 64];
-  std::uint64_t const bit = std::uint64_t(1) << (s % 64);
-  if (word & bit) return failWith("Validator::markOccupied() duplicate slot: ", s);
-  word |= bit;
-  ++marked_;
-  return true;
+  return mark(s);
 }
 
 bool ValidatorBase::stuckLookaside(std::uint32_t flags) {

@@ -10,9 +10,11 @@
 // Chains and the free list link slots anywhere in the file, and chasing those links through the
 // file costs a cache and TLB miss per slot; so one sequential pass first gathers each slot's link
 // and key bucket into a compact array (8 bytes a slot), and the chains and the free list are
-// followed there (with a copy of each occupied slot's key, for the order). Likewise each slot's
-// claim on a notification position goes into an array indexed by position, which the notification
-// pass then compares with the entries in order.
+// followed there. Keys are compared in place, in the (by then populated) mapping: only slots that
+// share a chain are compared, fewer than half of them at the usual load, so copying every key
+// would cost more than it saves. Likewise each slot's claim on a notification position goes into
+// an array indexed by position, which the notification pass then compares with the entries in
+// order.
 //
 // Used by a restarting writer (keep the files or re-format them) and by the writer's mounter when
 // a reader reports corruption.
@@ -73,13 +75,10 @@ class ValidatorBase {
   template <class BucketOf>
   bool scanSlots(BucketOf&& bucketOf);
   // Follows every chain from its bucket over `links_`, marking each slot reached and checking
-  // that each key is less than the next one's.
-  bool walkChains();
-  // Whether the key of occupied slot `a` is less than the key of occupied slot `b` (from the
-  // copies the sequential pass made).
-  virtual bool keyLess(std::uint32_t a, std::uint32_t b) const = 0;
-  // Hints that `keyLess` will soon read slot `i`'s key.
-  virtual void prefetchKey(std::uint32_t i) const = 0;
+  // that each key is less than the next one's: `keyLess(a, b)` compares the keys of occupied
+  // slots a and b, `prefetchKey(i)` hints that slot i's key is compared next.
+  template <class KeyLess, class PrefetchKey>
+  bool walkChains(KeyLess&& keyLess, PrefetchKey&& prefetchKey);
 
   bool fail(std::string text);
   template <class... Args>
@@ -102,6 +101,15 @@ class ValidatorBase {
   // Raises the slot range exception of the writer's tables for index `i`.
   [[noreturn]] void outOfRange(std::uint32_t i) const;
   bool occupied(std::uint32_t s) const noexcept { return links_[s].bucket != noIndex; }
+  // markOccupied without its trace line, for s below numSlots.
+  bool mark(std::uint32_t s) {
+    std::uint64_t& word = slotMarks_[s / 64];
+    std::uint64_t const bit = std::uint64_t(1) << (s % 64);
+    if (word & bit) return failWith("Validator::markOccupied() duplicate slot: ", s);
+    word |= bit;
+    ++marked_;
+    return true;
+  }
 
   Jorv::DebugHandler& dh_;
   std::string rootPath_;
@@ -141,6 +149,48 @@ bool ValidatorBase::scanSlots(BucketOf&& bucketOf) {
   return true;
 }
 
+template <class KeyLess, class PrefetchKey>
+bool ValidatorBase::walkChains(KeyLess&& keyLess, PrefetchKey&& prefetchKey) {
+  KIV_TRACE(dh_, 5, "Validator::walkOccupiedSlots() starting");
+  std::uint32_t const n = slots_.numSlots();
+  std::uint32_t const numBuckets = buckets_.numBuckets();
+  (void)buckets_.bucket(numBuckets - 1);  // the whole array is mapped (throws otherwise)
+  bool const traceMarks = dh_.enabled(8);
+  TableFileReader file(buckets_.mem());
+  constexpr std::uint32_t batch = TableFileReader::chunkSize / 8;
+  constexpr std::uint32_t ahead = 16;  // buckets whose head's link is loaded in advance
+  std::uint32_t const before = marked_;
+  for (std::uint32_t first = 0; first < numBuckets; first += batch) {
+    std::uint32_t const count = std::min(batch, numBuckets - first);
+    char const* const chunk = file.read(BucketTable::fileSize(first), std::size_t(8) * count);
+    for (std::uint32_t j = 0; j < count; ++j) {
+      if (j + ahead < count) {
+        std::uint32_t const later = linkTarget(chunk + 8 * std::size_t(j + ahead));
+        if (later < n) __builtin_prefetch(&links_[later]);
+      }
+      std::uint32_t const b = first + j;
+      std::uint32_t prev = noIndex;
+      for (std::uint32_t i = linkTarget(chunk + 8 * std::size_t(j)); i != noIndex;) {
+        if (i >= n) outOfRange(i);
+        Link const link = links_[i];
+        if (link.bucket != b) chainBreak(i, b, prev == noIndex, link.bucket == noIndex);
+        // A slot reached twice ends a cycle here.
+        if (traceMarks ? !markOccupied(i) : !mark(i)) return false;
+        if (prev != noIndex && !keyLess(prev, i)) {
+          return failWith("Validator::walkOccupiedSlots() chain of bucket ", b,
+                          " out of key order: slot ", prev, " then slot ", i);
+        }
+        if (link.next < n) prefetchKey(link.next);
+        prev = i;
+        i = link.next;
+      }
+    }
+  }
+  std::uint32_t const count = marked_ - before;
+  KIV_TRACE(dh_, 5, "Validator::walkOccupiedSlots() marked ", count, " slots");
+  return checkOccupiedCount(count);
+}
+
 template <class Key, class Wrapper>
 class Validator final : public ValidatorBase {
  public:
@@ -149,26 +199,26 @@ class Validator final : public ValidatorBase {
         writer_(writer) {}
 
   bool walkOccupiedSlots() override {
-    keys_.reset(new Key[slots_.numSlots()]);
-    bool const ok = scanSlots([this](char const* slot, std::uint32_t i) {
-                      std::memcpy(static_cast<void*>(&keys_[i]), &keyAt(slot), sizeof(Key));
-                      return writer_.bucketOf(keys_[i]);
-                    }) &&
-                    walkChains();
-    keys_.reset();
-    return ok;
+    if (!scanSlots([this](char const* slot, std::uint32_t) {
+          return writer_.bucketOf(keyAt(slot));
+        })) {
+      return false;
+    }
+    char const* const base = slots_.slotUnchecked(0);
+    std::size_t const size = slots_.slotSize();
+    return walkChains(
+        [base, size](std::uint32_t a, std::uint32_t b) {
+          return keyAt(base + size * a) < keyAt(base + size * b);
+        },
+        [base, size](std::uint32_t i) { __builtin_prefetch(base + size * i); });
   }
 
  private:
-  bool keyLess(std::uint32_t a, std::uint32_t b) const override { return keys_[a] < keys_[b]; }
-  void prefetchKey(std::uint32_t i) const override { __builtin_prefetch(&keys_[i]); }
-
   static Key const& keyAt(char const* slot) noexcept {
     return reinterpret_cast<Wrapper const*>(slot + SlotTable::valueOffset)->key;
   }
 
   QuarnWriter<Key, Wrapper>& writer_;
-  std::unique_ptr<Key[]> keys_;  // during walkOccupiedSlots: each occupied slot's key
 };
 
 }  // namespace Quarn

@@ -1,15 +1,17 @@
 #include "Quarn/WriterMounter.h"
 
-#include "Quarn/Exceptions.h"
+#include <exception>
+
 #include "Quarn/Util.h"
 
 namespace Quarn {
 
 WriterMounter::WriterMounter(Jorv::DebugHandler& dh, std::string rootPath, Validate validate,
-                             Fenix fenix, Kiv::Activity& activity)
+                             Recover recover, Fenix fenix, Kiv::Activity& activity)
     : dh_(dh),
       rootPath_(std::move(rootPath)),
       validate_(std::move(validate)),
+      recover_(std::move(recover)),
       fenix_(std::move(fenix)),
       sm_(std::make_unique<MounterSm>(
           rootPath_, [this](std::string const& event) { notify(event); }, activity)) {}
@@ -29,7 +31,12 @@ void WriterMounter::notify(std::string const& eventName) {
   lastReport_ = report;
   if (!validate_()) {
     KIV_TRACE(dh_, 0, "WriterMounter::notify() failed quarn validation");
-    throw CorruptionDetectedException("WriterMounter::notify() failed quarn validation");
+    try {
+      recover_("WriterMounter::notify() failed quarn validation");
+    } catch (std::exception const& e) {
+      KIV_TRACE(dh_, 0, "WriterMounter::notify() recovery of ", rootPath_, " failed: ", e.what());
+    }
+    return;
   }
   FenixFile::write(rootPath_, fenix_());
   KIV_TRACE(dh_, 3, "WriterMounter::notify() quarn validation ok");

@@ -5,8 +5,9 @@
 // On every event of its MounterSm the report file ("corruption-detected") is read; a report that
 // differs from the last one handled makes the writer validate the whole table. A valid table gets
 // its fenix file written again, which wakes every reader's mounter so that it re-checks and
-// re-attaches; an invalid one raises CorruptionDetectedException out of the activity to the
-// writer's owner (the events still queued in that read of the watch are dropped with it).
+// re-attaches; an invalid one is traced and handed to `recover` (the writer starts a new
+// incarnation, whose fenix file wakes the readers the same way). Nothing escapes to the
+// activity: an exception from recovery is traced, and the next write or report tries again.
 
 #include <cstdint>
 #include <functional>
@@ -23,10 +24,11 @@ class WriterMounter {
  public:
   using Validate = std::function<bool()>;
   using Fenix = std::function<std::uint32_t()>;
+  using Recover = std::function<void(std::string const& why)>;
 
   // Raises Jorv::Exception when the root directory cannot be watched.
-  WriterMounter(Jorv::DebugHandler& dh, std::string rootPath, Validate validate, Fenix fenix,
-                Kiv::Activity& activity);
+  WriterMounter(Jorv::DebugHandler& dh, std::string rootPath, Validate validate, Recover recover,
+                Fenix fenix, Kiv::Activity& activity);
 
   void notify(std::string const& eventName);
   std::string const& lastReport() const noexcept { return lastReport_; }
@@ -35,6 +37,7 @@ class WriterMounter {
   Jorv::DebugHandler& dh_;
   std::string rootPath_;
   Validate validate_;
+  Recover recover_;
   Fenix fenix_;
   std::string lastReport_;
   std::unique_ptr<MounterSm> sm_;  // last: its handler uses everything above

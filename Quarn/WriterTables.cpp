@@ -1,8 +1,6 @@
 #include "Quarn/WriterTables.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/mman.h>
 
 #include <cmath>
 #include <cstring>
@@ -14,30 +12,12 @@
 
 namespace Quarn {
 
-TableFileReader::TableFileReader(QuarnMem const& mem) : mem_(mem) {
-  if (mem.local()) return;
-  fd_ = ::open(mem.name().c_str(), O_RDONLY | O_CLOEXEC);
-  struct stat st {};
-  if (fd_ >= 0 && (::fstat(fd_, &st) != 0 || std::size_t(st.st_size) != mem.mappedSize())) {
-    ::close(fd_);
-    fd_ = -1;
-  }
-  if (fd_ >= 0) buffer_.reset(new char[chunkSize]);
-}
-
-TableFileReader::~TableFileReader() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 char const* TableFileReader::read(std::size_t offset, std::size_t length) {
-  if (fd_ >= 0 && length <= chunkSize) {
-    std::size_t done = 0;
-    while (done < length) {
-      ssize_t const n = ::pread(fd_, buffer_.get() + done, length - done, off_t(offset + done));
-      if (n <= 0) break;
-      done += std::size_t(n);
-    }
-    if (done == length) return buffer_.get();
+  if (!mem_.local()) {
+    std::size_t const begin = offset / Mem::pageSize() * Mem::pageSize();
+    // A failure (an old kernel, a range past a truncated end) leaves the pages to fault in one
+    // by one on first touch; the truncation handler answers a fault past the end.
+    (void)::madvise(mem_.base() + begin, offset + length - begin, MADV_POPULATE_READ);
   }
   return mem_.base() + offset;
 }

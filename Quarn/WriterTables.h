@@ -32,28 +32,23 @@ inline std::uint32_t linkTarget(char const* unit) noexcept {
 }
 
 // Reads one of the writer's table files front to back in chunks, for checks that read every byte
-// once. A shared file is read through a descriptor of its own into a reused buffer: a mapping that
-// was just made faults each page in on its first touch, and on a freshly started writer those
-// faults, not the reading, dominate a full pass. A local table (or a file whose size on disk no
-// longer matches the mapping) is read through the mapping. Contents are those of the mapping: both
-// views share the pages, and only this writer changes them.
+// once, through the writer's own mapping. A mapping that was just made (a restarted writer's)
+// faults each page in on its first touch, and those faults, not the reading, would dominate a
+// full pass: each chunk's pages are mapped in one call first (MADV_POPULATE_READ), which costs
+// less than faulting them in and less than copying the file through a descriptor, and leaves the
+// mapping populated for the random reads that follow (keys compared in place, the writer's own
+// first writes).
 class TableFileReader {
  public:
-  explicit TableFileReader(QuarnMem const& mem);
-  ~TableFileReader();
-  TableFileReader(TableFileReader const&) = delete;
-  TableFileReader& operator=(TableFileReader const&) = delete;
+  explicit TableFileReader(QuarnMem const& mem) : mem_(mem) {}
 
-  // The bytes [offset, offset + length) of the mapped file, valid until the next call; `length`
-  // at most `chunkSize`, and the range must lie within the mapping. Falls back to the mapping
-  // when a read comes back short.
+  // The bytes [offset, offset + length) of the mapped file; `length` at most `chunkSize`, and the
+  // range must lie within the mapping.
   char const* read(std::size_t offset, std::size_t length);
   static constexpr std::size_t chunkSize = 256 * 1024;
 
  private:
   QuarnMem const& mem_;
-  int fd_ = -1;
-  std::unique_ptr<char[]> buffer_;
 };
 
 // Writer-side statistics; kept in the writer process only.

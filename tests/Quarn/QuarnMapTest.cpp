@@ -158,7 +158,8 @@ TEST_F(QuarnMapFixture, ReaderMountsWhenWriterAppearsAndReportsChangedKeys) {
 }
 
 // A reader's report makes the writer validate: a sound table gets its fenix rewritten (readers
-// re-check), a damaged one raises out of the writer's event loop.
+// re-check); a damaged one is traced and re-formatted under a new fenix with the records it can
+// still trust, nothing escapes the writer's event loop, and the reader re-attaches to it.
 TEST_F(QuarnMapFixture, CorruptionReportMakesWriterValidate) {
   auto writer = map(QuarnType::writer);
   writer->safeWrite(record(3, 3, 3));
@@ -173,34 +174,77 @@ TEST_F(QuarnMapFixture, CorruptionReportMakesWriterValidate) {
   EXPECT_TRUE(reader->fullyAttached());
 
   // The reader meets the damage in a lookup, answers absent and reports it by itself.
+  std::uint32_t const fenix = writer->fenixId();
   corruptBucketOf(TestKey{3, 3});
   bool found = true;
   reader->safeLookup(TestKey{3, 3}, found);
   EXPECT_FALSE(found);
   EXPECT_NE(Quarn::Util::fileRead(root() + "/corruption-detected").find("out-of-range"),
             std::string::npos);
-  EXPECT_EQ(
-      failure<Quarn::CorruptionDetectedException>([&] { runUntil([] { return false; }, 5.0); }),
-      "WriterMounter::notify() failed quarn validation");
+  EXPECT_EQ(failure<std::exception>([&] {
+              ASSERT_TRUE(runUntil([&] {
+                reader->safeLookup(TestKey{3, 3}, found);
+                return found && reader->fenixId() == writer->fenixId();
+              }));
+            }),
+            "no exception");
+  EXPECT_TRUE(trace.contains("WriterMounter::notify() failed quarn validation"));
+  EXPECT_NE(writer->fenixId(), fenix);
+  EXPECT_TRUE(writer->validate());
+  writer->safeWrite(record(3, 4, 4));
+  EXPECT_TRUE(runUntil([&] { return recorder.saw(TestKey{4, 3}); }));
 }
 
-TEST_F(QuarnMapFixture, CorruptionDuringWritesEndsInNoMansLand) {
+// A write that meets corruption ends in no man's land; the writer re-formats its table under a
+// new fenix with the records it can still trust, so the operations after it succeed.
+TEST_F(QuarnMapFixture, CorruptionDuringWritesEndsInNoMansLandThenTheWriterRecovers) {
   auto writer = map(QuarnType::writer);
   writer->safeWrite(record(4, 1, 1));
+  writer->safeWrite(record(5, 1, 7));
+  std::uint32_t const fenix = writer->fenixId();
   corruptBucketOf(TestKey{2, 4});
   EXPECT_EQ(failure([&] { writer->safeWrite(record(4, 2, 2)); }),
             "QuarnMap::safeWrite() in no man's land");
   EXPECT_EQ(trace.count("QuarnMap::corruptionDetected() "), 1u);
-  EXPECT_EQ(failure([&] {
-              writer->safeRemove(TestKey{1, 4});
-            }),
-            "QuarnMap::safeRemove() in no man's land");
-  bool found = true;
-  writer->safeLookup(TestKey{1, 4}, found);  // reported, answered as absent
+  EXPECT_NE(writer->fenixId(), fenix);
+  EXPECT_TRUE(writer->validate());
+  // Both records lay in sound slots and are kept; the failed write is not.
+  bool found = false;
+  EXPECT_EQ(writer->safeLookup(TestKey{1, 5}, found).value, 7u);
+  EXPECT_TRUE(found);
+  writer->safeLookup(TestKey{2, 4}, found);
   EXPECT_FALSE(found);
-  EXPECT_EQ(trace.count("QuarnMap::corruptionDetected() "), 3u);
+  EXPECT_TRUE(writer->safeRemove(TestKey{1, 4}));
+  writer->safeWrite(record(4, 2, 2));
+  writer->safeLookup(TestKey{2, 4}, found);
+  EXPECT_TRUE(found);
+  EXPECT_EQ(writer->members(), 2u);
+  EXPECT_EQ(trace.count("QuarnMap::corruptionDetected() "), 1u);
   // The writer keeps its report to itself: only readers write the corruption file.
   EXPECT_EQ(Quarn::Util::fileRead(root() + "/corruption-detected"), "");
+}
+
+// A slot file cut short under the writer: a record is trusted only when its whole slot still
+// lies within the file (the slot across the cut has its flags but not all of its value).
+TEST_F(QuarnMapFixture, WriterKeepsTheRecordsOfSlotsBeforeATruncation) {
+  auto writer = map(QuarnType::writer, false, 1000);
+  for (std::uint32_t i = 0; i < 300; ++i) writer->safeWrite(record(i, i, i));  // slot i
+  std::size_t const cut = 2 * Mem::pageSize();
+  ASSERT_EQ(::truncate((root() + "/slots").c_str(), off_t(cut)), 0);
+  // Slot i ends at fileSize(slotSize, i + 1).
+  std::uint32_t const slotSize = Quarn::SlotTable::slotSizeFor(sizeof(TestWrapper));
+  std::uint32_t const whole = std::uint32_t((cut - Quarn::SlotTable::headerSize) / slotSize) - 1;
+  EXPECT_EQ(failure([&] { writer->safeWrite(record(400, 400, 400)); }),
+            "QuarnMap::safeWrite() in no man's land");  // its free slot lies past the cut
+  EXPECT_EQ(writer->members(), whole);
+  for (std::uint32_t i = 0; i < 300; ++i) {
+    bool found = false;
+    TestWrapper const w = writer->safeLookup(TestKey{i, i}, found);
+    EXPECT_EQ(found, i < whole) << i;
+    EXPECT_EQ(found ? w.value : i, i);
+  }
+  writer->safeWrite(record(400, 400, 400));
+  EXPECT_TRUE(writer->validate());
 }
 
 TEST_F(QuarnMapFixture, WriterReplacesFileOfAnotherSizeUnderReaders) {
