@@ -137,6 +137,17 @@ class QuarnWriter {
   }
   std::uint32_t allocOrThrow();
   void writeValue(char* slot, void const* value);
+  // Iteration reaches the slots in bucket order, which is random memory order: a cache and TLB
+  // miss per record. This asks for the head slot of the bucket kPrefetchBuckets ahead, so that
+  // its miss overlaps the handling of the records before it. A hint only: the bucket is read
+  // within the mapping, the index is checked against the capacity, nothing of the slot is read.
+  static constexpr std::uint32_t kPrefetchBuckets = 8;
+  void prefetchAhead(std::uint32_t bucket) const noexcept {
+    std::uint32_t const b = bucket + kPrefetchBuckets;
+    if (b >= numBuckets() || BucketTable::fileSize(b + 1) > buckets_.mem().mappedSize()) return;
+    std::uint32_t const head = linkTarget(BucketTable::bucket(buckets_.mem().base(), b));
+    if (head < capacity()) __builtin_prefetch(slots_.slotUnchecked(head));
+  }
   void copyOut(char const* slot, Wrapper& out) const {
     Mem::Atomics::copyFromShared(&out, slot + SlotTable::valueOffset, sizeof(Wrapper));
   }
@@ -329,6 +340,7 @@ bool QuarnWriter<Key, Wrapper>::first(std::uint32_t bucket, Wrapper& out, IterHi
     if (head == noIndex) continue;
     copyOut(chainSlot(head, b, "first", "first"), out);
     hint = {head, b};
+    prefetchAhead(b);
     return true;
   }
   KIV_TRACE(dh_, 8, "QuarnWriter::first() none found!");
@@ -363,6 +375,7 @@ bool QuarnWriter<Key, Wrapper>::next(Key const& key, Wrapper& out, IterHint& hin
   }
   copyOut(s, out);
   hint = {candidate, bucket};
+  prefetchAhead(bucket);
   KIV_TRACE(dh_, 9, "QuarnWriter::next()", ", saving new slot hint ", hint);
   return true;
 }
