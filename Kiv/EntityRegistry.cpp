@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Kiv/Entity.h"
+#include "Kiv/Hash.h"
 
 namespace Kiv {
 
@@ -22,13 +23,7 @@ constexpr unsigned kShardBits = 8;
 constexpr std::size_t kMinCapacity = 16;
 
 std::uint64_t mixed(std::uintptr_t address) noexcept {
-  std::uint64_t x = address;
-  x ^= x >> 33;
-  x *= 0xff51afd7ed558ccdULL;
-  x ^= x >> 33;
-  x *= 0xc4ceb9fe1a85ec53ULL;
-  x ^= x >> 33;
-  return x;
+  return mix64(address);
 }
 
 // One open-addressing table of addresses (0 marks a free cell); capacity is a power of two.

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <ostream>
 
+#include "Kiv/Hash.h"
 #include "Lanx/Text.h"
 
 namespace Lanx {
@@ -86,12 +87,7 @@ std::string IntfId::name() const {
 
 std::uint32_t IntfId::hash() const noexcept {
   // Both words through a 64-bit multiplicative mix; the high half carries the well-mixed bits.
-  std::uint64_t x = (std::uint64_t{kind_} << 32) | packed_;
-  x ^= x >> 33;
-  x *= 0xff51afd7ed558ccdull;
-  x ^= x >> 33;
-  x *= 0xc4ceb9fe1a85ec53ull;
-  x ^= x >> 33;
+  std::uint64_t const x = Kiv::mix64((std::uint64_t{kind_} << 32) | packed_);
   return static_cast<std::uint32_t>(x >> 32) ^ static_cast<std::uint32_t>(x);
 }
 

@@ -2,6 +2,8 @@
 
 #include <bit>
 
+#include "Kiv/Hash.h"
+
 namespace Lanx {
 
 std::uint32_t Ip6Addr::hash(std::uint8_t const* b) noexcept {
@@ -16,13 +18,7 @@ std::uint32_t Ip6Addr::hash(std::uint8_t const* b) noexcept {
     h = std::rotl(h, 13);
     h = h * 5 + 0xe6546b64u;
   }
-  h ^= 16u;
-  h ^= h >> 16;
-  h *= 0x85ebca6bu;
-  h ^= h >> 13;
-  h *= 0xc2b2ae35u;
-  h ^= h >> 16;
-  return h;
+  return Kiv::mix32(h ^ 16u);
 }
 
 }  // namespace Lanx
