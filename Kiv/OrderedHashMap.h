@@ -10,8 +10,9 @@
 //
 // Invariants:
 //   - the list is strictly ascending in (hash, key); size_ counts its entries;
-//   - dir_ is empty exactly when the list is; otherwise dir_.size() == 2^bits_ and
-//     size_ / 4 < dir_.size() < 2 * size_ (it is rebuilt when an insert or erase crosses that);
+//   - dir_ is never empty while the list is not, and then dir_.size() == 2^bits_; it is halved
+//     or doubled when size_ leaves [dir_.size() / 4, dir_.size()] (a doubling that cannot be
+//     allocated leaves it fuller: slower, still exact);
 //   - dir_[b] is the first entry whose hash has top bits b, or null when there is none.
 // Entries never move: an iterator stays valid until its own entry is erased, across insertions
 // and erasures of others and directory rebuilds.
@@ -24,6 +25,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -108,8 +110,11 @@ class OrderedHashMap {
   const_iterator lower_bound(Slot const& slot) const { return const_iterator(lowerBound(slot)); }
 
   // Inserts (slot, value) unless `slot` is present; returns the entry and whether it is new.
+  // Allocation failures throw before anything changed; a directory that cannot grow stays as it
+  // is (fuller runs, the same answers).
   template <class V>
   std::pair<iterator, bool> try_emplace(Slot const& slot, V&& value) {
+    if (dir_.empty()) dir_.assign(1, nullptr);  // bits_ is 0 for a one-entry directory
     Link* const pos = lowerBound(slot);
     if (pos != &head_ && !(slot < slotOf(pos))) return {iterator(pos), false};
     Node* const n = new Node(slot, std::forward<V>(value));
@@ -117,13 +122,10 @@ class OrderedHashMap {
     n->next = pos;
     pos->prev->next = n;
     pos->prev = n;
+    Link*& first = dir_[bucketOf(slot.hash)];
+    if (first == nullptr || first == pos) first = n;
     ++size_;
-    if (size_ > dir_.size()) {
-      rebuild(dir_.empty() ? 1 : 2 * dir_.size());
-    } else {
-      Link*& first = dir_[bucketOf(slot.hash)];
-      if (first == nullptr || first == pos) first = n;
-    }
+    if (size_ > dir_.size()) resize(2 * dir_.size());
     return {iterator(n), true};
   }
   template <class V>
@@ -147,7 +149,7 @@ class OrderedHashMap {
       dir_ = {};
       bits_ = 0;
     } else if (size_ * 4 < dir_.size()) {
-      rebuild(dir_.size() / 2);
+      resize(dir_.size() / 2);
     }
     delete static_cast<Node*>(l);
   }
@@ -185,15 +187,21 @@ class OrderedHashMap {
     return l != &head_ && !(slot < slotOf(l)) ? l : const_cast<Link*>(&head_);
   }
 
-  // Resizes the directory to `entries` (a power of two) and refills it in one walk of the list.
-  void rebuild(std::size_t entries) {
-    unsigned bits = 0;
-    while ((std::size_t{1} << bits) < entries) ++bits;
-    bits_ = bits;
-    dir_.assign(entries, nullptr);
-    for (Link* l = head_.next; l != &head_; l = l->next) {
-      Link*& first = dir_[bucketOf(slotOf(l).hash)];
-      if (first == nullptr) first = l;
+  // Replaces the directory by one of `entries` (a power of two), filled in one walk of the list;
+  // keeps the old one, complete and valid, when the new one cannot be allocated.
+  void resize(std::size_t entries) noexcept {
+    try {
+      std::vector<Link*> dir(entries, nullptr);
+      unsigned bits = 0;
+      while ((std::size_t{1} << bits) < entries) ++bits;
+      for (Link* l = head_.next; l != &head_; l = l->next) {
+        std::uint32_t const hash = slotOf(l).hash;
+        Link*& first = dir[static_cast<std::size_t>((std::uint64_t{hash} << bits) >> 32)];
+        if (first == nullptr) first = l;
+      }
+      dir_.swap(dir);
+      bits_ = bits;
+    } catch (std::bad_alloc const&) {
     }
   }
 
