@@ -5,7 +5,9 @@
 //
 // Members are held by reference (Ptr) and ordered by (KeyHash(key), key): "map order", which is
 // deterministic and independent of insertion order. Each entity chooses its member key hash (for
-// example the bit-reversed address hash).
+// example the bit-reversed address hash). The storage (Kiv/OrderedHashMap.h) finds a key through
+// the top bits of that hash, so a KeyHash should spread its values over the high bits, as the
+// bit-reversed hashes do; lookups cost one directory entry and a short run of the member list.
 //
 // Invariants: a member is in the collection exactly when its parent link names the owner with
 // this collection's attribute identifier. Insert sets the link; erase clears it before the owner's
@@ -20,10 +22,10 @@
 
 #include <cstdint>
 #include <iterator>
-#include <map>
 #include <utility>
 
 #include "Kiv/Entity.h"
+#include "Kiv/OrderedHashMap.h"
 
 namespace Kiv {
 
@@ -50,7 +52,7 @@ class MemberMap {
       return key < o.key;
     }
   };
-  using Map = std::map<Slot, Ptr<Member>>;
+  using Map = OrderedHashMap<Slot, Ptr<Member>>;
 
   template <class MapIterator, class M>
   class IteratorBase {

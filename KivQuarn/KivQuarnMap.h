@@ -41,7 +41,8 @@ class KivQuarnMap : public Quarn::QuarnMap<Key, Wrapper, KivNotifier<Key, Wrappe
   using Record = typename Wrapper::RecordType;
   static constexpr unsigned localWriterSize = 100;
 
-  // Walks the records in the engine's order; `*it` is a copy of the current record.
+  // Walks the records in the engine's order, or in slot order (`slotIterator`); `*it` is a copy
+  // of the current record.
   class Iterator {
    public:
     Iterator() = default;
@@ -49,17 +50,23 @@ class KivQuarnMap : public Quarn::QuarnMap<Key, Wrapper, KivNotifier<Key, Wrappe
     Record const& operator*() const noexcept { return value_; }
     Record const* operator->() const noexcept { return &value_; }
     Key const& key() const noexcept { return value_.key; }
+    // Where the current record was found: lets a later slotIterator resume there.
+    Quarn::IterHint const& hint() const noexcept { return hint_; }
     Iterator& operator++() {
-      if (valid_) valid_ = map_->next(Key(value_.key), value_, hint_);
+      if (valid_) {
+        valid_ = slotOrder_ ? map_->slotNext(Key(value_.key), value_, hint_)
+                            : map_->next(Key(value_.key), value_, hint_);
+      }
       return *this;
     }
 
    private:
     friend class KivQuarnMap;
-    explicit Iterator(KivQuarnMap const* map) : map_(map) {}
+    Iterator(KivQuarnMap const* map, bool slotOrder) : map_(map), slotOrder_(slotOrder) {}
     KivQuarnMap const* map_ = nullptr;
     Wrapper value_;
     Quarn::IterHint hint_;
+    bool slotOrder_ = false;
     bool valid_ = false;
   };
 
@@ -178,16 +185,30 @@ class KivQuarnMap : public Quarn::QuarnMap<Key, Wrapper, KivNotifier<Key, Wrappe
   }
 
   Iterator iterator() const {
-    Iterator it(this);
+    Iterator it(this, false);
     it.valid_ = this->first(it.value_, it.hint_);
     return it;
   }
   // From the record of `start`, or the one after it when `start` is absent.
   Iterator iterator(Key const& start) const {
-    Iterator it(this);
+    Iterator it(this, false);
     bool found = false;
     it.value_ = this->safeLookup(start, found);
     it.valid_ = found || this->next(start, it.value_, it.hint_);
+    return it;
+  }
+  // Slot order (Quarn::QuarnBase::slotFirst): a walk over every record that reads the table's
+  // memory in order. From the first record; or from the record of `start`, and when `start` is
+  // gone from the position `hint` names (the hint() of an iterator that stood on `start`).
+  Iterator slotIterator() const {
+    Iterator it(this, true);
+    it.valid_ = this->slotFirst(it.value_, it.hint_);
+    return it;
+  }
+  Iterator slotIterator(Key const& start, Quarn::IterHint const& hint) const {
+    Iterator it(this, true);
+    it.hint_ = hint;
+    it.valid_ = this->slotAt(start, it.value_, it.hint_);
     return it;
   }
 

@@ -21,6 +21,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "Kiv/Hash.h"
 #include "Kiv/String8.h"
 
 namespace Kiv::NboAttrLog {
@@ -54,12 +55,7 @@ class IntfId {
   std::string toString() const { return name(); }
   // Both words through a 64-bit multiplicative mix; the high half carries the well-mixed bits.
   std::uint32_t hash() const noexcept {
-    std::uint64_t x = (std::uint64_t{kind_} << 32) | packed_;
-    x ^= x >> 33;
-    x *= 0xff51afd7ed558ccdull;
-    x ^= x >> 33;
-    x *= 0xc4ceb9fe1a85ec53ull;
-    x ^= x >> 33;
+    std::uint64_t const x = Kiv::mix64((std::uint64_t{kind_} << 32) | packed_);
     return static_cast<std::uint32_t>(x >> 32) ^ static_cast<std::uint32_t>(x);
   }
 

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <type_traits>
 
+#include "Kiv/Hash.h"
+
 namespace Lanx {
 
 class Ip6Addr {
@@ -35,13 +37,7 @@ class Ip6Addr {
       h = std::rotl(h, 13);
       h = h * 5 + 0xe6546b64u;
     }
-    h ^= 16u;
-    h ^= h >> 16;
-    h *= 0x85ebca6bu;
-    h ^= h >> 13;
-    h *= 0xc2b2ae35u;
-    h ^= h >> 16;
-    return h;
+    return Kiv::mix32(h ^ 16u);
   }
   std::uint32_t hash() const noexcept { return hash(bytes_.data()); }
 

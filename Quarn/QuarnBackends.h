@@ -78,6 +78,13 @@ class WriterBackend final : public QuarnBase<Key, Wrapper> {
   bool next(Key const& key, Wrapper& out, IterHint& hint) override {
     return writer_.next(key, out, hint);
   }
+  bool slotFirst(Wrapper& out, IterHint& hint) override { return writer_.slotFirst(out, hint); }
+  bool slotAt(Key const& key, Wrapper& out, IterHint& hint) override {
+    return writer_.slotAt(key, out, hint);
+  }
+  bool slotNext(Key const& key, Wrapper& out, IterHint& hint) override {
+    return writer_.slotNext(key, out, hint);
+  }
   std::uint32_t members() const override { return writer_.size(); }
   std::uint32_t maxSize() const override { return writer_.slots().tableSize(); }
   std::uint32_t capacity() const override { return writer_.capacity(); }

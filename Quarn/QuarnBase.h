@@ -52,6 +52,25 @@ class QuarnBase {
   // Iteration in the table's order: first entry at or after bucket `bucket`; the entry after key.
   virtual bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) = 0;
   virtual bool next(Key const& key, Wrapper& out, IterHint& hint) = 0;
+  // Iteration in slot order, the order of the entries in the table's memory, for a walk that
+  // touches every entry once (for a table one writer filled, it is also the order in which its
+  // keys were first written). A writer walks its slots; other back ends answer in their
+  // iteration order above, so the hints stay their own. slotAt: the entry of `key`, or when it is
+  // gone the first one at or after the position `hint` names (an earlier answer's hint), or the
+  // first entry when the hint names none. slotNext: the entry after the one of `key`.
+  virtual bool slotFirst(Wrapper& out, IterHint& hint) { return first(0, out, hint); }
+  virtual bool slotAt(Key const& key, Wrapper& out, IterHint& hint) {
+    bool found = false;
+    out = lookup(key, found);
+    if (found) {
+      hint = IterHint();
+      return true;
+    }
+    return next(key, out, hint);
+  }
+  virtual bool slotNext(Key const& key, Wrapper& out, IterHint& hint) {
+    return next(key, out, hint);
+  }
 
   // Number of entries, the configured size, and the current slot capacity.
   virtual std::uint32_t members() const = 0;

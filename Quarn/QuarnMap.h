@@ -160,6 +160,16 @@ class QuarnMap {
   bool next(Key const& key, Wrapper& out, IterHint& hint) const {
     return guardedRead([&] { return backend_->next(key, out, hint); }, false);
   }
+  // Slot order (see QuarnBase::slotFirst).
+  bool slotFirst(Wrapper& out, IterHint& hint) const {
+    return guardedRead([&] { return backend_->slotFirst(out, hint); }, false);
+  }
+  bool slotAt(Key const& key, Wrapper& out, IterHint& hint) const {
+    return guardedRead([&] { return backend_->slotAt(key, out, hint); }, false);
+  }
+  bool slotNext(Key const& key, Wrapper& out, IterHint& hint) const {
+    return guardedRead([&] { return backend_->slotNext(key, out, hint); }, false);
+  }
   std::uint32_t members() const { return backend_->members(); }
 
   // Reports corruption met while using the table; a reading table records it for the writer.

@@ -94,6 +94,13 @@ class QuarnWriter {
     return first(0, out, hint);
   }
   bool next(Key const& key, Wrapper& out, IterHint& hint) const;
+  // Slot order (see QuarnBase::slotFirst): the occupied slots by ascending index, a sequential
+  // read bounded by the slot count. Hints are {slot, bucket of its key}. A key that is gone is
+  // resumed from its hint's slot (which a new key may hold by now); slotNext without a valid
+  // hint then ends, slotAt begins again at the first slot.
+  bool slotFirst(Wrapper& out, IterHint& hint) const { return slotFrom(0, out, hint); }
+  bool slotAt(Key const& key, Wrapper& out, IterHint& hint) const;
+  bool slotNext(Key const& key, Wrapper& out, IterHint& hint) const;
 
   // Returns a value area holding key and zeros for the caller to fill in place (the key must
   // stay unchanged); `directCommit` publishes it. One direct write may be pending at a time.
@@ -146,6 +153,9 @@ class QuarnWriter {
     return reinterpret_cast<Wrapper const*>(slot + SlotTable::valueOffset)->key;
   }
   Found walk(Key const& key, std::uint32_t bucket, char const* op) const;
+  bool slotFrom(std::uint32_t from, Wrapper& out, IterHint& hint) const;
+  // The slot holding `key` (the hint's when it still does), or noIndex when the key is gone.
+  std::uint32_t slotOf(Key const& key, IterHint const& hint, char const* op) const;
   // The slot of `index`, checked to be a valid member of `bucket`'s chain.
   char* chainSlot(std::uint32_t index, std::uint32_t bucket, char const* op,
                   char const* occupiedOp) const;
@@ -154,6 +164,17 @@ class QuarnWriter {
   }
   std::uint32_t allocOrThrow();
   void writeValue(char* slot, void const* value);
+  // Iteration reaches the slots in bucket order, which is random memory order: a cache and TLB
+  // miss per record. This asks for the head slot of the bucket kPrefetchBuckets ahead, so that
+  // its miss overlaps the handling of the records before it. A hint only: the bucket is read
+  // within the mapping, the index is checked against the capacity, nothing of the slot is read.
+  static constexpr std::uint32_t kPrefetchBuckets = 8;
+  void prefetchAhead(std::uint32_t bucket) const noexcept {
+    std::uint32_t const b = bucket + kPrefetchBuckets;
+    if (b >= numBuckets() || BucketTable::fileSize(b + 1) > buckets_.mem().mappedSize()) return;
+    std::uint32_t const head = linkTarget(BucketTable::bucket(buckets_.mem().base(), b));
+    if (head < capacity()) __builtin_prefetch(slots_.slotUnchecked(head));
+  }
   void copyOut(char const* slot, Wrapper& out) const {
     Mem::Atomics::copyFromShared(&out, slot + SlotTable::valueOffset, sizeof(Wrapper));
   }
@@ -429,6 +450,7 @@ bool QuarnWriter<Key, Wrapper>::first(std::uint32_t bucket, Wrapper& out, IterHi
     if (head == noIndex) continue;
     copyOut(chainSlot(head, b, "first", "first"), out);
     hint = {head, b};
+    prefetchAhead(b);
     return true;
   }
   KIV_TRACE(dh_, 8, "QuarnWriter::first() none found!");
@@ -463,8 +485,47 @@ bool QuarnWriter<Key, Wrapper>::next(Key const& key, Wrapper& out, IterHint& hin
   }
   copyOut(s, out);
   hint = {candidate, bucket};
+  prefetchAhead(bucket);
   KIV_TRACE(dh_, 9, "QuarnWriter::next()", ", saving new slot hint ", hint);
   return true;
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::slotFrom(std::uint32_t from, Wrapper& out, IterHint& hint) const {
+  for (std::uint32_t i = from; i < slots_.numSlots(); ++i) {
+    char const* const s = slots_.slotUnchecked(i);
+    if (!(SlotWriterTable::flags(s) & SlotTable::OCCUPIED)) continue;
+    copyOut(s, out);
+    hint = {i, bucketOf(out.key)};
+    return true;
+  }
+  return false;
+}
+
+template <class Key, class Wrapper>
+std::uint32_t QuarnWriter<Key, Wrapper>::slotOf(Key const& key, IterHint const& hint,
+                                                char const* op) const {
+  if (hint.slot < slots_.numSlots() &&
+      (SlotWriterTable::flags(slots_.slotUnchecked(hint.slot)) & SlotTable::OCCUPIED) &&
+      keyAt(slots_.slotUnchecked(hint.slot)) == key) {
+    return hint.slot;
+  }
+  Found const f = walk(key, bucketOf(key), op);
+  return f.found ? f.slot : noIndex;
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::slotAt(Key const& key, Wrapper& out, IterHint& hint) const {
+  std::uint32_t const at = slotOf(key, hint, "slotAt");
+  if (at != noIndex) return slotFrom(at, out, hint);
+  return slotFrom(hint.slot < slots_.numSlots() ? hint.slot : 0, out, hint);
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::slotNext(Key const& key, Wrapper& out, IterHint& hint) const {
+  std::uint32_t const at = slotOf(key, hint, "slotNext");
+  if (at != noIndex) return slotFrom(at + 1, out, hint);
+  return hint.slot < slots_.numSlots() && slotFrom(hint.slot, out, hint);
 }
 
 template <class Key, class Wrapper>

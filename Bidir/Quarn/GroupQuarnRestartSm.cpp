@@ -100,17 +100,26 @@ void GroupQuarnRestartSm::reviewWalk(Iterator it, Handle const& handle,
     ++it;
     if (handled && it && now() >= reviewStopTime_) {
       reviewBookmark_ = bookmarkOf(it.key());
+      bookmarkHint_ = it.hint();
+      bookmarkHintOf_ = reviewBookmark_;
       return;
     }
   }
   reviewBookmark_ = GroupIntfKey();
+  bookmarkHint_ = ::Quarn::IterHint();
+  bookmarkHintOf_ = GroupIntfKey();
   done = true;
+}
+
+::Quarn::IterHint GroupQuarnRestartSm::bookmarkHint() const {
+  return bookmarkHintOf_ == reviewBookmark_ ? bookmarkHint_ : ::Quarn::IterHint();
 }
 
 Status::GroupIterator GroupQuarnRestartSm::groupReviewStart() const {
   if (!quarnStatus_) return {};
-  return !reviewBookmark_ ? quarnStatus_->groupIterator()
-                          : quarnStatus_->groupIterator(reviewBookmark_.groupAddr());
+  return !reviewBookmark_
+             ? quarnStatus_->groupSlotIterator()
+             : quarnStatus_->groupSlotIterator(reviewBookmark_.groupAddr(), bookmarkHint());
 }
 
 void GroupQuarnRestartSm::doReviewGroups() {
@@ -131,8 +140,9 @@ void GroupQuarnRestartSm::doReviewGroupIntfs() {
   if (reviewedGroupIntfs_) return;
   Status::GroupIntfIterator start;
   if (quarnStatus_) {
-    start = !reviewBookmark_ ? quarnStatus_->groupIntfIterator()
-                             : quarnStatus_->groupIntfIterator(reviewBookmark_);
+    start = !reviewBookmark_
+                ? quarnStatus_->groupIntfSlotIterator()
+                : quarnStatus_->groupIntfSlotIterator(reviewBookmark_, bookmarkHint());
   }
   reviewWalk(
       start,

@@ -16,7 +16,10 @@
 // one record. When the time is up it moves to the next record, keeps that record's key in the one
 // `reviewBookmark` shared by the phases (for the group table: the address with the default
 // interface) and asks the clock for a tick at `now`, so the activity's other work has its turn
-// first; the next slice resumes at the bookmarked record (or after it, when it went meanwhile).
+// first; the next slice resumes at the bookmarked record (or where it stood, when it went
+// meanwhile). The walks take the tables in slot order: a sequential read of the table's memory,
+// and the records in the order the previous life first wrote them, so the interfaces of a group
+// tend to come together and find its collections in cache.
 // A phase that reaches the end of its table resets the bookmark to the default key and sets its
 // flag, so a phase always begins from scratch with the default bookmark. Corruption met while
 // walking is reported by the table front and ends that walk.
@@ -138,6 +141,9 @@ class GroupQuarnRestartSm : public Kiv::StateMachine {
   double now() const;
   // Where a walk of the group table begins: the bookmarked group, or the first record.
   Status::GroupIterator groupReviewStart() const;
+  // Where the bookmarked record stood when the last slice ended (nothing when the bookmark has
+  // changed since): a slice resumes there if that record went meanwhile.
+  ::Quarn::IterHint bookmarkHint() const;
   // The common walk of the phases: from the bookmarked record (or the first), `handle(record)`
   // answers whether the record was handled (false: passed over); sets `done` at the end.
   template <class Iterator, class Handle, class BookmarkOf>
@@ -151,6 +157,8 @@ class GroupQuarnRestartSm : public Kiv::StateMachine {
   bool reviewedGroups_ = false;
   bool reviewedGroupIntfs_ = false;
   GroupIntfKey reviewBookmark_;
+  ::Quarn::IterHint bookmarkHint_;
+  GroupIntfKey bookmarkHintOf_;
   double reviewQuantum_ = 0.1;
   double reviewStopTime_ = 0.0;
   bool initialized_ = false;

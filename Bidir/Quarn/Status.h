@@ -84,6 +84,12 @@ class Status : public Kiv::Entity {
   void groupDelAll();
   GroupIterator groupIterator() const { return group_.iterator(); }
   GroupIterator groupIterator(Lanx::IpGenAddr const& start) const { return group_.iterator(start); }
+  // In slot order (KivQuarn::KivQuarnMap::slotIterator), for walks over every record.
+  GroupIterator groupSlotIterator() const { return group_.slotIterator(); }
+  GroupIterator groupSlotIterator(Lanx::IpGenAddr const& start,
+                                  ::Quarn::IterHint const& hint) const {
+    return group_.slotIterator(start, hint);
+  }
   void groupNotify(Lanx::IpGenAddr const& key) const;
 
   // ---- groupIntf
@@ -100,6 +106,11 @@ class Status : public Kiv::Entity {
   GroupIntfIterator groupIntfIterator() const { return groupIntf_.iterator(); }
   GroupIntfIterator groupIntfIterator(GroupIntfKey const& start) const {
     return groupIntf_.iterator(start);
+  }
+  GroupIntfIterator groupIntfSlotIterator() const { return groupIntf_.slotIterator(); }
+  GroupIntfIterator groupIntfSlotIterator(GroupIntfKey const& start,
+                                          ::Quarn::IterHint const& hint) const {
+    return groupIntf_.slotIterator(start, hint);
   }
   void groupIntfNotify(GroupIntfKey const& key) const;
 

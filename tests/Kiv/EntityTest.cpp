@@ -4,15 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "Kiv/Collection.h"
 #include "Kiv/Entity.h"
+#include "Kiv/OrderedHashMap.h"
 
 namespace {
 
@@ -299,6 +303,77 @@ TEST_F(WalkTest, DyingOwnerCannotBeReachedFromItsMembers) {
   EXPECT_EQ(refs, std::vector<Node*>{nullptr});
   EXPECT_EQ(second->parent(), nullptr);
   EXPECT_EQ(second->memberAttributeId(), 0u);
+}
+
+// The collection storage against std::map as the model: the same order, lookups and lower bounds
+// through growth, shrinking and emptying, with well spread hashes and with hashes that all share
+// their top bits (one run holds everything); an iterator held meanwhile stays on its entry.
+TEST(OrderedHashMap, FollowsAnOrderedMapThroughGrowthAndShrinking) {
+  struct Slot {
+    std::uint32_t hash;
+    int key;
+    bool operator<(Slot const& o) const { return hash != o.hash ? hash < o.hash : key < o.key; }
+  };
+  for (bool spread : {true, false}) {
+    auto slotOf = [&](int key) {
+      auto const h = static_cast<std::uint32_t>(key / 3);  // ties broken by key
+      return Slot{spread ? Kiv::bitReverse(h) : h & 0xff, key};
+    };
+    Kiv::OrderedHashMap<Slot, int> map;
+    std::map<Slot, int> model;
+    map.try_emplace(slotOf(-1), -1);  // held across everything below
+    auto const held = map.find(slotOf(-1));
+    std::mt19937 rng(spread ? 1 : 2);
+    for (int step = 0; step < 20000; ++step) {
+      // Grows towards ~1500 entries, then mostly drains.
+      int const key = static_cast<int>(rng() % 2000);
+      bool const insert = step < 12000 ? rng() % 3 != 0 : rng() % 5 == 0;
+      if (insert) {
+        EXPECT_EQ(map.try_emplace(slotOf(key), key).second, model.emplace(slotOf(key), key).second);
+      } else {
+        EXPECT_EQ(map.erase(slotOf(key)), model.erase(slotOf(key)));
+      }
+      int const probe = static_cast<int>(rng() % 2000);
+      auto const lb = model.lower_bound(slotOf(probe));
+      auto const got = map.lower_bound(slotOf(probe));
+      // The held entry sorts first (hash 0, key -1), below every probe.
+      ASSERT_EQ(got == map.end() ? -2 : got->first.key, lb == model.end() ? -2 : lb->first.key)
+          << "step " << step;
+      EXPECT_EQ(map.find(slotOf(probe)) != map.end(), model.count(slotOf(probe)) == 1);
+      if (step % 1000 == 0 || step == 19999) {
+        std::vector<int> mapKeys, modelKeys;
+        for (auto const& [slot, value] : map) {
+          if (value != -1) mapKeys.push_back(value);
+        }
+        for (auto const& [slot, value] : model) modelKeys.push_back(value);
+        ASSERT_EQ(mapKeys, modelKeys) << "step " << step;
+        EXPECT_EQ(map.size(), model.size() + 1);
+        EXPECT_EQ(held->second, -1);
+      }
+    }
+    for (auto const& [slot, value] : model) map.erase(slot);
+    EXPECT_EQ(map.size(), 1u);
+    EXPECT_EQ(map.begin(), held);
+    map.erase(held);
+    EXPECT_TRUE(map.empty() && map.begin() == map.end());
+  }
+}
+
+// Every entity is found from its address while it lives and not after: many entities, half of
+// them destroyed in random order (the registry's erase moves the survivors' cells).
+TEST(EntityLifecycle, LiveEntitiesResolveFromTheirAddressUntilDestroyed) {
+  std::vector<Kiv::Ptr<Node>> nodes;
+  for (int i = 0; i < 5000; ++i) nodes.push_back(new Node(i));
+  std::vector<std::uintptr_t> addresses;
+  for (auto const& n : nodes) addresses.push_back(reinterpret_cast<std::uintptr_t>(n.ptr()));
+  std::vector<std::size_t> order(nodes.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::shuffle(order.begin(), order.end(), std::mt19937(7));
+  for (std::size_t i = 0; i < order.size() / 2; ++i) nodes[order[i]] = nullptr;
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    ASSERT_EQ(Kiv::Entity::liveEntity(addresses[i]).ptr(), nodes[i].ptr()) << i;
+  }
+  EXPECT_EQ(Kiv::Entity::liveEntity(0), nullptr);
 }
 
 TEST(EntityLifecycle, NondestructingEntitySurvivesZeroReferencesUntilReleased) {
