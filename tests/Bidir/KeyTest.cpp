@@ -10,6 +10,7 @@
 #include "Bidir/GroupIntfKey.h"
 #include "Bidir/States.h"
 #include "Kiv/Exception.h"
+#include "Quarn/TestRecord.h"
 
 namespace {
 
@@ -83,14 +84,7 @@ TEST(JoinStates, ConversionsAreExactAndUseTheirOwnErrorTexts) {
        [](unsigned v) { return GroupIntfStates::joinStateName(GroupIntfStates::JoinState(v)); },
        "GroupIntf::JoinState", "JoinState"},
   };
-  auto message = [](auto&& f) -> std::string {
-    try {
-      f();
-    } catch (Kiv::RangeException const& e) {
-      return e.what();
-    }
-    return "no exception";
-  };
+  auto message = [](auto&& f) { return QuarnTest::failure<Kiv::RangeException>(f); };
   for (Enumeration const& e : enumerations) {
     unsigned const count = static_cast<unsigned>(e.names.size());
     for (unsigned v = 0; v < count; ++v) {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -20,6 +19,7 @@
 #include "Bidir/Status.h"
 #include "Kiv/EntityText.h"
 #include "Kiv/Text.h"
+#include "Quarn/TestRecord.h"
 
 namespace {
 
@@ -31,18 +31,9 @@ namespace Records = Routing::Pim::Bidir::Quarn;
 using GroupKey = ClearConfig::GroupKey;
 using Kiv::valueToStrep;
 
-std::string refusal(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (Kiv::RangeException const& e) {
-    return e.what();
-  }
-  return "accepted";
-}
-
 template <class T>
 std::string refusalOf(String8 const& text) {
-  return refusal([&] { Kiv::strepToValue<T>(text); });
+  return QuarnTest::failure<Kiv::RangeException>([&] { Kiv::strepToValue<T>(text); });
 }
 
 IpGenAddr randomAddr(std::mt19937& rng) {

@@ -17,21 +17,18 @@ using Lanx::IntfId;
 using Lanx::IpGenAddr;
 using Lanx::IpGenPrefix;
 
-TEST(IpGenAddrText, CanonicalFormsRoundTrip) {
+TEST(IpGenAddrText, SpellingsPrintCanonicallyAndRoundTrip) {
   for (char const* text : {"239.1.1.1", "0.0.0.0", "255.255.255.255", "ff0e::1", "::", "::1",
                            "2001:db8::1:0:0:1", "2001:0:0:1::1", "1::", "::ffff:10.1.2.3",
                            "fe80::1:2:3:4:5", "fe80:0:1:2:3:4:5:6", "1:2:3:4:5:6:7:8", ""}) {
-    IpGenAddr addr(text);
-    EXPECT_EQ(addr.toString(), text);
-    EXPECT_EQ(IpGenAddr(addr.toString()), addr);
+    EXPECT_EQ(IpGenAddr(text).toString(), text);
   }
-}
-
-TEST(IpGenAddrText, NonCanonicalSpellingsPrintCanonically) {
-  EXPECT_EQ(IpGenAddr("FF0E:0000:0::0001").toString(), "ff0e::1");
-  EXPECT_EQ(IpGenAddr("2001:db8:0:0:1:0:0:1").toString(), "2001:db8::1:0:0:1");  // first run wins
-  EXPECT_EQ(IpGenAddr("2001:db8:0:1:1:1:1:1").toString(), "2001:db8:0:1:1:1:1:1");  // lone 0 kept
-  EXPECT_EQ(IpGenAddr("::1.2.3.4").toString(), "::102:304");
+  std::pair<char const*, char const*> const loose[] = {
+      {"FF0E:0000:0::0001", "ff0e::1"},
+      {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},         // first run wins
+      {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},      // lone 0 kept
+      {"::1.2.3.4", "::102:304"}};
+  for (auto const& [text, canonical] : loose) EXPECT_EQ(IpGenAddr(text).toString(), canonical);
 }
 
 // Every text must be refused with a RangeException whose message quotes the text.

@@ -59,15 +59,12 @@ struct KickFixture : ::testing::Test {
         root, [this] { return writerSequence; }, [this](std::uint32_t n) { counts.push_back(n); },
         activity);
   }
-
-  pid_t spawnReader(std::string const& root) { return children.spawn(root); }
-  void killReader(pid_t pid) { children.kill(pid); }
 };
 
 TEST_F(KickFixture, ReadersAreCountedWokenAndDroppedWhenKilled) {
   auto w = writer(tmp.path());
   EXPECT_EQ(w->lowestSequence(), WriterKick::noReaders);
-  pid_t first = spawnReader(tmp.path());
+  pid_t first = children.spawn(tmp.path());
   // Connected and asleep, having acknowledged nothing: it holds pruning at 0.
   ASSERT_TRUE(runUntil(activity, [&] { return w->numReaders() == 1 && w->numSleepers() == 1; }));
   EXPECT_EQ(w->lowestSequence(), 0u);
@@ -80,7 +77,7 @@ TEST_F(KickFixture, ReadersAreCountedWokenAndDroppedWhenKilled) {
       runUntil(activity, [&] { return w->lowestSequence() == 5 && w->numSleepers() == 1; }));
 
   // A second reader that goes to sleep at 0 while the writer is already at 5 is kicked at once.
-  pid_t second = spawnReader(tmp.path());
+  pid_t second = children.spawn(tmp.path());
   ASSERT_TRUE(runUntil(activity, [&] { return w->numReaders() == 2 && w->numSleepers() == 2; }));
   EXPECT_EQ(w->lowestSequence(), 5u);
 
@@ -89,10 +86,10 @@ TEST_F(KickFixture, ReadersAreCountedWokenAndDroppedWhenKilled) {
   ASSERT_TRUE(
       runUntil(activity, [&] { return w->lowestSequence() == 9 && w->numSleepers() == 2; }));
 
-  killReader(first);
+  children.kill(first);
   ASSERT_TRUE(runUntil(activity, [&] { return w->numReaders() == 1; }));
   EXPECT_EQ(w->numSleepers(), 1u);
-  killReader(second);
+  children.kill(second);
   ASSERT_TRUE(runUntil(activity, [&] { return w->numReaders() == 0; }));
   EXPECT_EQ(w->numSleepers(), 0u);
   EXPECT_EQ(w->lowestSequence(), WriterKick::noReaders);
@@ -114,7 +111,7 @@ TEST_F(KickFixture, ReaderStartedBeforeWriterAndAcrossWriterRestart) {
       },
       activity);
   std::filesystem::create_directory(root);
-  pid_t child = spawnReader(root);
+  pid_t child = children.spawn(root);
   ASSERT_TRUE(runUntil(activity, [&] { return readerUp; }));
 
   auto w = writer(root);
@@ -126,7 +123,7 @@ TEST_F(KickFixture, ReaderStartedBeforeWriterAndAcrossWriterRestart) {
   writerSequence = 3;
   w = writer(root);
   ASSERT_TRUE(runUntil(activity, [&] { return w->numReaders() == 1 && w->lowestSequence() == 3; }));
-  killReader(child);
+  children.kill(child);
 }
 
 // In-process checks of the wire: a reader whose connection is set up by hand.

@@ -83,27 +83,25 @@ TEST_F(QuarnMapFixture, InitRefusesBadParametersAndLeavesTheMapAsItWas) {
 }
 
 TEST_F(QuarnMapFixture, LocalWriterWritesIteratesAndRefusesReaderOperations) {
-  {
-    auto m = map(QuarnType::writer, true);
-    for (std::uint32_t i = 0; i < 3; ++i) m->safeWrite(record(1, i, 10 + i));
-    m->directWrite(TestKey{7, 2})->value = 77;
-    m->directCommit();
-    bool found = false;
-    EXPECT_EQ(m->safeLookup(TestKey{7, 2}, found).value, 77u);
-    EXPECT_TRUE(m->safeRemove(TestKey{0, 1}));
-    EXPECT_FALSE(m->safeRemove(TestKey{0, 1}));
-    std::uint32_t seen = 0;
-    TestWrapper out;
-    Quarn::IterHint hint;
-    for (bool more = m->first(out, hint); more; more = m->next(out.key, out, hint)) ++seen;
-    EXPECT_EQ(seen, 3u);
-    EXPECT_EQ(m->members(), 3u);
-    EXPECT_NE(m->writerCounters().find("writes:4"), std::string::npos);
-    EXPECT_EQ(failure([&] { m->readerCounters(); }), "readerCounters() not implemented");
-    EXPECT_TRUE(m->validate());
-    EXPECT_TRUE(m->validateFiles());
-    EXPECT_FALSE(std::filesystem::exists(root()));  // local: no files
-  }
+  auto m = map(QuarnType::writer, true);
+  for (std::uint32_t i = 0; i < 3; ++i) m->safeWrite(record(1, i, 10 + i));
+  m->directWrite(TestKey{7, 2})->value = 77;
+  m->directCommit();
+  bool found = false;
+  EXPECT_EQ(m->safeLookup(TestKey{7, 2}, found).value, 77u);
+  EXPECT_TRUE(m->safeRemove(TestKey{0, 1}));
+  EXPECT_FALSE(m->safeRemove(TestKey{0, 1}));
+  std::uint32_t seen = 0;
+  TestWrapper out;
+  Quarn::IterHint hint;
+  for (bool more = m->first(out, hint); more; more = m->next(out.key, out, hint)) ++seen;
+  EXPECT_EQ(seen, 3u);
+  EXPECT_EQ(m->members(), 3u);
+  EXPECT_NE(m->writerCounters().find("writes:4"), std::string::npos);
+  EXPECT_EQ(failure([&] { m->readerCounters(); }), "readerCounters() not implemented");
+  EXPECT_TRUE(m->validate());
+  EXPECT_TRUE(m->validateFiles());
+  EXPECT_FALSE(std::filesystem::exists(root()));  // local: no files
 }
 
 TEST_F(QuarnMapFixture, ReadingTableRefusesEverythingThatChangesOrChecksFiles) {

@@ -50,10 +50,11 @@ struct Mounted : ::testing::Test {
     std::string error;
     ASSERT_TRUE(r.initialize(t.writer->fenix(), error)) << error;
   }
-  // The slot of `key` on the writer's side.
-  char* slotOf(TestKey const& key) {
-    return t.writer->slots().slot(t.writer->find(key, t.writer->bucketOf(key)).slot);
+  // The index and the memory of the slot of `key` on the writer's side.
+  std::uint32_t indexOf(TestKey const& key) {
+    return t.writer->find(key, t.writer->bucketOf(key)).slot;
   }
+  char* slotOf(TestKey const& key) { return t.writer->slots().slot(indexOf(key)); }
 };
 
 std::map<TestKey, std::uint32_t> readAll(Reader& r) {
@@ -127,8 +128,6 @@ TEST_F(Mounted, PersistentContradictionsAreCorruption) {
   t.writer->write(record(5, 1, 1));
   t.writer->write(record(5, 2, 2));
   char* last = slotOf(TestKey{2, 5});
-  std::uint32_t const lastIndex =
-      t.writer->find(TestKey{2, 5}, t.writer->bucketOf(TestKey{2, 5})).slot;
 
   // The chain's last slot loses OCCUPIED while still linked.
   auto flags = Quarn::SlotWriterTable::flags(last);
@@ -138,7 +137,7 @@ TEST_F(Mounted, PersistentContradictionsAreCorruption) {
   Quarn::SlotWriterTable::flagsIs(last, flags);
 
   // The chain's last slot links back to itself.
-  Quarn::publishLink(last, lastIndex);
+  Quarn::publishLink(last, indexOf(TestKey{2, 5}));
   EXPECT_EQ(corruptionOfLookup(r, TestKey{3, 5})
                 .rfind("QuarnReader::doLookup() hash chain cycle detected, ", 0),
             0u);
@@ -149,10 +148,6 @@ TEST_F(Mounted, PersistentContradictionsAreCorruption) {
 // steps, as lookups do.
 TEST_F(Mounted, IterationOverACycledChainEndsInCorruption) {
   for (std::uint32_t i = 0; i < 4; ++i) t.writer->write(record(9, i, i));
-  auto indexOf = [&](std::uint32_t id) {
-    TestKey const k{id, 9};
-    return t.writer->find(k, t.writer->bucketOf(k)).slot;
-  };
   char* tail = slotOf(TestKey{3, 9});
   std::uint32_t const bound = t.writer->capacity() + 1;
   // Steps an iteration takes before it ends; fails the test unless corruption ended it.
@@ -168,7 +163,7 @@ TEST_F(Mounted, IterationOverACycledChainEndsInCorruption) {
   };
   for (std::uint32_t target : {0u, 1u, 3u}) {
     SCOPED_TRACE(target);
-    Quarn::publishLink(tail, indexOf(target));
+    Quarn::publishLink(tail, indexOf(TestKey{target, 9}));
     EXPECT_LE(steps([&](TestWrapper& w, Quarn::IterHint& h) { return t.writer->first(0, w, h); },
                     [&](TestWrapper& w, Quarn::IterHint& h) {
                       return t.writer->next(TestKey(w.key), w, h);

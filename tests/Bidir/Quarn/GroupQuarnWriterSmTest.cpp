@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "Kiv/Trace.h"
+#include "Mirror.h"
+#include "Quarn/TestRecord.h"
 #include "support/QuarnRoot.h"
 
 namespace {
@@ -43,20 +45,10 @@ using IntfRecords = std::map<GroupIntfKey, BQ::GroupIntf>;
 std::pair<GroupRecords, IntfRecords> expected(Bidir::Status const& status) {
   std::pair<GroupRecords, IntfRecords> out;
   for (Bidir::Group const& g : status.groupIter()) {
-    BQ::Group& r = out.first[g.groupAddr()];
-    r.key = g.groupAddr();
-    r.creationTime = g.creationTime();
-    r.upJoinState = g.upJoinState();
-    r.inactive = g.inactive();
+    out.first[g.groupAddr()] = MirrorTest::recordOf(g);
     for (Bidir::GroupIntf const& i : g.groupIntfIter()) {
-      GroupIntfKey const key(g.groupAddr(), i.intfId());
-      BQ::GroupIntf& ri = out.second[key];
-      ri.key = key;
-      ri.forward = i.forward();
-      ri.joinState = i.joinState();
-      ri.lastJoinReceived = i.lastJoinReceived();
-      ri.localReceiverInclude = i.localReceiverInclude();
-      ri.iAmDf = i.iAmDf();
+      BQ::GroupIntf const r = MirrorTest::recordOf(g.groupAddr(), i);
+      out.second[r.key] = r;
     }
   }
   return out;
@@ -222,14 +214,7 @@ TEST_F(GroupQuarnWriterSmTest, TeardownLeavesEveryRecordAndResyncFollowsMissedCh
   groupWith(1, 2);
   groupWith(2, 2);
   auto sm = writer();
-  auto refused = [](auto&& f) {
-    try {
-      f();
-    } catch (Kiv::NullArgumentException const& e) {
-      return std::string(e.what());
-    }
-    return std::string();
-  };
+  auto refused = [](auto&& f) { return QuarnTest::failure<Kiv::NullArgumentException>(f); };
   EXPECT_EQ(refused([&] { sm->groupIs(nullptr); }),
             "null _group parameter to mutator for "
             "Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm::group not allowed\"");
