@@ -267,18 +267,24 @@ bool ConquerWriter::validateHeader(std::uint32_t t, std::uint32_t fenix, std::st
   return false;
 }
 
-bool ConquerWriter::validate(std::uint32_t fenix, std::string& error) const {
+bool ConquerWriter::validateHeaders(std::uint32_t fenix, std::string& error) const {
   // The other table is written by the next compaction: its header must hold as much as the
   // current one's.
   for (std::uint32_t t = 0; t < 2; ++t) {
     if (!validateHeader(t, fenix, error)) return false;
   }
-  std::ostringstream os;
   if (std::uint32_t const cur = header(0)->load(header(0)->currentTable); cur != current_) {
+    std::ostringstream os;
     os << "ConquerWriter::validate() currentTable:" << cur << " writer's:" << current_;
     error = os.str();
     return false;
   }
+  return true;
+}
+
+bool ConquerWriter::validate(std::uint32_t fenix, std::string& error) const {
+  if (!validateHeaders(fenix, error)) return false;
+  std::ostringstream os;
   std::uint32_t const end = currentPos(current_);
   std::uint64_t previous = 0;
   bool const ordered = forEachEntry(end, [&](std::uint32_t p, std::uint64_t sequence, std::uint32_t) {
@@ -303,7 +309,7 @@ bool ConquerWriter::validate(std::uint32_t fenix, std::string& error) const {
   return true;
 }
 
-bool ConquerWriter::validateFile() const {
+bool ConquerWriter::validateFile(bool grownAllowed) const {
   static char const* const failures[2] = {
       "ConquerWriter::validateFile(): conquer.1 validation failed",
       "ConquerWriter::validateFile(): conquer.2 validation failed"};
@@ -313,7 +319,8 @@ bool ConquerWriter::validateFile() const {
     bool const valid = validateHeader(t, fenix_, why);
     if (!valid) KIV_TRACE(dh_, 0, why);
     if (!valid ||
-        !ValidatorBase::validateFile(dh_, mem_[t].name(), ConquerTable::fileSize(capacity(t)))) {
+        !ValidatorBase::validateFile(dh_, mem_[t].name(), ConquerTable::fileSize(capacity(t)),
+                                     grownAllowed)) {
       KIV_TRACE(dh_, 0, failures[t]);
       return false;
     }

@@ -71,8 +71,11 @@ class ConquerWriter {
   // Both tables' headers against their mappings (table id, capacity, currentPos), the current
   // table id, and the current table's entry order against minSeq (false + message).
   bool validate(std::uint32_t fenix, std::string& error) const;
-  // Both files: header against the mapping and size on disk against the header.
-  bool validateFile() const;
+  // The header part of `validate`: both headers and the current table id.
+  bool validateHeaders(std::uint32_t fenix, std::string& error) const;
+  // Both files: header against the mapping and size on disk against the header (or above it,
+  // with `grownAllowed`).
+  bool validateFile(bool grownAllowed = false) const;
   void cleanup();
 
   std::uint32_t currentTable() const noexcept { return current_; }

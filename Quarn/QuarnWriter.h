@@ -79,8 +79,10 @@ class QuarnWriter {
     if (size == 0) throw Jorv::InvalidInitializeException("QuarnWriter() table size 0");
   }
 
-  // Maps the files, keeps their entries when all four belong to this incarnation and validate,
-  // else re-formats every file under fenix + 1.
+  // Maps the files and keeps their entries when all four belong to this incarnation and
+  // validate. When they belong to it but fail validation (the last writer was killed inside a
+  // change), keeps the records that can be trusted under fenix + 1 (`recover`); otherwise
+  // re-formats every file under fenix + 1.
   void attach();
 
   // Inserts or updates the entry of value.key; returns its value area in the slot.
@@ -109,6 +111,9 @@ class QuarnWriter {
   bool directPending() const noexcept { return pending_ != noIndex; }
 
   bool validate() { return Validator<Key, Wrapper>(dh_, *this).validate(fenix_); }
+  // The headers and file sizes alone, a file grown beyond its header allowed (see
+  // ValidatorBase::checkHeaders); never throws.
+  bool headersValid() noexcept;
   // A mapping of the files was truncated under this writer (checks the files only when a fault
   // was answered in this process since the last check).
   bool damageNoticed();
@@ -117,9 +122,10 @@ class QuarnWriter {
   // when the files are found damaged or fail validation while the writer runs. Raises
   // Jorv::Exception when the fresh files cannot be made.
   void recover(std::string const& why);
-  // The records of occupied slots, not under a write (no LOOKASIDE), that lie wholly within
-  // the slot file as it is now; a key found in more than one slot is dropped, since neither
-  // copy can be told right. Zero pages put in place of a truncated part hold no occupied slot.
+  // The records of occupied slots that lie wholly within the slot file as it is now (for a slot
+  // under an update, the staged value if it names the slot's key); a key found in more than one
+  // slot is dropped, since neither copy can be told right. Zero pages put in place of a
+  // truncated part hold no occupied slot.
   std::vector<Wrapper> trustedRecords() const;
   bool validateFiles() const;
   void cleanup();
@@ -179,6 +185,13 @@ class QuarnWriter {
     Mem::Atomics::copyFromShared(&out, slot + SlotTable::valueOffset, sizeof(Wrapper));
   }
   bool attachAll(std::uint32_t fenix, bool force);
+  // Files whose headers all check out but whose structure does not are what a writer killed
+  // inside a change leaves (a notification claimed but not yet published, an update between its
+  // flag steps, a count not yet adjusted, a compaction half done, a file grown before its
+  // header). They are recovered like damage met while running (`recover`): the records are
+  // kept under a new fenix, which makes readers re-attach and resynchronise. False when even
+  // that fails.
+  bool recoverInterrupted();
   // Ends operation `op` as corrupt when a mapping was found damaged after it.
   void checkIntact(char const* op) {
     if (damageNoticed()) {
@@ -233,7 +246,9 @@ void QuarnWriter<Key, Wrapper>::attach() {
   }
   // A local table is always new and nothing of it can survive: it keeps the pid as its fenix.
   bool const kept = attachAll(fenix_, false) || local_;
-  if (!kept || !validate()) {
+  bool valid = kept && validate();
+  if (kept && !valid && !local_ && headersValid()) valid = recoverInterrupted();
+  if (!valid) {
     KIV_TRACE(dh_, 3, "QuarnWriter::attach() failed, all entries from ", root_.str(),
               " will be lost");
     fenix_ = nextFenix(fenix_);
@@ -249,6 +264,27 @@ void QuarnWriter<Key, Wrapper>::attach() {
   }
   KIV_TRACE(dh_, 3, "QuarnWriter::attach() success ", root_.str(), " capacity: ", capacity(),
             " fenixId: ", fenix_);
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::headersValid() noexcept {
+  try {
+    return Validator<Key, Wrapper>(dh_, *this).checkHeaders(fenix_, true);
+  } catch (std::exception const&) {
+    return false;
+  }
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::recoverInterrupted() {
+  try {
+    recover("QuarnWriter::attach() files of " + root_.str() +
+            " failed validation, keeping the records that can be trusted");
+    return true;
+  } catch (std::exception const& e) {
+    KIV_TRACE(dh_, 0, "QuarnWriter::attach() recovery failed: ", e.what());
+    return false;
+  }
 }
 
 template <class Key, class Wrapper>
@@ -277,9 +313,16 @@ std::vector<Wrapper> QuarnWriter<Key, Wrapper>::trustedRecords() const {
   for (std::uint32_t i = 0; i < n; ++i) {
     char const* const s = slots_.slotUnchecked(i);
     std::uint32_t const flags = SlotWriterTable::flags(s);
-    if ((flags & SlotTable::OCCUPIED) && !(flags & SlotTable::LOOKASIDE)) {
+    if (!(flags & SlotTable::OCCUPIED)) continue;
+    if (!(flags & SlotTable::LOOKASIDE)) {
       copyOut(s, out.emplace_back());
+      continue;
     }
+    // An update stopped between its two flag steps: LOOKASIDE is set only once the whole new
+    // value is staged, so the staged value is the update's result when it names this key.
+    Wrapper staged;
+    Mem::Atomics::copyFromShared(&staged, slots_.lookasideValue(), sizeof staged);
+    if (staged.key == keyAt(s)) out.push_back(staged);
   }
   auto const less = [](Wrapper const& a, Wrapper const& b) { return a.key < b.key; };
   std::sort(out.begin(), out.end(), less);

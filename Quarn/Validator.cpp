@@ -38,7 +38,7 @@ bool ValidatorBase::validate(std::uint32_t fenix) {
   return valid;
 }
 
-bool ValidatorBase::doValidate(std::uint32_t fenix) {
+bool ValidatorBase::checkHeaders(std::uint32_t fenix, bool grownAllowed) {
   error_.clear();
   std::string text;
   BucketTable::Header const* const bh = buckets_.header();
@@ -54,11 +54,18 @@ bool ValidatorBase::doValidate(std::uint32_t fenix) {
                     " slotSize:", sh->load(sh->slotSize), " writer's:", slots_.numSlots(), "/",
                     slots_.slotSize());
   }
-  if (!conquer_.validate(fenix, text)) return fail(text);
-  if (!validateFiles(dh_, slots_, buckets_, conquer_)) {
+  if (!conquer_.validateHeaders(fenix, text)) return fail(text);
+  if (!validateFiles(dh_, slots_, buckets_, conquer_, grownAllowed)) {
     return fail("Validator::doValidate() " + rootPath_ +
                 " files on disk differ from their headers");
   }
+  return true;
+}
+
+bool ValidatorBase::doValidate(std::uint32_t fenix) {
+  if (!checkHeaders(fenix)) return false;
+  std::string text;
+  if (!conquer_.validate(fenix, text)) return fail(text);
 
   std::uint32_t const numSlots = slots_.numSlots();
   slotMarks_.assign((std::size_t(numSlots) + 63) / 64, 0);
@@ -183,9 +190,9 @@ bool ValidatorBase::walkFreeSlots() {
 }
 
 bool ValidatorBase::validateFile(Jorv::DebugHandler& dh, std::string const& fileName,
-                                 std::size_t expectedSize) {
+                                 std::size_t expectedSize, bool grownAllowed) {
   std::size_t const onDisk = Util::memSize(fileName);
-  if (onDisk == expectedSize) return true;
+  if (onDisk == expectedSize || (grownAllowed && onDisk > expectedSize)) return true;
   KIV_TRACE(dh, 0, "ValidatorBase::validateFile() wrong size ", fileName, " size:", onDisk,
             " expected:", expectedSize);
   return false;
@@ -196,12 +203,13 @@ bool ValidatorBase::validateFile(Jorv::DebugHandler& dh, std::string const& file
 namespace Quarn {
 
 bool ValidatorBase::validateFiles(Jorv::DebugHandler& dh, SlotWriterTable const& slots,
-                                  BucketWriterTable const& buckets, ConquerWriter const& conquer) {
+                                  BucketWriterTable const& buckets, ConquerWriter const& conquer,
+                                  bool grownAllowed) {
   if (slots.mem().local()) return true;
   return validateFile(dh, slots.mem().name(),
-                      SlotTable::fileSize(slots.slotSize(), slots.numSlots())) &&
+                      SlotTable::fileSize(slots.slotSize(), slots.numSlots()), grownAllowed) &&
          validateFile(dh, buckets.mem().name(), BucketTable::fileSize(buckets.numBuckets())) &&
-         conquer.validateFile();
+         conquer.validateFile(grownAllowed);
 }
 
 }  // namespace Quarn

@@ -47,6 +47,10 @@ class ValidatorBase {
   bool validate(std::uint32_t fenix);
   // The checks in order; false at the first failure (its message in `error()`).
   bool doValidate(std::uint32_t fenix);
+  // The first of them: every header against its mapping, the fenix and the writer's
+  // configuration, and the files' sizes on disk (`grownAllowed`: a file may be larger than its
+  // header says, as a writer killed inside a growth leaves it). Does not walk the structure.
+  bool checkHeaders(std::uint32_t fenix, bool grownAllowed = false);
   std::string const& error() const noexcept { return error_; }
 
   // Every slot reached through the chains: each occupied, in its key's bucket, reached once.
@@ -57,10 +61,11 @@ class ValidatorBase {
 
   // The file's size on disk against the size its header requires.
   static bool validateFile(Jorv::DebugHandler& dh, std::string const& fileName,
-                           std::size_t expectedSize);
+                           std::size_t expectedSize, bool grownAllowed = false);
   // validateFile for every file of a shared table, and both notification headers.
   static bool validateFiles(Jorv::DebugHandler& dh, SlotWriterTable const& slots,
-                            BucketWriterTable const& buckets, ConquerWriter const& conquer);
+                            BucketWriterTable const& buckets, ConquerWriter const& conquer,
+                            bool grownAllowed = false);
 
  protected:
   // What the walks need of one slot, gathered by one sequential pass over the slot file so that

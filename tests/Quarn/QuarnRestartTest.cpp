@@ -1,5 +1,6 @@
-// A writer killed with SIGKILL leaves its files; the next writer keeps them when they validate and
-// re-formats them under a new fenix when they do not.
+// A writer killed with SIGKILL leaves its files; the next writer keeps them when they validate,
+// keeps their records under a new fenix when it was killed inside a change, and re-formats them
+// under a new fenix when their headers are damaged.
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -69,6 +70,19 @@ std::string spareTable(std::string const& dir) {
   return dir + (at(fileBytes(dir + "/conquer.1"), 32) == 0 ? "/conquer.2" : "/conquer.1");
 }
 
+// The records writeAndKill leaves, key 1 holding `value1`.
+void expectSurvivors(Writer& w, std::uint32_t value1 = 3) {
+  EXPECT_EQ(w.size(), kRecords - kRecords / 10);
+  for (std::uint32_t i = 0; i < kRecords; ++i) {
+    bool found = false;
+    TestWrapper const v = w.lookup(TestKey{i, i % 17}, found);
+    EXPECT_EQ(found, i % 10 != 0) << i;
+    if (found) {
+      EXPECT_EQ(v.value, i == 1 ? value1 : i + 2) << i;
+    }
+  }
+}
+
 TEST(QuarnRestart, KilledWritersEntriesSurvive) {
   TempRoot root;
   writeAndKill(root.path());
@@ -81,15 +95,7 @@ TEST(QuarnRestart, KilledWritersEntriesSurvive) {
   w.attach();
   EXPECT_FALSE(trace.contains("will be lost"));
   EXPECT_EQ(w.fenix(), fenix);
-  EXPECT_EQ(w.size(), kRecords - kRecords / 10);
-  for (std::uint32_t i = 0; i < kRecords; ++i) {
-    bool found = false;
-    TestWrapper const v = w.lookup(TestKey{i, i % 17}, found);
-    EXPECT_EQ(found, i % 10 != 0) << i;
-    if (found) {
-      EXPECT_EQ(v.value, i + 2);
-    }
-  }
+  expectSurvivors(w);
   // The notification sequence goes on from where the killed writer stopped.
   std::uint64_t const before = w.conquer().sequence();
   EXPECT_GE(before, 3 * kRecords + kRecords / 10);
@@ -113,9 +119,6 @@ TEST(QuarnRestart, DamagedFilesAreReformattedUnderNextFenix) {
   };
   std::vector<Case> const cases{
       {"class name byte", [](std::string const& dir) { flipBits(dir + "/slots", 85, 0x10); }},
-      {"stuck LOOKASIDE",
-       // Slot 1 holds key 1 (slot 0 held key 0, removed): its flags word sits at +12.
-       [](std::string const& dir) { flipBits(dir + "/slots", 176 + 48 * 2 + 12, 0x02); }},
       {"truncated notification table",
        [](std::string const& dir) { ASSERT_EQ(::truncate((dir + "/conquer.1").c_str(), 60), 0); },
        "TestRecord", "ConquerWriter::attachConquer() resize from 60 to "},
@@ -164,6 +167,69 @@ TEST(QuarnRestart, DamagedFilesAreReformattedUnderNextFenix) {
     EXPECT_EQ(slots.size(), 176 + 48 * (w.capacity() + 1));
     EXPECT_TRUE(w.validate());
     EXPECT_TRUE(w.validateFiles());
+  }
+}
+
+// What a writer killed inside a change leaves: the headers check out, the structure does not.
+// The next writer keeps every record under a new fenix, so that readers resynchronise.
+TEST(QuarnRestart, WriterKilledInsideAChangeKeepsItsRecords) {
+  // Slot 1 holds key 1 (slot 0 held key 0, removed); a slot is 48 bytes after the 176-byte
+  // header and the lookaside slot, its value 16 bytes in, the record's value 8 bytes further.
+  constexpr std::size_t kSlot1 = 176 + 48 * 2;
+  auto currentTable = [](std::string const& dir) {
+    return dir + (at(fileBytes(dir + "/conquer.1"), 32) == 0 ? "/conquer.1" : "/conquer.2");
+  };
+  struct Case {
+    char const* name;
+    std::function<void(std::string const& dir)> interrupt;
+    std::uint32_t value1 = 3;
+  };
+  std::vector<Case> const cases{
+      {"update between its two flag steps",
+       [](std::string const& dir) {
+         auto const slots = fileBytes(dir + "/slots");
+         for (std::size_t w = 0; w < 7; ++w) {  // stage key 1's record with value 777
+           writeWord(dir + "/slots", 176 + 16 + 4 * w, w == 2 ? 777 : at(slots, kSlot1 + 16 + 4 * w));
+         }
+         flipBits(dir + "/slots", kSlot1 + 12, 0x02);
+       },
+       777},
+      {"notification written and claimed, not yet published",
+       [&](std::string const& dir) {
+         std::string const table = currentTable(dir);
+         writeWord(table, 48, at(fileBytes(table), 48) - 1);
+       }},
+      {"occupied count not yet adjusted",
+       [](std::string const& dir) {
+         writeWord(dir + "/slots", 160, at(fileBytes(dir + "/slots"), 160) + 1);
+       }},
+      {"slot file grown, its header not yet",
+       [](std::string const& dir) {
+         std::string const slots = dir + "/slots";
+         ASSERT_EQ(::truncate(slots.c_str(), Quarn::Util::memSize(slots) + 48 * 64), 0);
+       }},
+      {"compaction that raised minSeq but did not switch tables",
+       [&](std::string const& dir) {
+         writeWord(dir + "/conquer.1", 16, at(fileBytes(currentTable(dir)), 52));
+       }},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempRoot root;
+    writeAndKill(root.path());
+    std::string const dir = root.path() + "/restart";
+    std::uint32_t const fenix = Quarn::FenixFile::read(dir);
+    c.interrupt(dir);
+
+    TraceCapture trace(testHandle);
+    Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
+    w.attach();
+    EXPECT_TRUE(trace.contains("validation failed"));
+    EXPECT_FALSE(trace.contains("will be lost"));
+    EXPECT_EQ(w.fenix(), fenix + 1);
+    EXPECT_EQ(Quarn::FenixFile::read(dir), fenix + 1);
+    expectSurvivors(w, c.value1);
+    EXPECT_TRUE(w.validate());
   }
 }
 

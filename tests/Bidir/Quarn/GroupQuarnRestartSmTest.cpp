@@ -92,8 +92,8 @@ void churn(Bidir::Status& status, std::mt19937& rng) {
   }
 }
 
-// The agent: takes its state back while its writer waits, says so in <root>/churning, then
-// changes its state (exported by the writer) until killed.
+// The agent: takes its state back while its writer waits, then changes its state (exported by
+// the writer) until killed, saying in <root>/churning once the first changes are in the tables.
 int agentChild(std::string const& arg) {
   std::string const rootDir = arg.substr(0, arg.find(' '));
   std::mt19937 rng(std::stoul(arg.substr(arg.find(' ') + 1)));
@@ -103,10 +103,10 @@ int agentChild(std::string const& arg) {
   auto status = Bidir::statusFactory("agent");
   auto writer = BQ::groupQuarnWriterSmFactory(status, tables);
   if (!restarted(status, tables, 0.1)) return 1;
-  Quarn::Util::fileWriteAtomic(rootDir + "/churning", "yes");
-  for (;;) {
+  for (bool said = false;; said = true) {
     for (int i = 0; i < 50; ++i) churn(*status, rng);
     Kiv::Activity::current().runOnce(0);
+    if (!said) Quarn::Util::fileWriteAtomic(rootDir + "/churning", "yes");
   }
 }
 
