@@ -92,6 +92,30 @@ ConquerWriter::Extent ConquerWriter::extent(std::uint32_t t, char const* op) con
   corruption(os.str());
 }
 
+void ConquerWriter::prepare(std::uint32_t s) {
+  Extent e = extent(current_, "prepare");
+  if (e.pos >= e.capacity) {
+    compact();
+    e = extent(current_, "prepare");
+  }
+  if (e.pos >= e.capacity) return;  // notify reports it
+  ConquerTable::setEntry(ConquerTable::entry(base(current_), e.pos), sequence_ + 1, s);
+}
+
+bool ConquerWriter::announcePrepared() {
+  Extent const e = extent(current_, "announcePrepared");
+  if (e.pos >= e.capacity) return false;
+  // Entries beyond currentPos are otherwise left from the table's earlier use, with sequences
+  // below the current one: only a prepared entry holds the next sequence.
+  char const* const entry = ConquerTable::entry(base(current_), e.pos);
+  std::uint32_t const s = ConquerTable::slotIndex(entry);
+  if (ConquerTable::sequence(entry) != sequence_ + 1 || s >= slots_.numSlots()) return false;
+  KIV_TRACE(dh_, 3, "ConquerWriter::announcePrepared() slot ", s,
+            " changed by the last writer, which ended before announcing it");
+  notify(s);
+  return true;
+}
+
 void ConquerWriter::notify(std::uint32_t s) {
   KIV_TRACE(dh_, 8, "ConquerWriter::notify() notifying slot ", s);
   Extent e = extent(current_, "notify");

@@ -54,9 +54,18 @@ class ConquerWriter {
   // and cannot let a prune drop entries they have not read.
   void resumeSequence(std::uint64_t sequence);
 
+  // Before a change of slot `slotIndex`: writes the entry that will announce it at currentPos,
+  // unpublished (compacting first when the table is full). A writer killed after the change
+  // but before `notify` leaves it there, the next sequence naming the slot, and its successor
+  // announces that slot (`announcePrepared`): readers that stay attached across the restart
+  // would otherwise never hear of the change.
+  void prepare(std::uint32_t slotIndex);
   // Records a change of slot `slotIndex`. Throws CorruptionDetectedException when the slot's
   // conquerSlot contradicts the table.
   void notify(std::uint32_t slotIndex);
+  // On files kept from a writer that ended: announces the slot of an entry it prepared and did
+  // not publish. True when there was one.
+  bool announcePrepared();
   void compact();
   // Raises minSeq as far as the readers allow; returns it.
   std::uint64_t prune();

@@ -80,9 +80,10 @@ class QuarnWriter {
   }
 
   // Maps the files and keeps their entries when all four belong to this incarnation and
-  // validate. When they belong to it but fail validation (the last writer was killed inside a
-  // change), keeps the records that can be trusted under fenix + 1 (`recover`); otherwise
-  // re-formats every file under fenix + 1.
+  // validate, announcing a change the last writer made but did not (ConquerWriter::prepare).
+  // When they belong to it but fail validation (the last writer was killed inside a change),
+  // keeps the records that can be trusted under fenix + 1 (`recover`); otherwise re-formats
+  // every file under fenix + 1.
   void attach();
 
   // Inserts or updates the entry of value.key; returns its value area in the slot.
@@ -246,7 +247,8 @@ void QuarnWriter<Key, Wrapper>::attach() {
   }
   // A local table is always new and nothing of it can survive: it keeps the pid as its fenix.
   bool const kept = attachAll(fenix_, false) || local_;
-  bool valid = kept && validate();
+  bool const intact = kept && validate();
+  bool valid = intact;
   if (kept && !valid && !local_ && headersValid()) valid = recoverInterrupted();
   if (!valid) {
     KIV_TRACE(dh_, 3, "QuarnWriter::attach() failed, all entries from ", root_.str(),
@@ -262,6 +264,7 @@ void QuarnWriter<Key, Wrapper>::attach() {
   if (!local_ && !FenixFile::write(root_.str(), fenix_)) {
     throw Jorv::RuntimeException("QuarnWriter::attach() cannot write fenix file in " + root_.str());
   }
+  if (intact && !local_) conquer_.announcePrepared();
   KIV_TRACE(dh_, 3, "QuarnWriter::attach() success ", root_.str(), " capacity: ", capacity(),
             " fenixId: ", fenix_);
 }
@@ -442,9 +445,11 @@ Wrapper const* QuarnWriter<Key, Wrapper>::write(Wrapper const& value, bool /*saf
   Found const f = find(key, b);
   std::uint32_t i = f.slot;
   if (f.found) {
+    conquer_.prepare(i);
     writeValue(slots_.slot(i), &value);
   } else {
     i = allocOrThrow();  // may grow and move the slot mapping: addresses are taken after it
+    conquer_.prepare(i);
     char* const s = slots_.slot(i);
     publishLink(s, f.slot);
     writeValue(s, &value);
@@ -464,6 +469,7 @@ bool QuarnWriter<Key, Wrapper>::remove(Key const& key, Wrapper& out) {
     KIV_TRACE(dh_, 8, "QuarnWriter::remove() ", KeyText<Key>{key}, " bucket:", b, " not found");
     return false;
   }
+  conquer_.prepare(f.slot);
   char* const s = slots_.slot(f.slot);
   copyOut(s, out);
   publishLink(linkUnit(b, f.prev), SlotWriterTable::next(s));
@@ -608,6 +614,7 @@ void QuarnWriter<Key, Wrapper>::directCommit() {
   std::uint32_t const i = pending_;
   pending_ = noIndex;
   KIV_TRACE(dh_, 8, "QuarnWriter::directCommit() slot: ", i);
+  conquer_.prepare(i);
   std::uint32_t const b = bucketOf(pendingKey_);
   Found f{noIndex, noIndex, false};
   char* const s = slots_.slot(i);

@@ -168,8 +168,8 @@ TEST(ConquerWriter, DamagedHeaderWordsStopTheWriter) {
     char const* message;
   };
   std::vector<Case> const cases{
-      {"current currentPos", 0, 48, 0xFFFFFFF0, "ConquerWriter::notify() "},
-      {"current capacity", 0, 44, 100000, "ConquerWriter::notify() "},
+      {"current currentPos", 0, 48, 0xFFFFFFF0, "ConquerWriter::prepare() "},
+      {"current capacity", 0, 44, 100000, "ConquerWriter::prepare() "},
       {"other capacity", 1, 44, 100000, "ConquerWriter::compact() "},
   };
   for (auto const& c : cases) {

@@ -170,6 +170,40 @@ TEST(QuarnRestart, DamagedFilesAreReformattedUnderNextFenix) {
   }
 }
 
+// A writer killed after changing a slot but before announcing it leaves a consistent table and
+// the prepared entry beyond currentPos: its successor announces the slot to the readers.
+TEST(QuarnRestart, ChangeMadeButNotAnnouncedIsAnnouncedByTheNextWriter) {
+  TempRoot root;
+  writeAndKill(root.path());
+  std::string const dir = root.path() + "/restart";
+  std::string const table =
+      dir + (at(fileBytes(dir + "/conquer.1"), 32) == 0 ? "/conquer.1" : "/conquer.2");
+  auto const bytes = fileBytes(table);
+  std::uint32_t const pos = at(bytes, 48);
+  std::uint64_t const last = at(bytes, 52 + 12 * (pos - 1)) +
+                             (std::uint64_t(at(bytes, 56 + 12 * (pos - 1))) << 32);
+  // Slot 1 holds key 1: prepared, then changed to 555.
+  writeWord(table, 52 + 12 * pos, static_cast<std::uint32_t>(last + 1));
+  writeWord(table, 56 + 12 * pos, static_cast<std::uint32_t>((last + 1) >> 32));
+  writeWord(table, 60 + 12 * pos, 1);
+  writeWord(dir + "/slots", 176 + 48 * 2 + 16 + 8, 555);
+
+  Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
+  std::uint32_t const fenix = Quarn::FenixFile::read(dir);
+  w.attach();
+  EXPECT_EQ(w.fenix(), fenix);
+  expectSurvivors(w, 555);
+  EXPECT_EQ(w.conquer().sequence(), last + 1);
+  auto const after = fileBytes(table);
+  EXPECT_EQ(at(after, 48), pos + 1);       // published
+  EXPECT_EQ(at(after, 60 + 12 * pos), 1u);  // naming slot 1
+  EXPECT_TRUE(w.validate());
+  // A restart with nothing prepared announces nothing.
+  Writer again(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
+  again.attach();
+  EXPECT_EQ(again.conquer().sequence(), last + 1);
+}
+
 // What a writer killed inside a change leaves: the headers check out, the structure does not.
 // The next writer keeps every record under a new fenix, so that readers resynchronise.
 TEST(QuarnRestart, WriterKilledInsideAChangeKeepsItsRecords) {
