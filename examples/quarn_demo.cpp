@@ -47,6 +47,7 @@
 #include "KivQuarn/KivQuarnMapValueWrapper.h"
 #include "Quarn/QuarnMap.h"
 #include "tools/support/DemoSupport.h"
+#include "tools/support/Supervisor.h"
 
 namespace {
 
@@ -411,19 +412,7 @@ void ReaderProcess::finish() {
 
 // ---- the parent: starts, watches, restarts and stops the children
 
-using DemoSupport::interrupted;
-using DemoSupport::loopForSignals;
-
-struct ChildProcess {
-  Role role;
-  pid_t pid = -1;
-  int reportFd = -1;
-  int commandFd = -1;
-  Kiv::FdWatch watch;
-  Report last;
-};
-
-class Demo {
+class Demo : DemoSupport::Supervisor<Role, Report> {
  public:
   Demo(std::string root, Options const& options)
       : root_(std::move(root)),
@@ -432,33 +421,22 @@ class Demo {
         restart_([this] { restartWriter(); }, loop_),
         stop_([this] { stopWriter(); }, loop_),
         giveUp_([this] { fail("the demonstration did not finish in time"); }, loop_) {}
-  ~Demo() { reapAll(); }
 
   // 0 on success.
   int run();
 
  private:
-  ChildProcess& start(Role role);
-  void handleReport(ChildProcess& child);
+  Child& start(Role role);
+  void onReport(Child& child, Report const& r) override;
   void progress();
   void restartWriter();
   void stopWriter();
-  void fail(std::string const& why) {
-    if (error_.empty()) error_ = why;
-    loop_.stop();
-  }
-  void stopChild(ChildProcess& child);
-  void reapAll();
   void summary() const;
-  double since() const { return monotonic() - start_; }
 
   std::string root_;
   Options options_;
-  Kiv::Activity loop_;
   Kiv::Timer progress_, restart_, stop_, giveUp_;
-  std::vector<std::unique_ptr<ChildProcess>> children_;
-  ChildProcess* writer_ = nullptr;
-  double start_ = 0;
+  Child* writer_ = nullptr;
   // Restart bookkeeping.
   double killedAt_ = 0;
   double restartedAttachAt_ = 0;
@@ -472,70 +450,33 @@ class Demo {
   Report writerFinal_;
   Report readerFinal_[3];
   int finals_ = 0;
-  std::string error_;
 };
 
-ChildProcess& Demo::start(Role role) {
-  int reports[2], commands[2];
-  if (::pipe2(reports, O_CLOEXEC) != 0 || ::pipe2(commands, O_CLOEXEC) != 0) {
-    throw Jorv::RuntimeException("pipe2() failed");
-  }
-  std::cout.flush();
-  pid_t const pid = ::fork();
-  if (pid < 0) throw Jorv::RuntimeException("fork() failed");
-  if (pid == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::signal(SIGINT, SIG_IGN);  // Ctrl-C reaches the whole group: the parent handles it
-    ::signal(SIGTERM, SIG_DFL);
-    ::close(reports[0]);
-    ::close(commands[1]);
-    for (auto const& other : children_) {
-      ::close(other->reportFd);
-      ::close(other->commandFd);
-    }
-    int status = 0;
+Demo::Child& Demo::start(Role role) {
+  return spawn(role, [&](int reportFd, int commandFd) {
     try {
       if (role == Role::writer) {
-        WriterProcess(root_, options_, reports[1], commands[0]).run();
+        WriterProcess(root_, options_, reportFd, commandFd).run();
       } else {
-        ReaderProcess(role, root_, options_, reports[1], commands[0]).run();
+        ReaderProcess(role, root_, options_, reportFd, commandFd).run();
       }
+      return 0;
     } catch (std::exception const& e) {
       Report r;
       r.kind = Report::failed;
       r.role = role;
       std::snprintf(r.text, sizeof r.text, "%s", e.what());
-      send(reports[1], r);
-      status = 1;
+      send(reportFd, r);
+      return 1;
     }
-    std::_Exit(status);
-  }
-  ::close(reports[1]);
-  ::close(commands[0]);
-  auto child = std::make_unique<ChildProcess>();
-  child->role = role;
-  child->pid = pid;
-  child->reportFd = reports[0];
-  child->commandFd = commands[1];
-  ChildProcess* c = child.get();
-  child->watch =
-      Kiv::FdWatch(loop_, reports[0], EPOLLIN, [this, c](std::uint32_t) { handleReport(*c); });
-  children_.push_back(std::move(child));
-  return *c;
+  });
 }
 
-void Demo::handleReport(ChildProcess& child) {
-  Report r;
-  if (!receive(child.reportFd, r)) {
-    child.watch.reset();
-    fail(std::string(roleName(child.role)) + " process ended unexpectedly");
-    return;
-  }
+void Demo::onReport(Child& child, Report const& r) {
   child.last = r;
   int const index = int(r.role);
   switch (r.kind) {
-    case Report::failed:
-      fail(std::string(roleName(r.role)) + " failed: " + r.text);
+    case Report::failed:  // taken by dispatch()
       break;
     case Report::attached:
       if (r.role == Role::writer) {
@@ -615,7 +556,7 @@ void Demo::restartWriter() {
   updatesBefore_ = writer_->last.operations;
   std::printf("[%5.1fs] killing the writer (SIGKILL) in the middle of its churn\n", since());
   killedAt_ = monotonic();
-  stopChild(*writer_);
+  killChild(*writer_);
   writer_ = &start(Role::writer);
 }
 
@@ -625,19 +566,7 @@ void Demo::stopWriter() {
   send(writer_->commandFd, stop);
 }
 
-void Demo::stopChild(ChildProcess& child) {
-  if (child.pid <= 0) return;
-  child.watch.reset();
-  DemoSupport::stopChild(child.pid, child.reportFd, child.commandFd);
-}
-
-void Demo::reapAll() {
-  for (auto& c : children_) stopChild(*c);
-}
-
 int Demo::run() {
-  loopForSignals = &loop_;
-  start_ = monotonic();
   std::printf("quarn demo: %u records, %.0f s, writer restart at %.0f s, root %s\n",
               options_.records, options_.seconds, options_.restartAt, root_.c_str());
   // The readers start first: they wait for the writer's files to appear.
@@ -648,18 +577,7 @@ int Demo::run() {
   restart_.armIn(options_.restartAt);
   stop_.armIn(options_.seconds);
   giveUp_.armIn(options_.seconds + 60);
-  loop_.run();
-  loopForSignals = nullptr;
-  double const elapsed = since();
-  reapAll();
-  if (interrupted) {
-    std::printf("\ninterrupted after %.1f s: children stopped, files removed\n", elapsed);
-    return 130;
-  }
-  if (!error_.empty()) {
-    std::printf("FAILED: %s\n", error_.c_str());
-    return 1;
-  }
+  if (int const status = runToEnd(); status != 0) return status;
   summary();
   bool const ok = writerFinal_.valid && readerFinal_[1].valid && readerFinal_[2].valid &&
                   readerFinal_[1].malformed == 0 && readerFinal_[2].malformed == 0;

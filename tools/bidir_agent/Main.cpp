@@ -44,24 +44,11 @@
 #include "Jorv/Exception.h"
 #include "Kiv/Activity.h"
 #include "Kiv/Timer.h"
+#include "tools/support/Supervisor.h"
 
 namespace BidirAgent {
 
 namespace {
-
-using DemoSupport::interrupted;
-using DemoSupport::loopForSignals;
-
-struct Child {
-  Role role;
-  pid_t pid = -1;
-  int reportFd = -1;
-  int commandFd = -1;
-  Kiv::FdWatch watch;
-  Report last;
-  double readyAt = 0;
-  std::uint64_t changesAtReady = 0;
-};
 
 // Totals of one agent life, from its reports.
 struct Life {
@@ -69,7 +56,7 @@ struct Life {
   std::uint64_t changesAtReady = 0, changes = 0;
 };
 
-class Supervisor {
+class Supervisor : DemoSupport::Supervisor<Role, Report> {
  public:
   Supervisor(std::string root, Options const& options)
       : root_(std::move(root)),
@@ -78,42 +65,26 @@ class Supervisor {
         restart_([this] { restartAgent(); }, loop_),
         stop_([this] { stopChurn(); }, loop_),
         giveUp_([this] { fail("the run did not finish in time"); }, loop_) {}
-  ~Supervisor() {
-    for (auto& c : children_) stopChild(*c);
-  }
   int run();
 
  private:
   Child& start(Role role);
-  void handleReport(Child& child);
-  void onReport(Child& child, Report const& r);
+  void onReport(Child& child, Report const& r) override;
   void onFinished(Report const& r);
   void onReady(Child& child, Report const& r);
   void progress();
   void restartAgent();
   void stopChurn();
-  void fail(std::string const& why) {
-    if (error_.empty()) error_ = why;
-    loop_.stop();
-  }
-  void stopChild(Child& child);
-  void command(Child* child, Command const& c) {
-    if (child != nullptr && child->pid > 0) send(child->commandFd, c);
-  }
   bool summary() const;
   bool configSummary() const;
-  double since() const { return now() - start_; }
 
   std::string root_;
   Options options_;
-  Kiv::Activity loop_;
   Kiv::Timer progress_, restart_, stop_, giveUp_;
-  std::vector<std::unique_ptr<Child>> children_;
   Child* rpdf_ = nullptr;
   Child* agent_ = nullptr;
   Child* reader_ = nullptr;
   Child* config_ = nullptr;
-  double start_ = 0;
   std::vector<Life> lives_;
   double killedAt_ = 0;
   Report reconciled_;
@@ -128,54 +99,22 @@ class Supervisor {
   std::uint16_t expiry_ = Bidir::Config::groupExpiryIntervalDefaultValue;
   std::vector<std::pair<std::uint32_t, double>> cleared_;
   std::vector<std::vector<double>> vanished_ = std::vector<std::vector<double>>(options_.groups);
-  std::string error_;
 };
 
 // This executable again, with --role; the child's report pipe is its fd 3, commands fd 4.
-Child& Supervisor::start(Role role) {
-  int reports[2], commands[2];
-  if (::pipe2(reports, O_CLOEXEC) != 0 || ::pipe2(commands, O_CLOEXEC) != 0) {
-    throw Jorv::RuntimeException("pipe2() failed");
-  }
+Supervisor::Child& Supervisor::start(Role role) {
   std::vector<std::string> args = {"bidir_agent", "--role", roleName(role), "--root", root_};
   for (auto const& a : options_.args()) args.push_back(a);
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::fflush(stdout);
-  pid_t const pid = ::fork();
-  if (pid < 0) throw Jorv::RuntimeException("fork() failed");
-  if (pid == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::signal(SIGINT, SIG_IGN);  // Ctrl-C reaches the whole group: the supervisor handles it
-    ::signal(SIGTERM, SIG_DFL);
-    int const out = ::fcntl(reports[1], F_DUPFD_CLOEXEC, 10);
-    int const in = ::fcntl(commands[0], F_DUPFD_CLOEXEC, 10);
-    if (out < 0 || in < 0 || ::dup2(out, 3) != 3 || ::dup2(in, 4) != 4) std::_Exit(126);
+  return spawn(role, [&args](int reportFd, int commandFd) {
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    int const out = ::fcntl(reportFd, F_DUPFD_CLOEXEC, 10);
+    int const in = ::fcntl(commandFd, F_DUPFD_CLOEXEC, 10);
+    if (out < 0 || in < 0 || ::dup2(out, 3) != 3 || ::dup2(in, 4) != 4) return 126;
     ::execv("/proc/self/exe", argv.data());
-    std::_Exit(127);
-  }
-  ::close(reports[1]);
-  ::close(commands[0]);
-  auto child = std::make_unique<Child>();
-  child->role = role;
-  child->pid = pid;
-  child->reportFd = reports[0];
-  child->commandFd = commands[1];
-  Child* c = child.get();
-  c->watch = Kiv::FdWatch(loop_, reports[0], EPOLLIN, [this, c](std::uint32_t) { handleReport(*c); });
-  children_.push_back(std::move(child));
-  return *c;
-}
-
-void Supervisor::handleReport(Child& child) {
-  Report r;
-  if (!receive(child.reportFd, r)) {
-    child.watch.reset();
-    fail(std::string(roleName(child.role)) + " process ended unexpectedly");
-    return;
-  }
-  onReport(child, r);
+    return 127;
+  });
 }
 
 void Supervisor::onReport(Child& child, Report const& r) {
@@ -206,9 +145,6 @@ void Supervisor::onReport(Child& child, Report const& r) {
   }
   child.last = r;
   switch (r.kind) {
-    case Report::failed:
-      fail(std::string(roleName(r.role)) + " failed: " + r.text);
-      break;
     case Report::ready:
       onReady(child, r);
       break;
@@ -346,9 +282,7 @@ void Supervisor::restartAgent() {
   killedAt_ = now();
   if (reader_ != nullptr) readerBeforeRestart_ = reader_->last;
   // What the agent reported before it died still counts (the clears it made, above all).
-  agent_->watch.reset();
-  DemoSupport::stopChild<Report>(agent_->pid, agent_->reportFd, agent_->commandFd,
-                                 [this](Report const& r) { onReport(*agent_, r); });
+  killChild(*agent_);
   // A configuration change and clear requests while no agent listens: the next one must catch up.
   Command round;
   round.op = Command::round;
@@ -357,7 +291,7 @@ void Supervisor::restartAgent() {
 }
 
 // The end: the RP/DF process stops first and names its final elections; the agent stops once
-// it has applied them (handleReport chains the rest).
+// it has applied them (onReport chains the rest).
 void Supervisor::stopChurn() {
   stopping_ = true;
   if (killedAt_ != 0 && backAt_ == 0) return;  // the restarted agent is not back yet
@@ -368,15 +302,7 @@ void Supervisor::stopChurn() {
   command(config_, stop);
 }
 
-void Supervisor::stopChild(Child& child) {
-  if (child.pid <= 0) return;
-  child.watch.reset();
-  DemoSupport::stopChild(child.pid, child.reportFd, child.commandFd);
-}
-
 int Supervisor::run() {
-  loopForSignals = &loop_;
-  start_ = now();
   std::printf("bidir agent: %u groups x %u interfaces, %u RPs, %.0f s of churn at %.0f changes/s, "
               "agent restart at %.1f s, root %s\n",
               options_.groups, options_.intfs, options_.rps, options_.seconds, options_.rate,
@@ -385,18 +311,7 @@ int Supervisor::run() {
   config_ = &start(Role::config);
   progress_.armIn(1);
   giveUp_.armIn(options_.seconds + 120);
-  loop_.run();
-  loopForSignals = nullptr;
-  double const elapsed = since();
-  for (auto& c : children_) stopChild(*c);
-  if (interrupted) {
-    std::printf("\ninterrupted after %.1f s: processes stopped, files removed\n", elapsed);
-    return 130;
-  }
-  if (!error_.empty()) {
-    std::printf("FAILED: %s\n", error_.c_str());
-    return 1;
-  }
+  if (int const status = runToEnd(); status != 0) return status;
   bool const equal = summary();
   return configSummary() && equal ? 0 : 1;
 }

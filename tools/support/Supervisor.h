@@ -1,0 +1,156 @@
+#pragma once
+// The supervising process of a demonstration: it forks its children, each with a pipe of
+// fixed-size `Report`s to the supervisor and a pipe of `Command`s from it, reads their reports on
+// its activity, fails the run when a child ends unexpectedly or reports a failure, and stops them
+// all at the end (SIGKILL and reap: a child dies with its supervisor in any case).
+//
+// `Report` has `kind`, `role` and `text`, and a `Report::failed` kind; `roleName(Role)` is found
+// next to `Role`. The derived class handles every other report in `onReport`.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Jorv/Exception.h"
+#include "Kiv/Activity.h"
+#include "tools/support/DemoSupport.h"
+
+namespace DemoSupport {
+
+template <class Role, class Report>
+class Supervisor {
+ public:
+  struct Child {
+    Role role;
+    pid_t pid = -1;
+    int reportFd = -1;
+    int commandFd = -1;
+    Kiv::FdWatch watch;
+    Report last;
+  };
+
+  Supervisor() = default;
+  Supervisor(Supervisor const&) = delete;
+  Supervisor& operator=(Supervisor const&) = delete;
+  virtual ~Supervisor() { stopAll(); }
+
+ protected:
+  // Forks a child for `role`; it runs `body(reportFd, commandFd)` and exits with what that
+  // returns. The child dies with the supervisor and leaves Ctrl-C (sent to the whole group) to it;
+  // it holds no other child's pipe ends.
+  template <class Body>
+  Child& spawn(Role role, Body&& body) {
+    int reports[2], commands[2];
+    if (::pipe2(reports, O_CLOEXEC) != 0 || ::pipe2(commands, O_CLOEXEC) != 0) {
+      throw Jorv::RuntimeException("pipe2() failed");
+    }
+    std::cout.flush();
+    std::fflush(stdout);
+    pid_t const pid = ::fork();
+    if (pid < 0) throw Jorv::RuntimeException("fork() failed");
+    if (pid == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      ::signal(SIGINT, SIG_IGN);
+      ::signal(SIGTERM, SIG_DFL);
+      ::close(reports[0]);
+      ::close(commands[1]);
+      for (auto const& other : children_) {
+        if (other->pid <= 0) continue;  // its descriptors are closed, their numbers reused
+        ::close(other->reportFd);
+        ::close(other->commandFd);
+      }
+      std::_Exit(body(reports[1], commands[0]));
+    }
+    ::close(reports[1]);
+    ::close(commands[0]);
+    auto child = std::make_unique<Child>();
+    child->role = role;
+    child->pid = pid;
+    child->reportFd = reports[0];
+    child->commandFd = commands[1];
+    Child* c = child.get();
+    c->watch = Kiv::FdWatch(loop_, reports[0], EPOLLIN, [this, c](std::uint32_t) {
+      Report r;
+      if (receive(c->reportFd, r)) {
+        dispatch(*c, r);
+      } else {
+        c->watch.reset();
+        fail(std::string(roleName(c->role)) + " process ended unexpectedly");
+      }
+    });
+    children_.push_back(std::move(child));
+    return *c;
+  }
+
+  // One report of `child`: a failure ends the run, anything else goes to onReport.
+  void dispatch(Child& child, Report const& r) {
+    if (r.kind == Report::failed) {
+      child.last = r;
+      fail(std::string(roleName(r.role)) + " failed: " + r.text);
+    } else {
+      onReport(child, r);
+    }
+  }
+  virtual void onReport(Child& child, Report const& r) = 0;
+
+  void command(Child* child, auto const& c) {
+    if (child != nullptr && child->pid > 0) send(child->commandFd, c);
+  }
+  // Ends the run with `why` (the first reason given is kept).
+  void fail(std::string const& why) {
+    if (error_.empty()) error_ = why;
+    loop_.stop();
+  }
+  // Kills and reaps `child`; each whole report it wrote before and that was not read yet is
+  // dispatched first.
+  void killChild(Child& child) {
+    if (child.pid <= 0) return;
+    child.watch.reset();
+    DemoSupport::stopChild<Report>(child.pid, child.reportFd, child.commandFd,
+                                   [this, &child](Report const& r) { dispatch(child, r); });
+  }
+  void stopAll() {
+    for (auto& c : children_) {
+      if (c->pid <= 0) continue;
+      c->watch.reset();
+      DemoSupport::stopChild(c->pid, c->reportFd, c->commandFd);
+    }
+  }
+
+  // Runs the activity until the run ends (stop, failure, SIGINT/SIGTERM) and stops every child.
+  // Returns 130 when interrupted and 1 on a failure, each said on stdout; 0 when the derived
+  // class goes on to its summary.
+  int runToEnd() {
+    loopForSignals = &loop_;
+    loop_.run();
+    loopForSignals = nullptr;
+    double const elapsed = since();
+    stopAll();
+    if (interrupted) {
+      std::printf("\ninterrupted after %.1f s: processes stopped, files removed\n", elapsed);
+      return 130;
+    }
+    if (!error_.empty()) {
+      std::printf("FAILED: %s\n", error_.c_str());
+      return 1;
+    }
+    return 0;
+  }
+  double since() const { return Kiv::Activity::now() - start_; }
+
+  Kiv::Activity loop_;
+  std::vector<std::unique_ptr<Child>> children_;
+  double start_ = Kiv::Activity::now();
+  std::string error_;
+};
+
+}  // namespace DemoSupport
