@@ -415,12 +415,9 @@ void ReaderProcess::finish() {
 class Demo : DemoSupport::Supervisor<Role, Report> {
  public:
   Demo(std::string root, Options const& options)
-      : root_(std::move(root)),
-        options_(options),
-        progress_([this] { progress(); }, loop_),
-        restart_([this] { restartWriter(); }, loop_),
-        stop_([this] { stopWriter(); }, loop_),
-        giveUp_([this] { fail("the demonstration did not finish in time"); }, loop_) {}
+      : DemoSupport::Supervisor<Role, Report>("the demonstration did not finish in time"),
+        root_(std::move(root)),
+        options_(options) {}
 
   // 0 on success.
   int run();
@@ -428,14 +425,13 @@ class Demo : DemoSupport::Supervisor<Role, Report> {
  private:
   Child& start(Role role);
   void onReport(Child& child, Report const& r) override;
-  void progress();
-  void restartWriter();
-  void stopWriter();
+  void progress() override;
+  void restart() override;  // the writer, killed with SIGKILL
+  void stop() override;     // the writer's churn
   void summary() const;
 
   std::string root_;
   Options options_;
-  Kiv::Timer progress_, restart_, stop_, giveUp_;
   Child* writer_ = nullptr;
   // Restart bookkeeping.
   double killedAt_ = 0;
@@ -462,12 +458,7 @@ Demo::Child& Demo::start(Role role) {
       }
       return 0;
     } catch (std::exception const& e) {
-      Report r;
-      r.kind = Report::failed;
-      r.role = role;
-      std::snprintf(r.text, sizeof r.text, "%s", e.what());
-      send(reportFd, r);
-      return 1;
+      return DemoSupport::reportFailure<Report>(reportFd, role, e);
     }
   });
 }
@@ -551,7 +542,7 @@ void Demo::progress() {
   progress_.armIn(1);
 }
 
-void Demo::restartWriter() {
+void Demo::restart() {
   oldFenix_ = writer_->last.fenix;
   updatesBefore_ = writer_->last.operations;
   std::printf("[%5.1fs] killing the writer (SIGKILL) in the middle of its churn\n", since());
@@ -560,10 +551,9 @@ void Demo::restartWriter() {
   writer_ = &start(Role::writer);
 }
 
-void Demo::stopWriter() {
+void Demo::stop() {
   std::printf("[%5.1fs] stopping the writer's churn\n", since());
-  Command stop;
-  send(writer_->commandFd, stop);
+  command(writer_, Command{});  // a default command stops the churn
 }
 
 int Demo::run() {

@@ -59,12 +59,9 @@ struct Life {
 class Supervisor : DemoSupport::Supervisor<Role, Report> {
  public:
   Supervisor(std::string root, Options const& options)
-      : root_(std::move(root)),
-        options_(options),
-        progress_([this] { progress(); }, loop_),
-        restart_([this] { restartAgent(); }, loop_),
-        stop_([this] { stopChurn(); }, loop_),
-        giveUp_([this] { fail("the run did not finish in time"); }, loop_) {}
+      : DemoSupport::Supervisor<Role, Report>("the run did not finish in time"),
+        root_(std::move(root)),
+        options_(options) {}
   int run();
 
  private:
@@ -72,15 +69,14 @@ class Supervisor : DemoSupport::Supervisor<Role, Report> {
   void onReport(Child& child, Report const& r) override;
   void onFinished(Report const& r);
   void onReady(Child& child, Report const& r);
-  void progress();
-  void restartAgent();
-  void stopChurn();
+  void progress() override;
+  void restart() override;  // the agent, killed with SIGKILL
+  void stop() override;     // the churn
   bool summary() const;
   bool configSummary() const;
 
   std::string root_;
   Options options_;
-  Kiv::Timer progress_, restart_, stop_, giveUp_;
   Child* rpdf_ = nullptr;
   Child* agent_ = nullptr;
   Child* reader_ = nullptr;
@@ -191,12 +187,12 @@ void Supervisor::onReport(Child& child, Report const& r) {
 void Supervisor::onFinished(Report const& r) {
   (r.role == Role::rpdf ? rpdfFinal_ : configFinal_) = r;
   if (rpdfFinal_.kind != Report::finished || configFinal_.kind != Report::finished) return;
-  Command stop;
-  stop.op = Command::stop;
-  std::copy(std::begin(rpdfFinal_.rpfOf), std::end(rpdfFinal_.rpfOf), stop.rpfOf);
-  stop.expiry = configFinal_.expiry;
-  stop.clearCount = configFinal_.clearCount;
-  command(agent_, stop);
+  Command end;
+  end.op = Command::stop;
+  std::copy(std::begin(rpdfFinal_.rpfOf), std::end(rpdfFinal_.rpfOf), end.rpfOf);
+  end.expiry = configFinal_.expiry;
+  end.clearCount = configFinal_.clearCount;
+  command(agent_, end);
 }
 
 void Supervisor::onReady(Child& child, Report const& r) {
@@ -221,7 +217,7 @@ void Supervisor::onReady(Child& child, Report const& r) {
         backAt_ = r.time;
         std::printf("[%5.1fs] agent churning again, %.3f s after SIGKILL\n", since(),
                     backAt_ - killedAt_);
-        if (stopping_) stopChurn();
+        if (stopping_) stop();
       }
       break;
     case Role::reader: {
@@ -277,7 +273,7 @@ void Supervisor::progress() {
   std::fflush(stdout);
 }
 
-void Supervisor::restartAgent() {
+void Supervisor::restart() {
   std::printf("[%5.1fs] killing the agent (SIGKILL) in the middle of its churn\n", since());
   killedAt_ = now();
   if (reader_ != nullptr) readerBeforeRestart_ = reader_->last;
@@ -292,14 +288,14 @@ void Supervisor::restartAgent() {
 
 // The end: the RP/DF process stops first and names its final elections; the agent stops once
 // it has applied them (onReport chains the rest).
-void Supervisor::stopChurn() {
+void Supervisor::stop() {
   stopping_ = true;
   if (killedAt_ != 0 && backAt_ == 0) return;  // the restarted agent is not back yet
   std::printf("[%5.1fs] stopping the churn\n", since());
-  Command stop;
-  stop.op = Command::stop;
-  command(rpdf_, stop);
-  command(config_, stop);
+  Command end;
+  end.op = Command::stop;
+  command(rpdf_, end);
+  command(config_, end);
 }
 
 int Supervisor::run() {
@@ -443,11 +439,7 @@ int child(Role role, Options const& options, std::string const& root) {
         return runConfig(options, root, reportFd, commandFd);
     }
   } catch (std::exception const& e) {
-    Report r;
-    r.kind = Report::failed;
-    r.role = role;
-    std::snprintf(r.text, sizeof r.text, "%s", e.what());
-    send(reportFd, r);
+    return DemoSupport::reportFailure<Report>(reportFd, role, e);
   }
   return 1;
 }

@@ -15,6 +15,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -22,9 +23,21 @@
 
 #include "Jorv/Exception.h"
 #include "Kiv/Activity.h"
+#include "Kiv/Timer.h"
 #include "tools/support/DemoSupport.h"
 
 namespace DemoSupport {
+
+// In a child: `e` reported to the supervisor as the role's failure. Returns the exit status.
+template <class Report, class Role>
+int reportFailure(int reportFd, Role role, std::exception const& e) {
+  Report r;
+  r.kind = Report::failed;
+  r.role = role;
+  std::snprintf(r.text, sizeof r.text, "%s", e.what());
+  send(reportFd, r);
+  return 1;
+}
 
 template <class Role, class Report>
 class Supervisor {
@@ -38,7 +51,12 @@ class Supervisor {
     Report last;
   };
 
-  Supervisor() = default;
+  // `giveUpText` ends the run when the give-up timer (armed by the derived class) expires.
+  explicit Supervisor(std::string giveUpText)
+      : progress_([this] { progress(); }, loop_),
+        restart_([this] { restart(); }, loop_),
+        stop_([this] { stop(); }, loop_),
+        giveUp_([this, giveUpText = std::move(giveUpText)] { fail(giveUpText); }, loop_) {}
   Supervisor(Supervisor const&) = delete;
   Supervisor& operator=(Supervisor const&) = delete;
   virtual ~Supervisor() { stopAll(); }
@@ -101,6 +119,10 @@ class Supervisor {
     }
   }
   virtual void onReport(Child& child, Report const& r) = 0;
+  // What the timers of the run do: a progress line, the restart halfway, the end of the churn.
+  virtual void progress() = 0;
+  virtual void restart() = 0;
+  virtual void stop() = 0;
 
   void command(Child* child, auto const& c) {
     if (child != nullptr && child->pid > 0) send(child->commandFd, c);
@@ -148,6 +170,7 @@ class Supervisor {
   double since() const { return Kiv::Activity::now() - start_; }
 
   Kiv::Activity loop_;
+  Kiv::Timer progress_, restart_, stop_, giveUp_;
   std::vector<std::unique_ptr<Child>> children_;
   double start_ = Kiv::Activity::now();
   std::string error_;
