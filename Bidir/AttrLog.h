@@ -35,9 +35,9 @@ class ConfigColl::KivNboAttrLogSa final : public Kiv::NboAttrLog::Sa<ConfigColl>
  public:
   using Sa::Sa;
   void kivHandleVrfConfigSerializeSing(L3::VrfName const& name, Kiv::Ptr<Config> const& member) {
-    memberSerialize(name, member);
+    memberSerializeSing(name, member);
   }
-  bool kivHandleVrfConfigSerializeColl() { return membersSerialize(); }
+  bool kivHandleVrfConfigSerializeColl() { return membersSerializeColl(); }
   Kiv::Ptr<Config::KivNboAttrLogSa> vrfConfigNboAttrLogAdapter(L3::VrfName const& name) const {
     return memberAdapter<Config>(name);
   }
@@ -53,9 +53,9 @@ class ClearConfigColl::KivNboAttrLogSa final : public Kiv::NboAttrLog::Sa<ClearC
   using Sa::Sa;
   void kivHandleVrfClearConfigSerializeSing(L3::VrfName const& name,
                                             Kiv::Ptr<ClearConfig> const& member) {
-    memberSerialize(name, member);
+    memberSerializeSing(name, member);
   }
-  bool kivHandleVrfClearConfigSerializeColl() { return membersSerialize(); }
+  bool kivHandleVrfClearConfigSerializeColl() { return membersSerializeColl(); }
   Kiv::Ptr<ClearConfig::KivNboAttrLogSa> vrfClearConfigNboAttrLogAdapter(
       L3::VrfName const& name) const {
     return memberAdapter<ClearConfig>(name);

@@ -175,9 +175,9 @@ void SaBase::detach() noexcept {
 }
 
 void SaBase::attachOut(Out& out, SaBase* parent) {
+  entityId_ = out.newEntityId();  // may throw: nothing is bound yet
   out_ = &out;
   parent_ = parent;
-  entityId_ = out.newEntityId();
   out.adapters_[&entity()] = this;
 }
 
@@ -217,6 +217,14 @@ void SaBase::checkRemoteWrite() const {
     throw Jorv::RuntimeException("write-update from readonly proxy: " + entity().fullPath());
   }
 }
+
+void SaBase::checkLocalWrite() const {
+  if ((flags_ & readOnlyProxy) && !(flags_ & remoteWritable)) {
+    throw ConstException("write to readonly proxy: " + entity().fullPath());
+  }
+}
+
+Ptr<SaBase> SaBase::memberAdapterFor(Entity const&) { return nullptr; }
 
 bool SaBase::isFlowIn(AttributeId id) const noexcept {
   return out_ && out_->channel().flowIn(&entity(), id);

@@ -220,6 +220,9 @@ class SaBase : public PtrInterface {
   Entity const* kivNotifierEntity() const { return &entity(); }
   // Leaves the output: unregisters from the entity and drops members' adapters.
   virtual void detach() noexcept;
+  // A collection adapter's child adapter for `member` (made and announced if it has none), or
+  // null when this adapter is no collection's or `member` is not one of its members.
+  virtual Ptr<SaBase> memberAdapterFor(Entity const& member);
 
  protected:
   SaBase() = default;
@@ -259,6 +262,8 @@ class SaBase : public PtrInterface {
     SaBase& sa_;
   };
   void checkRemoteWrite() const;
+  // A local change to write through a read-only proxy that cannot take writes: ConstException.
+  void checkLocalWrite() const;
   bool isFlowIn(AttributeId id) const noexcept;
 
   std::uint32_t flags_ = 0;
@@ -310,7 +315,15 @@ class Out {
   void transactionMarker(SaBase const& sa, std::int32_t id, std::uint8_t token, std::uint32_t count);
   void syncModeIs(std::uint32_t mode);
 
-  std::uint32_t newEntityId() noexcept { return nextEntityId_++; }
+  // Identifiers are not reused on one connection (a reader may still hold a removed one); past
+  // the reader's range the entity cannot be sent until the next connection starts afresh.
+  std::uint32_t newEntityId() {
+    if (nextEntityId_ > kMaxEntityId) {
+      throw EntityIdUnavailableException("attribute log: entity identifiers of this connection "
+                                         "exhausted");
+    }
+    return nextEntityId_++;
+  }
   void rootIs(Ptr<SaBase> const& sa) { roots_.push_back(sa); }
   // Starts a full-state send: sync mode 1 now, 2 once every flow-out has finished.
   void fullStateBegin();

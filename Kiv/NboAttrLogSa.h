@@ -214,7 +214,7 @@ class Sa : public SaBase {
     forEachLogged([&](auto const& a, std::uint32_t bit) {
       if (a.decl.id != id) return;
       if constexpr (detail::IsTypedCollection<std::remove_cvref_t<decltype(a)>>::value) {
-        if (key) memberChanged(*static_cast<Key const*>(key), bit);
+        if (key) memberChanged(*static_cast<Key const*>(key));
       } else {
         attributeChanged(id, bit);
       }
@@ -264,6 +264,10 @@ class Sa : public SaBase {
           return;
         }
         if (flowOut_) flowOut_->kivDirtyBitSet0().bitDel(bit);
+        if (flowOut_ && id == kCollId && rewalk_) {
+          rewalk_ = false;  // members changed behind the bookmark: walk once more
+          flowOut_->kivDirtyBitSet0().bitIs(bit);
+        }
         if (out_->blocked()) stop = id;
       };
       step(Entity::isNondestructingId, kNondestructingBit, [&] {
@@ -378,6 +382,19 @@ class Sa : public SaBase {
     return true;
   }
 
+  // The same two from outside a flow-out (the collection's public names): one member is written
+  // now unless output must wait, the whole collection always goes as a resumable flow-out; both
+  // are no-ops on an adapter that has left its output. False when the walk was deferred.
+  template <class M>
+  void memberSerializeSing(Key const& key, Ptr<M> const& member) {
+    if (outputLive()) memberWrite(key, member);
+  }
+  bool membersSerializeColl() {
+    if (!outputLive()) return true;
+    deferAttribute(collBit(), kCollId);
+    return false;
+  }
+
   // The member's child adapter, or null.
   template <class M>
   Ptr<typename M::KivNboAttrLogSa> memberAdapter(Key const& key) const {
@@ -403,6 +420,17 @@ class Sa : public SaBase {
     gone->detach();
   }
   std::size_t memberAdapterCount() const noexcept { return children_.size(); }
+
+ public:
+  Ptr<SaBase> memberAdapterFor(Entity const& member) override {
+    if constexpr (isCollection) {
+      auto& coll = CollAttr::of(*entity_);
+      for (auto it = coll.begin(); it != coll.end(); ++it) {
+        if (it.ptr().ptr() == &member) return memberAdapterIs<Member>(it.key());
+      }
+    }
+    return nullptr;
+  }
 
  private:
   template <class M>
@@ -482,9 +510,7 @@ class Sa : public SaBase {
   void attributeChanged(AttributeId id, std::uint32_t bit) {
     if (isFlowIn(id)) return;  // applied from this channel: never echoed
     if (!outputLive()) return;
-    if (flags_ & readOnlyProxy) {
-      throw ConstException("write to readonly proxy: " + entity_->fullPath());
-    }
+    checkLocalWrite();
     if (mustDefer()) {
       deferAttribute(bit, id);
       return;
@@ -493,15 +519,23 @@ class Sa : public SaBase {
   }
 
   template <class K>
-  void memberChanged(K const& key, std::uint32_t bit) {
+  void memberChanged(K const& key) {
     if constexpr (isCollection) {
       if (isFlowIn(kCollId) || !outputLive()) return;
-      if (mustDefer()) {
-        deferAttribute(bit, kCollId);
-        return;
-      }
-      memberSerialize(key, CollAttr::of(*entity_).member(key));
+      memberWrite(key, CollAttr::of(*entity_).member(key));
     }
+  }
+  template <class M>
+  void memberWrite(Key const& key, Ptr<M> const& member) {
+    checkLocalWrite();
+    if (mustDefer()) {
+      // A paused walk does not go back: a member that sorts before its bookmark would be passed
+      // over, so the walk that ends runs once more.
+      if (flowOut_ && flowOut_->bookmark().has_value()) rewalk_ = true;
+      deferAttribute(collBit(), kCollId);
+      return;
+    }
+    memberSerialize(key, member);
   }
 
   void writeAttribute(AttributeId id) {
@@ -614,8 +648,17 @@ class Sa : public SaBase {
   template <class>
   friend class Sa;
 
+  static std::uint32_t collBit() {
+    std::uint32_t b = 0;
+    forEachLogged([&](auto const& a, std::uint32_t bit) {
+      if constexpr (detail::IsTypedCollection<std::remove_cvref_t<decltype(a)>>::value) b = bit;
+    });
+    return b;
+  }
+
   Ptr<E> entity_;
   KivNboAttrLogSaAdapter_ notifiee_;
+  bool rewalk_ = false;  // a member changed while a walk was paused at its bookmark
   std::map<Key, Ptr<SaBase>> children_;        // writing side: member adapters
   std::map<Key, std::uint32_t> readMembers_;   // reading side: members announced, by identifier
 };
@@ -631,17 +674,25 @@ void typeIs() {
 template <class E>
 auto AttrLogInterface<E>::kivNboAttrLogSaIs(std::uint32_t mask, std::uint32_t flags, Out& out,
                                             SaBase* parent) {
+  using Adapter = typename E::KivNboAttrLogSa;
   E& self = static_cast<E&>(*this);
-  if (Ptr<typename E::KivNboAttrLogSa> existing = kivNboAttrLogSa(out)) {
-    std::uint32_t f = existing->flags();
-    if ((f & SaBase::notificationMask) != (mask & SaBase::notificationMask)) {
-      existing->flagsIs((f & ~SaBase::notificationMask) | (mask & SaBase::notificationMask));
-      existing->registerNotifiee();
+  Ptr<Adapter> sa = kivNboAttrLogSa(out);
+  if (!sa && parent) {
+    // A member is announced by its collection's adapter, which keeps it as a child.
+    sa = Ptr<Adapter>(static_cast<Adapter*>(parent->memberAdapterFor(self).ptr()));
+    if (!sa) {
+      throw RangeException(std::string(E::typeName) + " " + self.name() +
+                           " is not a member of the parent adapter's collection");
     }
-    return existing;
   }
-  auto sa = Sa<E>::attach(self, out, mask, flags, parent, [](std::uint32_t) {});
-  if (!parent) out.rootIs(sa);
+  if (!sa) {
+    sa = Sa<E>::attach(self, out, mask, flags, nullptr, [](std::uint32_t) {});
+    out.rootIs(sa);
+  } else if ((sa->flags() & SaBase::notificationMask) != (mask & SaBase::notificationMask)) {
+    // An existing adapter takes the requested notification bits and keeps its other state.
+    sa->flagsIs((sa->flags() & ~SaBase::notificationMask) | (mask & SaBase::notificationMask));
+    sa->registerNotifiee();
+  }
   return sa;
 }
 

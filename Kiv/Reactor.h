@@ -114,9 +114,11 @@ class Reactor : public Detail::ReactorNotifiee<N>, public ReactorNode, public Re
     this->isRegisteredNotifieeIs(active);
     nestedHasNotificationActiveIs(active);
   }
+  // A reactor that was let go (no owner) stays a zombie, and so does everything it holds: their
+  // back pointers may name a state machine that is gone.
   void kivDoZombieReactors(bool zombie) override {
-    zombie_ = zombie;
-    nestedDoZombieReactors(zombie);
+    zombie_ = zombie || owner_ == nullptr;
+    nestedDoZombieReactors(zombie_);
   }
 
  protected:

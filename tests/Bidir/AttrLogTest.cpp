@@ -211,6 +211,14 @@ TEST(AttrLog, AppliesChangesOnceAndNeverEchoes) {
   ASSERT_TRUE(again);
   EXPECT_EQ(again, red->kivNboAttrLogSa(p.out()));
   EXPECT_FALSE(coll->vrfClearConfigNboAttrLogAdapterIs("absent"));
+  // Made through the entity with its collection's adapter as parent: announced by the parent.
+  coll->vrfClearConfigNboAttrLogAdapterDel("red");
+  auto viaParent = red->kivNboAttrLogSaIs(Log::SaBase::notifyAll, 0, p.out(), coll.ptr());
+  EXPECT_EQ(viaParent, coll->vrfClearConfigNboAttrLogAdapter("red"));
+  auto stranger = Bidir::clearConfigFactory(L3::VrfName("stranger"));
+  EXPECT_THROW(stranger->kivNboAttrLogSaIs(Log::SaBase::notifyAll, 0, p.out(), coll.ptr()),
+               Kiv::RangeException);
+  red->countersCountIs(red->countersCount() + 1);
   ASSERT_TRUE(runUntil(p.act, [&] { return p.equal() && p.out().buffered() == 0; }));
   EXPECT_EQ(p.wEnd.errors() + p.rEnd.errors(), 0u) << p.rEnd.lastError();
 }
@@ -266,22 +274,33 @@ TEST(AttrLog, CollectionWalkResumesAtItsBookmark) {
   ASSERT_TRUE(sa && sa->flowOut());
   EXPECT_TRUE(sa->flowOut()->bookmark().has_value());
   EXPECT_LT(sa->vrfClearConfigNboAttrLogAdapterCount(), std::size_t(kMembers));
-  // Members that go and come while the walk waits are sent by the walk as they are then.
-  p.writer.clr->vrfClearConfigDel(vrf(0));
+  // Members that go and come while the walk waits are sent as they are then, wherever they
+  // stand against the bookmark: new ones (some sort before it), and one already sent that goes
+  // and comes back as another entity.
+  int sent = 0;
+  while (!sa->vrfClearConfigNboAttrLogAdapter(vrf(sent))) ++sent;
+  p.writer.clr->vrfClearConfigDel(vrf(sent));
+  p.writer.clr->vrfClearConfigIs(vrf(sent))->groupsCountIs(2);
   p.writer.clr->vrfClearConfigDel(vrf(kMembers - 1));
-  p.writer.clr->vrfClearConfigIs(vrf(kMembers + 1));
+  for (int i = kMembers; i < kMembers + 64; ++i) p.writer.clr->vrfClearConfigIs(vrf(i));
+  // From outside, the public walk defers to the flow-out; a detached adapter's is a no-op.
+  EXPECT_FALSE(sa->kivHandleVrfClearConfigSerializeColl());
+  Kiv::Ptr<ClearConfigColl::KivNboAttrLogSa> detached(
+      new ClearConfigColl::KivNboAttrLogSa(*p.writer.clr, 0));
+  EXPECT_TRUE(detached->kivHandleVrfClearConfigSerializeColl());
+  detached->kivHandleVrfClearConfigSerializeSing(vrf(0), nullptr);
 
   TreeWatch rWatch(p.reader.cfg, p.reader.clr);
   p.rEnd.adopt(p.fds[1], "reader");
   ASSERT_TRUE(runUntil(p.act, [&] { return p.equal() && p.rEnd.synced(); }, 120));
-  EXPECT_EQ(p.reader.clr->vrfClearConfigCount(), std::size_t(kMembers - 1));
-  // Every member was created once on the reader, none twice; at most the two removed ones went.
-  EXPECT_LE(rWatch.counts.n["vrfClearConfig"], kMembers + 1);
-  EXPECT_EQ(rWatch.counts.n["groupsCount"], kMembers - 2);
-  EXPECT_EQ(sa->vrfClearConfigNboAttrLogAdapterCount(), std::size_t(kMembers - 1));
-  EXPECT_FALSE(sa->vrfClearConfigNboAttrLogAdapter(vrf(0)));
-  EXPECT_EQ(sa->vrfClearConfigNboAttrLogAdapter(vrf(kMembers + 1)),
-            p.writer.clr->vrfClearConfig(vrf(kMembers + 1))->kivNboAttrLogSa(p.out()));
+  EXPECT_EQ(p.reader.clr->vrfClearConfigCount(), std::size_t(kMembers + 63));
+  EXPECT_EQ(sa->vrfClearConfigNboAttrLogAdapterCount(), std::size_t(kMembers + 63));
+  // Each member created once on the reader, none twice: the second walk skips what was sent.
+  EXPECT_LE(rWatch.counts.n["vrfClearConfig"], kMembers + 64 + 3);
+  for (int i : {sent, kMembers, kMembers + 63}) {
+    EXPECT_EQ(sa->vrfClearConfigNboAttrLogAdapter(vrf(i)),
+              p.writer.clr->vrfClearConfig(vrf(i))->kivNboAttrLogSa(p.out()));
+  }
 }
 
 TEST(AttrLog, ConnectingWriterRemountsItsAdaptersOnEveryConnection) {

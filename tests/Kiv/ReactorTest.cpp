@@ -1,6 +1,7 @@
 // Keyed reactor collections: create-or-return, replacement without the delete hook, removal
-// through it (the member a zombie by then), zombies turned back, and a delete hook that drops the
-// last reference to the state machine. (The writer state machine's tests cover the rest.)
+// through it (the member a zombie by then), zombies turned back (a detached one stays), and a
+// delete hook that drops the last reference to the state machine. (The writer state machine's
+// tests cover the rest.)
 
 #include "Kiv/Reactor.h"
 
@@ -62,6 +63,8 @@ TEST(ReactorColl, CreatesOnceReplacesQuietlyAndDeletesThroughTheHook) {
   w->cells.newMember(1, [&] { return Kiv::newPtr<Watcher::CellReactor>(w.ptr(), 1, b); });
   EXPECT_TRUE(r1->kivZombie());  // replaced: detached, no delete hook
   EXPECT_EQ(r1->owner(), nullptr);
+  r1->kivDoZombieReactors(false);  // a detached reactor cannot be brought back
+  EXPECT_TRUE(r1->kivZombie());
   a->valueIs(1);
   b->valueIs(1);
   w->kivDoZombieReactors(true);
