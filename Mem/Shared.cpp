@@ -138,6 +138,17 @@ std::size_t Shared::mappedFileSize() const noexcept {
   return fd_ < 0 ? 0 : fileSize(fd_);
 }
 
+bool Shared::readAt(char* buffer, std::size_t length, std::size_t offset) const noexcept {
+  std::size_t done = 0;
+  while (fd_ >= 0 && done < length) {
+    ssize_t const n = ::pread(fd_, buffer + done, length - done, off_t(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += std::size_t(n);
+  }
+  return fd_ >= 0 && done == length;
+}
+
 bool Shared::damaged() const noexcept {
   return guard_ >= 0 && guards[guard_].damaged.load(std::memory_order_relaxed);
 }

@@ -77,6 +77,12 @@ class Region {
   virtual bool truncated() const noexcept { return false; }
   // The size of the mapped object now (private memory: the mapping's).
   virtual std::size_t mappedFileSize() const noexcept { return size_; }
+  // Copies [offset, offset + length) of the mapped file into `buffer` through the mapping's own
+  // descriptor; false when the region has none or the read comes back short.
+  virtual bool readAt(char* buffer, std::size_t length, std::size_t offset) const noexcept {
+    (void)buffer, (void)length, (void)offset;
+    return false;
+  }
 
   char* base() const noexcept { return base_; }
   std::size_t mappedSize() const noexcept { return size_; }
@@ -115,6 +121,7 @@ class Shared final : public Region {
 
   // The size of the mapped file now, through its descriptor; 0 when not attached.
   std::size_t mappedFileSize() const noexcept override;
+  bool readAt(char* buffer, std::size_t length, std::size_t offset) const noexcept override;
   // A fault past the end of the file hit this mapping: part of it now holds zeros.
   bool damaged() const noexcept;
   // Damaged, or the file is now shorter than the mapping (the next access there would fault).

@@ -37,6 +37,9 @@ class QuarnMem {
   bool damaged() const noexcept { return region_->truncated(); }
   // The size of the mapped file now, through the mapping's own descriptor.
   std::size_t mappedFileSize() const noexcept { return region_->mappedFileSize(); }
+  bool readAt(char* buffer, std::size_t length, std::size_t offset) const noexcept {
+    return region_->readAt(buffer, length, offset);
+  }
   char* base() const noexcept { return region_->base(); }
   std::size_t mappedSize() const noexcept { return region_->mappedSize(); }
 

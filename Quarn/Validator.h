@@ -6,15 +6,15 @@
 // its caller, never loops: each slot may be reached once (a bit set), so a cyclic chain or free
 // list ends at the first repeated slot.
 //
-// Speed: every file is read once, in address order, so the check is bound by memory bandwidth.
-// Chains and the free list link slots anywhere in the file, and chasing those links through the
-// file costs a cache and TLB miss per slot; so one sequential pass first gathers each slot's link
-// and key bucket into a compact array (8 bytes a slot), and the chains and the free list are
-// followed there. Keys are compared in place, in the (by then populated) mapping: only slots that
-// share a chain are compared, fewer than half of them at the usual load, so copying every key
-// would cost more than it saves. Likewise each slot's claim on a notification position goes into
-// an array indexed by position, which the notification pass then compares with the entries in
-// order.
+// Speed: every file is read once, in address order, through a descriptor (TableFileReader), so
+// the check is bound by memory bandwidth and never touches the pages of a mapping that was just
+// made. Chains and the free list link slots anywhere in the file, and chasing those links through
+// the file costs a cache and TLB miss per slot; so one sequential pass first gathers each slot's
+// link and key bucket into a compact array (8 bytes a slot), and copies its key into another, and
+// the chains, their key order and the free list are checked there. Likewise each slot's claim on a
+// notification position goes into an array indexed by position, which the notification pass then
+// compares with the entries in order. The arrays live for the check only (about 32 bytes a slot
+// for a 24-byte key).
 //
 // Used by a restarting writer (keep the files or re-format them) and by the writer's mounter when
 // a reader reports corruption.
@@ -204,18 +204,16 @@ class Validator final : public ValidatorBase {
         writer_(writer) {}
 
   bool walkOccupiedSlots() override {
-    if (!scanSlots([this](char const* slot, std::uint32_t) {
-          return writer_.bucketOf(keyAt(slot));
+    std::unique_ptr<Key[]> const keys(new Key[slots_.numSlots()]);
+    Key* const k = keys.get();
+    if (!scanSlots([this, k](char const* slot, std::uint32_t i) {
+          k[i] = keyAt(slot);
+          return writer_.bucketOf(k[i]);
         })) {
       return false;
     }
-    char const* const base = slots_.slotUnchecked(0);
-    std::size_t const size = slots_.slotSize();
-    return walkChains(
-        [base, size](std::uint32_t a, std::uint32_t b) {
-          return keyAt(base + size * a) < keyAt(base + size * b);
-        },
-        [base, size](std::uint32_t i) { __builtin_prefetch(base + size * i); });
+    return walkChains([k](std::uint32_t a, std::uint32_t b) { return k[a] < k[b]; },
+                      [k](std::uint32_t i) { __builtin_prefetch(k + i); });
   }
 
  private:

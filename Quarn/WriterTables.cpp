@@ -13,6 +13,9 @@
 namespace Quarn {
 
 char const* TableFileReader::read(std::size_t offset, std::size_t length) {
+  if (buffer_ && length <= chunkSize && mem_.readAt(buffer_.get(), length, offset)) {
+    return buffer_.get();
+  }
   if (!mem_.local()) {
     std::size_t const begin = offset / Mem::pageSize() * Mem::pageSize();
     // A failure (an old kernel, a range past a truncated end) leaves the pages to fault in one

@@ -32,23 +32,26 @@ inline std::uint32_t linkTarget(char const* unit) noexcept {
 }
 
 // Reads one of the writer's table files front to back in chunks, for checks that read every byte
-// once, through the writer's own mapping. A mapping that was just made (a restarted writer's)
-// faults each page in on its first touch, and those faults, not the reading, would dominate a
-// full pass: each chunk's pages are mapped in one call first (MADV_POPULATE_READ), which costs
-// less than faulting them in and less than copying the file through a descriptor, and leaves the
-// mapping populated for the random reads that follow (keys compared in place, the writer's own
-// first writes).
+// once. A shared file is copied through the mapping's own descriptor into a reused buffer: the
+// first touch of each page of a mapping that was just made (a restarted writer's) costs more than
+// copying it, even with the pages mapped in advance (MADV_POPULATE_READ), and under some
+// hypervisors several times more (each page's first touch traps). Contents are those of the
+// mapping: both views share the pages, and only this writer changes them. A local table, or a
+// read that comes back short (a file cut under the writer), is read through the mapping, its
+// chunk's pages mapped in one call first; the truncation handler answers a fault past the end.
 class TableFileReader {
  public:
-  explicit TableFileReader(QuarnMem const& mem) : mem_(mem) {}
+  explicit TableFileReader(QuarnMem const& mem)
+      : mem_(mem), buffer_(mem.local() ? nullptr : new char[chunkSize]) {}
 
-  // The bytes [offset, offset + length) of the mapped file; `length` at most `chunkSize`, and the
-  // range must lie within the mapping.
+  // The bytes [offset, offset + length) of the mapped file, valid until the next call; `length`
+  // at most `chunkSize`, and the range must lie within the mapping.
   char const* read(std::size_t offset, std::size_t length);
   static constexpr std::size_t chunkSize = 256 * 1024;
 
  private:
   QuarnMem const& mem_;
+  std::unique_ptr<char[]> buffer_;
 };
 
 // Writer-side statistics; kept in the writer process only.
