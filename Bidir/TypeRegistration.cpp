@@ -9,7 +9,7 @@
 #include "Bidir/MrouteClearFlags.h"
 #include "Bidir/Status.h"
 #include "Kiv/GenericAttribute.h"
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 #include "Kiv/Type.h"
 
 namespace Routing::Pim::Bidir {
@@ -157,7 +157,7 @@ void define(Kiv::IntrospectionReactor& reactor) {
 
 // Load-time initialisation.
 [[maybe_unused]] bool const kLoaded = [] {
-  Kiv::traceHandle("RootPathBase::Kiv");
+  Jorv::traceHandle("RootPathBase::Kiv");
   Kiv::schemaBind(kTypes, gSchema);
   gInitialized.store(true, std::memory_order_release);
   return true;

@@ -5,15 +5,15 @@
 #include <string_view>
 #include <typeinfo>
 
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 
 namespace Jorv {
 
-using DebugHandler = Kiv::TraceHandle;
+using DebugHandler = Jorv::TraceHandle;
 
 struct Platform {
   // The debug handler of that name; the same object for the same name for the whole process.
-  static DebugHandler& getDebugHandler(std::string_view name) { return Kiv::traceHandle(name); }
+  static DebugHandler& getDebugHandler(std::string_view name) { return Jorv::traceHandle(name); }
 };
 
 // The demangled name of `T`'s run-time type. A type may choose the name it is known by in file

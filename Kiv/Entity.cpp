@@ -7,15 +7,15 @@
 #include <typeinfo>
 
 #include "Jorv/Platform.h"
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 #include "Kiv/Type.h"
 
 namespace Kiv {
 
 namespace {
 
-Kiv::TraceHandle& notificationTrace() {
-  static Kiv::TraceHandle& handle = Kiv::traceHandle("Kiv::Notification");
+Jorv::TraceHandle& notificationTrace() {
+  static Jorv::TraceHandle& handle = Jorv::traceHandle("Kiv::Notification");
   return handle;
 }
 

@@ -13,14 +13,14 @@
 #include <string>
 
 #include "Jorv/Exception.h"
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 
 namespace Kiv::NboAttrLog {
 
 namespace {
 
-TraceHandle& trace() {
-  static TraceHandle& handle = traceHandle("Kiv::NboAttrLog");
+Jorv::TraceHandle& trace() {
+  static Jorv::TraceHandle& handle = Jorv::traceHandle("Kiv::NboAttrLog");
   return handle;
 }
 

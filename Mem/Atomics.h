@@ -8,7 +8,7 @@
 //
 // Orders used by the table engine:
 // - Links (a 32-bit version followed by a 32-bit index, one 64-bit unit) are published with
-//   `store64` (release) and read with `load64` (acquire): whoever sees a link also sees the slot
+//   `store64Release` and read with `load64Acquire`: whoever sees a link also sees the slot
 //   it points to, fully written.
 // - Values are copied word by word with relaxed atomics (`copyToShared`, `copyFromShared`) and
 //   bracketed by a flags word, seqlock style. Writer: flags+2 (release), `fenceRelease`, copy,
@@ -49,11 +49,11 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free &&
                   std::atomic_ref<std::uint32_t>::is_always_lock_free,
               "Hardware does not support Atomics");
 
-inline std::uint64_t load64(void const* p) noexcept {
+inline std::uint64_t load64Acquire(void const* p) noexcept {
   return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(const_cast<void*>(p)))
       .load(std::memory_order_acquire);
 }
-inline void store64(void* p, std::uint64_t v) noexcept {
+inline void store64Release(void* p, std::uint64_t v) noexcept {
   std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p))
       .store(v, std::memory_order_release);
 }
@@ -66,11 +66,11 @@ inline void store64Relaxed(void* p, std::uint64_t v) noexcept {
       .store(v, std::memory_order_relaxed);
 }
 
-inline std::uint32_t load32(void const* p) noexcept {
+inline std::uint32_t load32Acquire(void const* p) noexcept {
   return std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(const_cast<void*>(p)))
       .load(std::memory_order_acquire);
 }
-inline void store32(void* p, std::uint32_t v) noexcept {
+inline void store32Release(void* p, std::uint32_t v) noexcept {
   std::atomic_ref<std::uint32_t>(*static_cast<std::uint32_t*>(p))
       .store(v, std::memory_order_release);
 }

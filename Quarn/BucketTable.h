@@ -29,7 +29,7 @@ struct BucketTable {
     // False + first message; a `fenix` of 0 accepts any fenix.
     bool validate(std::size_t mappedSize, std::uint32_t fenix, std::string& error) const;
     std::uint32_t load(std::uint32_t const& field) const noexcept {
-      return Mem::Atomics::load32(&field);
+      return Mem::Atomics::load32Acquire(&field);
     }
   };
 

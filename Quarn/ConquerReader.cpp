@@ -47,7 +47,7 @@ bool ConquerReader::initialize(std::uint32_t fenix, std::string& error) {
     }
     std::uint32_t const pos = std::min(header(t)->load(header(t)->currentPos), mappedCapacity(t));
     std::uint64_t const seq =
-        pos > 0 ? sequenceAt(t, pos - 1) : Mem::Atomics::load64(&header(0)->minSeq);
+        pos > 0 ? sequenceAt(t, pos - 1) : Mem::Atomics::load64Acquire(&header(0)->minSeq);
     if (currentTable() != t) continue;
     table_ = t;
     pos_ = pos;
@@ -133,7 +133,7 @@ void ConquerReader::search(std::uint32_t t) {
 }
 
 bool ConquerReader::prunedPast() {
-  std::uint64_t const minSeq = Mem::Atomics::load64(&header(0)->minSeq);
+  std::uint64_t const minSeq = Mem::Atomics::load64Acquire(&header(0)->minSeq);
   if (minSeq <= lastSeq_) return false;
   KIV_TRACE(dh_, 1, "ConquerReader::findPosition() queue pruned past lastSeq:", lastSeq_,
             " minSeq:", minSeq, ", out of sync");

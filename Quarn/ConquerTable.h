@@ -46,7 +46,7 @@ struct ConquerTable {
     // False + first message. The fenix is always compared (0 included).
     bool validate(std::size_t mappedSize, std::uint32_t fenix, std::string& error) const;
     std::uint32_t load(std::uint32_t const& field) const noexcept {
-      return Mem::Atomics::load32(&field);
+      return Mem::Atomics::load32Acquire(&field);
     }
   };
 
@@ -71,7 +71,7 @@ struct ConquerTable {
                               Mem::Atomics::load32Relaxed(entry + 4));
   }
   static std::uint32_t slotIndex(char const* entry) noexcept {
-    return Mem::Atomics::load32(entry + 8);
+    return Mem::Atomics::load32Acquire(entry + 8);
   }
   static void setEntry(char* entry, std::uint64_t sequence, std::uint32_t slot) noexcept {
     Mem::Atomics::store32Relaxed(entry, Mem::Atomics::lowWord(sequence));

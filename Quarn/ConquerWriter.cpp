@@ -71,7 +71,7 @@ void ConquerWriter::restore() {
 }
 
 void ConquerWriter::resumeSequence(std::uint64_t sequence) {
-  Mem::Atomics::store64(&header(0)->minSeq, sequence);
+  Mem::Atomics::store64Release(&header(0)->minSeq, sequence);
   sequence_ = sequence;
   counters_.lastSequence = sequence;
 }
@@ -143,7 +143,7 @@ void ConquerWriter::notify(std::uint32_t s) {
     }
     KIV_TRACE(dh_, 8, "ConquerWriter::notify() tombstoning ", p, " for slot ", s, " currentPos ",
               e.pos);
-    Mem::Atomics::store32(old + 8, noIndex);
+    Mem::Atomics::store32Release(old + 8, noIndex);
     ++counters_.tombstones;
   }
   if (e.pos >= e.capacity) {
@@ -155,7 +155,7 @@ void ConquerWriter::notify(std::uint32_t s) {
   ++sequence_;
   ConquerTable::setEntry(ConquerTable::entry(table, e.pos), sequence_, s);
   slots_.conquerSlotIs(s, e.pos);
-  Mem::Atomics::store32(&header(current_)->currentPos, e.pos + 1);
+  Mem::Atomics::store32Release(&header(current_)->currentPos, e.pos + 1);
   ++counters_.notifications;
   counters_.lastSequence = sequence_;
   kick_.doKickSleepers();
@@ -177,7 +177,7 @@ std::uint64_t ConquerWriter::prune() {
   if (next <= old) return old;
   KIV_TRACE(dh_, 5, "ConquerWriter::prune() pruning up to minSeq:", next, " (old minSeq:", old,
             ") current sequence: ", sequence_);
-  Mem::Atomics::store64(&header(0)->minSeq, next);
+  Mem::Atomics::store64Release(&header(0)->minSeq, next);
   ++counters_.prunes;
   return next;
 }
@@ -214,7 +214,7 @@ void ConquerWriter::compact() {
   std::uint32_t const other = 1 - current_;
   if (extent(other, "compact").capacity < 2 * std::uint64_t(liveCount_)) grow(other);
   std::uint32_t const room = extent(other, "compact").capacity;
-  Mem::Atomics::store32(&header(other)->currentPos, 0);
+  Mem::Atomics::store32Release(&header(other)->currentPos, 0);
   char* const from = base(current_);
   char* const to = base(other);
   std::uint32_t out = 0;
@@ -233,8 +233,8 @@ void ConquerWriter::compact() {
     slots_.conquerSlotIs(s, out);
     ++out;
   }
-  Mem::Atomics::store32(&header(other)->currentPos, out);
-  Mem::Atomics::store32(&header(0)->currentTable, other);
+  Mem::Atomics::store32Release(&header(other)->currentPos, out);
+  Mem::Atomics::store32Release(&header(0)->currentTable, other);
   current_ = other;
   ++counters_.compactions;
 }
@@ -258,7 +258,7 @@ void ConquerWriter::grow(std::uint32_t t) {
     KIV_TRACE(dh_, 5, "ConquerWriter::grow() remap base address changed from ",
               static_cast<void*>(oldBase), " to ", static_cast<void*>(mem_[t].base()));
   }
-  Mem::Atomics::store32(&header(t)->capacity, capacity);
+  Mem::Atomics::store32Release(&header(t)->capacity, capacity);
   KIV_TRACE(dh_, 3, "ConquerWriter::grow() ", mem_[t].name(), " from ", old, " to ", capacity,
             " notifications");
 }
@@ -267,7 +267,7 @@ void ConquerWriter::updateNumReaders() {
   std::uint32_t const n = kick_.numReaders();
   KIV_TRACE(dh_, 5, "ConquerWriter::updateNumReaders() waitingForReaders:", waitingForReaders_,
             " readers:", n, " numReaders:", header(0)->load(header(0)->numReaders));
-  if (!waitingForReaders_) Mem::Atomics::store32(&header(0)->numReaders, n);
+  if (!waitingForReaders_) Mem::Atomics::store32Release(&header(0)->numReaders, n);
 }
 
 std::uint32_t ConquerWriter::numReaders() const {

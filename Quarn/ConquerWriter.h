@@ -111,7 +111,7 @@ class ConquerWriter {
   // (TableFileReader). Returns whether every call returned true.
   template <class F>
   bool forEachEntry(std::uint32_t end, F&& f) const;
-  std::uint64_t minSeq() const noexcept { return Mem::Atomics::load64(&header(0)->minSeq); }
+  std::uint64_t minSeq() const noexcept { return Mem::Atomics::load64Acquire(&header(0)->minSeq); }
   std::uint64_t sequence() const noexcept { return sequence_; }
   std::uint32_t liveCount() const noexcept { return liveCount_; }
   ConquerCounters const& counters() const noexcept { return counters_; }

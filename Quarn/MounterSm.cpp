@@ -22,7 +22,7 @@ constexpr std::uint32_t ancestorMask =
 // of directories created and removed while the watch is being placed.
 constexpr int maxArmAttempts = 64;
 
-Kiv::TraceHandle& trace() {
+Jorv::TraceHandle& trace() {
   return Jorv::Platform::getDebugHandler("Quarn::MounterSm");
 }
 

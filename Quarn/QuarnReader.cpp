@@ -120,7 +120,7 @@ char const* SlotReader::slot(std::uint32_t i) const {
 
 std::uint32_t SlotReader::readValue(char const* s, void* out, std::size_t bytes) {
   char const* const flagsWord = s + offsetof(SlotTable::Slot, flags);
-  std::uint32_t f = Mem::Atomics::load32(flagsWord);
+  std::uint32_t f = Mem::Atomics::load32Acquire(flagsWord);
   for (;;) {
     char const* from = s;
     if (f & SlotTable::LOOKASIDE) {

@@ -191,7 +191,7 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
                                      std::uint32_t& slot, Texts const& texts) {
   for (;;) {  // one iteration per (re)start from the bucket head
     char const* unit = buckets_.bucket(b);
-    std::uint64_t link = Mem::Atomics::load64(unit);
+    std::uint64_t link = Mem::Atomics::load64Acquire(unit);
     for (std::uint32_t steps = 1;; ++steps) {
       std::uint32_t const i = Mem::Atomics::highWord(link);
       if (i == noIndex) return false;
@@ -202,12 +202,12 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
       }
       if (i >= slots_.numSlots()) {
         if (slots_.doResize() && i < slots_.numSlots()) break;  // grown: start again
-        if (Mem::Atomics::load64(unit) != link) break;
+        if (Mem::Atomics::load64Acquire(unit) != link) break;
         slots_.slot(i);  // raises the out-of-range corruption
       }
       char const* s = slots_.slot(i);
       std::uint32_t const flags = slots_.readValue(s, &out, sizeof(Wrapper));
-      bool const linkSame = Mem::Atomics::load64(unit) == link;
+      bool const linkSame = Mem::Atomics::load64Acquire(unit) == link;
       if (!(flags & SlotTable::OCCUPIED)) {
         if (!linkSame) break;
         std::ostringstream os;
@@ -234,12 +234,12 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
       }
       if (past) return false;  // chains are in ascending key order
       unit = s;
-      link = Mem::Atomics::load64(unit);
+      link = Mem::Atomics::load64Acquire(unit);
       // A slot removed after its value was read joins the free list, and its next link then
       // leads into that list under a version of its own, which later checks would accept. The
       // writer changes the slot's flags before it relinks it: flags unchanged after the link was
       // read (acquire) mean the slot was still in the chain when its link was taken.
-      if (Mem::Atomics::load32(s + offsetof(SlotTable::Slot, flags)) != flags) break;
+      if (Mem::Atomics::load32Acquire(s + offsetof(SlotTable::Slot, flags)) != flags) break;
     }
     KIV_TRACE(dh_, 8, "QuarnReader::walk() restart bucket:", b);
   }

@@ -476,7 +476,7 @@ bool QuarnWriter<Key, Wrapper>::remove(Key const& key, Wrapper& out) {
   SlotWriterTable::flagsIs(s, SlotWriterTable::flags(s) & ~SlotTable::OCCUPIED);
   slots_.pushFree(f.slot);
   SlotTable::Header* const h = slots_.header();
-  Mem::Atomics::store32(&h->occupiedSlots, h->load(h->occupiedSlots) - 1);
+  Mem::Atomics::store32Release(&h->occupiedSlots, h->load(h->occupiedSlots) - 1);
   ++slots_.counters().removes;
   conquer_.notify(f.slot);
   checkIntact("remove");

@@ -12,7 +12,7 @@
 namespace Quarn {
 namespace {
 
-Kiv::TraceHandle& trace() {
+Jorv::TraceHandle& trace() {
   return Jorv::Platform::getDebugHandler("Quarn::ReaderKickSm");
 }
 

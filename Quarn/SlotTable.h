@@ -61,10 +61,10 @@ struct SlotTable {
     std::uint32_t computeChecksum() const;
 
     std::uint32_t load(std::uint32_t const& field) const noexcept {
-      return Mem::Atomics::load32(&field);
+      return Mem::Atomics::load32Acquire(&field);
     }
     // numSlots read together with its version (one 64-bit load).
-    std::uint64_t numSlotsUnit() const noexcept { return Mem::Atomics::load64(&numSlotsVersion); }
+    std::uint64_t numSlotsUnit() const noexcept { return Mem::Atomics::load64Acquire(&numSlotsVersion); }
   };
 
   struct Slot {

@@ -15,7 +15,7 @@
 namespace Quarn {
 namespace {
 
-Kiv::TraceHandle& trace() {
+Jorv::TraceHandle& trace() {
   return Jorv::Platform::getDebugHandler("Quarn::WriterKickSm");
 }
 

@@ -51,7 +51,7 @@ bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t init
     throw Jorv::MemoryResourceException(os.str());
   }
   // Every table file carries its fenix at offset 12.
-  if (!force && existing >= 16 && Mem::Atomics::load32(mem.base() + 12) == fenix) return true;
+  if (!force && existing >= 16 && Mem::Atomics::load32Acquire(mem.base() + 12) == fenix) return true;
   if (existing != initialSize) {
     // Readers may still map the old file: a new file takes its name once formatted
     // (attachTableFile commits it), so no reader's page vanishes under it.
@@ -143,7 +143,7 @@ void SlotWriterTable::addFreeSlots(std::uint32_t start, std::uint32_t end) {
   for (std::uint32_t i = start; i < end; ++i) {
     publishLink(slotUnchecked(i), i + 1 < end ? i + 1 : noIndex);
   }
-  Mem::Atomics::store32(&header()->freeSlots, start);
+  Mem::Atomics::store32Release(&header()->freeSlots, start);
 }
 
 bool SlotWriterTable::grow() {
@@ -182,7 +182,7 @@ bool SlotWriterTable::grow() {
   for (std::uint32_t i = n; i < grown; ++i) SlotTable::initSlot(slotUnchecked(i), slotSize_);
   // Readers learn of the new slots only through this store, after they were initialised.
   std::uint32_t const version = header()->load(header()->numSlotsVersion);
-  Mem::Atomics::store64(&header()->numSlotsVersion, Mem::Atomics::pack(version + 1, grown));
+  Mem::Atomics::store64Release(&header()->numSlotsVersion, Mem::Atomics::pack(version + 1, grown));
   numSlots_ = grown;
   addFreeSlots(n, grown);
   ++counters_.grows;
@@ -196,8 +196,8 @@ std::uint32_t SlotWriterTable::alloc() {
   SlotTable::Header* const hh = header();  // grow() may have moved the mapping
   std::uint32_t const i = hh->load(hh->freeSlots);
   char* const s = slot(i);
-  Mem::Atomics::store32(&hh->freeSlots, next(s));
-  Mem::Atomics::store32(&hh->occupiedSlots, hh->load(hh->occupiedSlots) + 1);
+  Mem::Atomics::store32Release(&hh->freeSlots, next(s));
+  Mem::Atomics::store32Release(&hh->occupiedSlots, hh->load(hh->occupiedSlots) + 1);
   ++counters_.allocs;
   return i;
 }
@@ -205,7 +205,7 @@ std::uint32_t SlotWriterTable::alloc() {
 void SlotWriterTable::pushFree(std::uint32_t i) noexcept {
   SlotTable::Header* const h = header();
   std::uint32_t const previous = h->load(h->freeSlots);
-  Mem::Atomics::store32(&h->freeSlots, i);
+  Mem::Atomics::store32Release(&h->freeSlots, i);
   publishLink(slotUnchecked(i), previous);
 }
 

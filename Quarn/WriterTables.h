@@ -25,10 +25,10 @@ namespace Quarn {
 // unit, so its relaxed read of the old version is exact.
 inline void publishLink(char* unit, std::uint32_t target) noexcept {
   std::uint32_t const version = Mem::Atomics::lowWord(Mem::Atomics::load64Relaxed(unit));
-  Mem::Atomics::store64(unit, Mem::Atomics::pack(version + 1, target));
+  Mem::Atomics::store64Release(unit, Mem::Atomics::pack(version + 1, target));
 }
 inline std::uint32_t linkTarget(char const* unit) noexcept {
-  return Mem::Atomics::highWord(Mem::Atomics::load64(unit));
+  return Mem::Atomics::highWord(Mem::Atomics::load64Acquire(unit));
 }
 
 // Reads one of the writer's table files front to back in chunks, for checks that read every byte
@@ -115,14 +115,14 @@ class SlotWriterTable {
     return Mem::Atomics::load32Relaxed(slot + offsetof(SlotTable::Slot, flags));
   }
   static void flagsIs(char* slot, std::uint32_t f) noexcept {
-    Mem::Atomics::store32(slot + offsetof(SlotTable::Slot, flags), f);
+    Mem::Atomics::store32Release(slot + offsetof(SlotTable::Slot, flags), f);
   }
   static std::uint32_t next(char const* slot) noexcept { return linkTarget(slot); }
   std::uint32_t conquerSlot(std::uint32_t i) const {
     return Mem::Atomics::load32Relaxed(slot(i) + offsetof(SlotTable::Slot, conquerSlot));
   }
   void conquerSlotIs(std::uint32_t i, std::uint32_t pos) const {
-    Mem::Atomics::store32(slot(i) + offsetof(SlotTable::Slot, conquerSlot), pos);
+    Mem::Atomics::store32Release(slot(i) + offsetof(SlotTable::Slot, conquerSlot), pos);
   }
 
   SlotTable::Header* header() const noexcept { return SlotTable::header(mem_.base()); }

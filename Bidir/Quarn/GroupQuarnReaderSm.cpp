@@ -2,7 +2,7 @@
 
 #include "Bidir/Quarn/GroupUpdate.h"
 #include "Kiv/GenericAttribute.h"
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 
 namespace Routing::Pim::Bidir::Quarn {
 
@@ -12,8 +12,8 @@ constexpr auto kAttributes = Kiv::declarations(GroupQuarnReaderSm::attributes())
 constexpr Kiv::AttributeTable kTable{GroupQuarnReaderSm::typeName, kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
-Kiv::TraceHandle& th() {
-  static Kiv::TraceHandle& handle = Kiv::traceHandle("PimBidir::QuarnReader");
+Jorv::TraceHandle& th() {
+  static Jorv::TraceHandle& handle = Jorv::traceHandle("PimBidir::QuarnReader");
   return handle;
 }
 

@@ -5,7 +5,7 @@
 
 #include "Bidir/Quarn/GroupUpdate.h"
 #include "Kiv/GenericAttribute.h"
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 
 namespace Routing::Pim::Bidir::Quarn {
 
@@ -15,8 +15,8 @@ constexpr auto kAttributes = Kiv::declarations(GroupQuarnRestartSm::attributes()
 constexpr Kiv::AttributeTable kTable{GroupQuarnRestartSm::typeName, kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
-Kiv::TraceHandle& th() {
-  static Kiv::TraceHandle& handle = Kiv::traceHandle("PimBidir::GroupQuarnRestart");
+Jorv::TraceHandle& th() {
+  static Jorv::TraceHandle& handle = Jorv::traceHandle("PimBidir::GroupQuarnRestart");
   return handle;
 }
 

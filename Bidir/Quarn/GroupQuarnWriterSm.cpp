@@ -3,14 +3,14 @@
 #include <vector>
 
 #include "Kiv/GenericAttribute.h"
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 
 namespace Routing::Pim::Bidir::Quarn {
 
 namespace {
 
-Kiv::TraceHandle& trace() {
-  static Kiv::TraceHandle& handle = Kiv::traceHandle("PimBidir::QuarnWriter");
+Jorv::TraceHandle& trace() {
+  static Jorv::TraceHandle& handle = Jorv::traceHandle("PimBidir::QuarnWriter");
   return handle;
 }
 

@@ -180,7 +180,7 @@ TEST(ConquerWriter, DamagedHeaderWordsStopTheWriter) {
     w.write(record(0, 1, 1));
     auto* h = w.conquer().header(c.table == 0 ? w.conquer().currentTable()
                                               : 1 - w.conquer().currentTable());
-    Mem::Atomics::store32(reinterpret_cast<char*>(h) + c.offset, c.value);
+    Mem::Atomics::store32Release(reinterpret_cast<char*>(h) + c.offset, c.value);
     std::string const error = failure<Quarn::CorruptionDetectedException>([&] {
       for (std::uint32_t i = 0; i < 1000; ++i) w.write(record(0, 2, i));  // forces a compaction
     });

@@ -45,8 +45,8 @@ inline void corruptBucket(std::string const& root, std::uint32_t hash) {
   ASSERT_TRUE(buckets.attach(buckets.sizeOnDisk()));
   std::uint32_t const n = Quarn::BucketTable::header(buckets.base())->numBuckets;
   char* unit = Quarn::BucketTable::bucket(buckets.base(), hash % n);
-  std::uint32_t const version = Mem::Atomics::lowWord(Mem::Atomics::load64(unit));
-  Mem::Atomics::store64(unit, Mem::Atomics::pack(version + 1, 0x7ffffff0u));
+  std::uint32_t const version = Mem::Atomics::lowWord(Mem::Atomics::load64Acquire(unit));
+  Mem::Atomics::store64Release(unit, Mem::Atomics::pack(version + 1, 0x7ffffff0u));
 }
 
 struct QuarnMapFixture : ::testing::Test {

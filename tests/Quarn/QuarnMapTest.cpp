@@ -351,8 +351,8 @@ TEST_F(Consumers, KeysRemovedWhileStoppedByCorruptionAreReported) {
   Mem::Shared queue("conquer.1", root());
   ASSERT_TRUE(queue.attach(queue.sizeOnDisk()));
   char* const word = queue.base() + offsetof(Quarn::ConquerTable::Header, currentTable);
-  std::uint32_t const saved = Mem::Atomics::load32(word);
-  Mem::Atomics::store32(word, 7);
+  std::uint32_t const saved = Mem::Atomics::load32Acquire(word);
+  Mem::Atomics::store32Release(word, 7);
   writer->safeWrite(record(0, 100, 1));
   truth[TestKey{100, 0}] = 1;
   ASSERT_TRUE(runUntil([&] {
@@ -363,7 +363,7 @@ TEST_F(Consumers, KeysRemovedWhileStoppedByCorruptionAreReported) {
   }));
   writer->safeRemove(TestKey{0, 0});
   truth.erase(TestKey{0, 0});
-  Mem::Atomics::store32(word, saved);
+  Mem::Atomics::store32Release(word, saved);
   ASSERT_TRUE(runUntil([&] { return equalTo(truth); }));
 }
 

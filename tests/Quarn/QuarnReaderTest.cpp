@@ -328,7 +328,7 @@ TEST(ConquerReader, TableThatCannotBeMappedIsCorruption) {
   }
   Mem::Shared other("conquer.2", t.root);
   ASSERT_TRUE(other.attach(other.sizeOnDisk()));
-  Mem::Atomics::store32(other.base() + offsetof(Quarn::ConquerTable::Header, capacity),
+  Mem::Atomics::store32Release(other.base() + offsetof(Quarn::ConquerTable::Header, capacity),
                         0xFFFFFFF0u);
   EXPECT_NE(failure<Quarn::CorruptionDetectedException>([&] { f.drain(); })
                 .find("ConquerReader::findPosition() cannot map"),

@@ -93,7 +93,7 @@ class TempRoot {
 #include <iterator>
 #include <vector>
 
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 
 namespace QuarnTest {
 
@@ -110,15 +110,15 @@ T at(std::vector<unsigned char> const& bytes, std::size_t offset) {
 }
 
 // Collects trace lines of every handle while installed.
-class TraceCapture : public Kiv::TraceSink {
+class TraceCapture : public Jorv::TraceSink {
  public:
   explicit TraceCapture(std::string const& handle, int level = 9) : handle_(handle) {
-    Kiv::traceLevelIs(handle, level);
-    previous_ = Kiv::traceSinkIs(this);
+    Jorv::traceLevelIs(handle, level);
+    previous_ = Jorv::traceSinkIs(this);
   }
   ~TraceCapture() override {
-    Kiv::traceSinkIs(previous_);
-    Kiv::traceLevelIs(handle_, -1);
+    Jorv::traceSinkIs(previous_);
+    Jorv::traceLevelIs(handle_, -1);
   }
   void write(std::string_view, int, std::string_view text) override { lines_.emplace_back(text); }
   bool contains(std::string_view needle) const { return count(needle) > 0; }
@@ -132,7 +132,7 @@ class TraceCapture : public Kiv::TraceSink {
 
  private:
   std::string handle_;
-  Kiv::TraceSink* previous_;
+  Jorv::TraceSink* previous_;
   std::vector<std::string> lines_;
 };
 

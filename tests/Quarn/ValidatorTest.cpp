@@ -82,20 +82,20 @@ TEST(Validator, FindsEveryPlantedDamage) {
       {"occupiedSlots one too high",
        [](Writer& w) {
          auto* h = w.slots().header();
-         Mem::Atomics::store32(&h->occupiedSlots, h->occupiedSlots + 1);
+         Mem::Atomics::store32Release(&h->occupiedSlots, h->occupiedSlots + 1);
        },
        "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:19 count:18"},
       {"leaked slot",
        [](Writer& w) {
          auto* h = w.slots().header();
-         Mem::Atomics::store32(&h->freeSlots,
+         Mem::Atomics::store32Release(&h->freeSlots,
                                Quarn::SlotWriterTable::next(w.slots().slot(h->freeSlots)));
        },
        "Validator::doValidate() bad slotCount:"},
       {"active tombstone",
        [](Writer& w) {
          std::uint32_t const pos = w.slots().conquerSlot(indexOf(w, 3, 4));
-         Mem::Atomics::store32(Quarn::ConquerTable::entry(w.conquer().base(0), pos) + 8,
+         Mem::Atomics::store32Release(Quarn::ConquerTable::entry(w.conquer().base(0), pos) + 8,
                                Quarn::noIndex);
        },
        "Validator::doValidate() active tombstone pos:"},
@@ -111,13 +111,13 @@ TEST(Validator, FindsEveryPlantedDamage) {
       {"keys out of order in their chain",
        [](Writer& w) {
          char* value = Quarn::SlotWriterTable::value(slotOf(w, 2, 1));
-         Mem::Atomics::store32(value, 9);  // the key's id: 0, 9, 2, 3, 4 in one bucket
+         Mem::Atomics::store32Release(value, 9);  // the key's id: 0, 9, 2, 3, 4 in one bucket
        },
        "Validator::walkOccupiedSlots() chain of bucket "},
       {"key in the wrong bucket",
        [](Writer& w) {
          char* value = Quarn::SlotWriterTable::value(slotOf(w, 1, 3));
-         Mem::Atomics::store32(value + 4, 77);  // the key's group: another bucket
+         Mem::Atomics::store32Release(value + 4, 77);  // the key's group: another bucket
        },
        "corrupt key detected"},
       {"entry claimed by two slots",
@@ -140,7 +140,7 @@ TEST(Validator, FindsEveryPlantedDamage) {
                                        Quarn::noIndex);
        },
        "ConquerWriter::validate() pos:2 prevSeq:100 bad order: 3"},
-      {"bad checksum", [](Writer& w) { Mem::Atomics::store32(&w.slots().header()->tableSize, 33); },
+      {"bad checksum", [](Writer& w) { Mem::Atomics::store32Release(&w.slots().header()->tableSize, 33); },
        "SlotTable::Header::validate() checksum fail: "},
   };
   for (auto const& d : damages) {

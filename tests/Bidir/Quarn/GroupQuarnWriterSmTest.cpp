@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 #include "Mirror.h"
 #include "Quarn/TestRecord.h"
 #include "support/QuarnRoot.h"
@@ -80,18 +80,18 @@ struct TableLog : BQ::Status::NotifieeConst {
   }
 };
 
-struct TraceLog : Kiv::TraceSink {
-  TraceLog() : previous(Kiv::traceSinkIs(this)) { Kiv::traceLevelIs("PimBidir::QuarnWriter", 8); }
+struct TraceLog : Jorv::TraceSink {
+  TraceLog() : previous(Jorv::traceSinkIs(this)) { Jorv::traceLevelIs("PimBidir::QuarnWriter", 8); }
   ~TraceLog() override {
-    Kiv::traceLevelIs("PimBidir::QuarnWriter", -1);
-    Kiv::traceSinkIs(previous);
+    Jorv::traceLevelIs("PimBidir::QuarnWriter", -1);
+    Jorv::traceSinkIs(previous);
   }
   void write(std::string_view handle, int level, std::string_view line) override {
     if (handle == "PimBidir::QuarnWriter")
       lines.push_back(std::to_string(level) + " " + std::string(line));
   }
   std::vector<std::string> lines;
-  Kiv::TraceSink* previous;
+  Jorv::TraceSink* previous;
 };
 
 struct GroupQuarnWriterSmTest : ::testing::Test {

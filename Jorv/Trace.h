@@ -1,21 +1,26 @@
 #pragma once
-// Trace handles: named, levelled logging channels.
+// Trace handles: named, levelled logging channels, the base layer's debug handlers.
 //
-// A handle is looked up by name once (`Kiv::traceHandle`) and lives for the whole process. A line
+// A handle is looked up by name once (`Jorv::traceHandle`) and lives for the whole process. A line
 // is produced only when its level is at most the handle's level, so a disabled trace costs one
 // relaxed atomic load; callers use KIV_TRACE so that the arguments are not even formatted then.
 // Levels: 0 errors, 1 warnings, 3 progress, 5 detail, 8 function entry, 9 everything.
 //
-// Lines go to the installed sink (`Kiv::traceSinkIs`), by default standard error. The initial
-// level of every handle is -1 (silent) unless the environment variable KIV_TRACE names it:
-// KIV_TRACE="PimBidir::QuarnWriter=8,Quarn-*=3" (a trailing '*' matches a prefix).
+// Every handle starts at level 0: errors are written by default. The environment variable
+// KIV_TRACE sets levels by name, later items winning:
+// KIV_TRACE="PimBidir::QuarnWriter=8,Quarn-*=3" (a trailing '*' matches a prefix; "*=-1" silences
+// everything, errors included).
+//
+// Lines go to the installed sink (`Jorv::traceSinkIs`), by default standard error, one line each:
+// "<UTC time with microseconds> <pid> <handle>[<level>] <text>", written with one write(2) so that
+// lines of several processes sharing a terminal or a log file do not interleave.
 
 #include <atomic>
 #include <sstream>
 #include <string>
 #include <string_view>
 
-namespace Kiv {
+namespace Jorv {
 
 class TraceSink {
  public:
@@ -61,7 +66,7 @@ void traceLevelIs(std::string_view pattern, int level);
 // outlive its installation. Returns the previous sink.
 TraceSink* traceSinkIs(TraceSink* sink);
 
-}  // namespace Kiv
+}  // namespace Jorv
 
 #define KIV_TRACE(handle, lvl, ...)                                \
   do {                                                             \

@@ -1,14 +1,19 @@
-#include "Kiv/Trace.h"
+#include "Jorv/Trace.h"
 
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
 
-namespace Kiv {
+namespace Jorv {
 namespace {
 
 struct Registry {
@@ -55,8 +60,25 @@ void TraceHandle::write(int level, std::string_view text) const {
     sink->write(name_, level, text);
     return;
   }
-  std::fprintf(stderr, "%s[%d] %.*s\n", name_.c_str(), level, static_cast<int>(text.size()),
-               text.data());
+  timeval tv{};
+  ::gettimeofday(&tv, nullptr);
+  std::tm utc{};
+  ::gmtime_r(&tv.tv_sec, &utc);
+  char stamp[40];
+  std::size_t const n = std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
+  std::snprintf(stamp + n, sizeof stamp - n, ".%06ldZ", static_cast<long>(tv.tv_usec));
+  std::string line;
+  line.reserve(text.size() + name_.size() + 64);
+  line.append(stamp).append(" ").append(std::to_string(::getpid())).append(" ").append(name_);
+  line.append("[").append(std::to_string(level)).append("] ").append(text).append("\n");
+  // One write per line; a short write (a full pipe) is finished, an error drops the line.
+  std::size_t done = 0;
+  while (done < line.size()) {
+    ssize_t const w = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) break;
+    done += std::size_t(w);
+  }
 }
 
 TraceHandle& traceHandle(std::string_view name) {
@@ -64,7 +86,7 @@ TraceHandle& traceHandle(std::string_view name) {
   std::lock_guard lock(r.mutex);
   auto it = r.handles.find(name);
   if (it != r.handles.end()) return *it->second;
-  int level = -1;
+  int level = 0;  // errors by default
   for (auto const& [pattern, patternLevel] : r.patterns) {
     if (matches(pattern, name)) level = patternLevel;
   }
@@ -87,4 +109,4 @@ TraceSink* traceSinkIs(TraceSink* sink) {
   return registry().sink.exchange(sink, std::memory_order_acq_rel);
 }
 
-}  // namespace Kiv
+}  // namespace Jorv
