@@ -14,7 +14,8 @@
 //   bracketed by a flags word, seqlock style. Writer: flags+2 (release), `fenceRelease`, copy,
 //   flags+2|1 (release). Reader: flags (acquire), copy, `fenceAcquire`, flags again (relaxed);
 //   equal flags mean the copy is consistent, because a copy that saw any of the writer's value
-//   stores also sees the flags store that preceded them.
+//   stores also sees the flags store that preceded them. The table engine writes the bracket once,
+//   in Quarn/ValueSeq.h.
 // - Counters and positions that publish appended data (currentPos, numSlots) are stored release
 //   after the data and loaded acquire before it.
 

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Quarn/ValueSeq.h"
+
 namespace Quarn {
 namespace {
 
@@ -119,20 +121,16 @@ char const* SlotReader::slot(std::uint32_t i) const {
 }
 
 std::uint32_t SlotReader::readValue(char const* s, void* out, std::size_t bytes) {
-  char const* const flagsWord = s + offsetof(SlotTable::Slot, flags);
-  std::uint32_t f = Mem::Atomics::load32Acquire(flagsWord);
-  for (;;) {
+  std::uint32_t f = ValueSeq::readValueBegin(s);
+  do {
     char const* from = s;
     if (f & SlotTable::LOOKASIDE) {
       from = SlotTable::lookaside(mem_.base());
       ++lookasideReads_;
     }
     Mem::Atomics::copyFromShared(out, from + SlotTable::valueOffset, bytes);
-    Mem::Atomics::fenceAcquire();
-    std::uint32_t const f2 = Mem::Atomics::load32Relaxed(flagsWord);
-    if (f2 == f) return f;
-    f = f2;
-  }
+  } while (ValueSeq::readValueRetry(s, f));
+  return f;
 }
 
 }  // namespace Quarn

@@ -35,6 +35,7 @@
 #include "Quarn/IterHint.h"
 #include "Quarn/Util.h"
 #include "Quarn/Validator.h"
+#include "Quarn/ValueSeq.h"
 #include "Quarn/WriterKick.h"
 #include "Quarn/WriterTables.h"
 
@@ -424,18 +425,12 @@ std::uint32_t QuarnWriter<Key, Wrapper>::allocOrThrow() {
 
 template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::writeValue(char* s, void const* value) {
-  std::uint32_t const f = SlotWriterTable::flags(s);
-  if (f & SlotTable::OCCUPIED) {
-    // A reader may still be copying the lookaside value of the previous update; the fence
-    // guarantees that if its copy sees any word staged here, its re-read of that earlier slot's
-    // flags sees the write completed, so it retries instead of keeping a mixed value.
-    Mem::Atomics::fenceRelease();
-    Mem::Atomics::copyToShared(slots_.lookasideValue(), value, sizeof(Wrapper));
+  if (SlotWriterTable::flags(s) & SlotTable::OCCUPIED) {
+    ValueSeq::stageValue(slots_.lookasideValue(), value, sizeof(Wrapper));
   }
-  SlotWriterTable::flagsIs(s, f + 2);
-  Mem::Atomics::fenceRelease();
+  std::uint32_t const begun = ValueSeq::beginValueWrite(s);
   Mem::Atomics::copyToShared(SlotWriterTable::value(s), value, sizeof(Wrapper));
-  SlotWriterTable::flagsIs(s, (f + 4) | SlotTable::OCCUPIED);
+  ValueSeq::endValueWrite(s, begun);
 }
 
 template <class Key, class Wrapper>
@@ -598,8 +593,7 @@ Wrapper* QuarnWriter<Key, Wrapper>::directWrite(Key const& key) {
     target = SlotWriterTable::value(slots_.slot(pending_));
   }
   pendingKey_ = key;
-  Mem::Atomics::fenceRelease();  // as in writeValue: the lookaside may be under a reader's copy
-  Mem::Atomics::copyToShared(target, &fresh, sizeof fresh);
+  ValueSeq::stageValue(target, &fresh, sizeof fresh);
   KIV_TRACE(dh_, 8, "QuarnWriter::directWrite() ", KeyText<Key>{key},
             pendingNew_ ? " new" : " existing", " bucket:", b, " slot:", pending_,
             " next:", f.slot);
@@ -624,14 +618,14 @@ void QuarnWriter<Key, Wrapper>::directCommit() {
   }
   std::uint32_t const flags = SlotWriterTable::flags(s);
   if (flags & SlotTable::OCCUPIED) {
-    SlotWriterTable::flagsIs(s, flags + 2);
-    Mem::Atomics::fenceRelease();
+    std::uint32_t const begun = ValueSeq::beginValueWrite(s);
     char staged[sizeof(Wrapper)];
     Mem::Atomics::copyFromShared(staged, slots_.lookasideValue(), sizeof staged);
     Mem::Atomics::copyToShared(SlotWriterTable::value(s), staged, sizeof staged);
-    SlotWriterTable::flagsIs(s, flags + 4);
+    ValueSeq::endValueWrite(s, begun);
   } else {
-    SlotWriterTable::flagsIs(s, (flags + 4) | SlotTable::OCCUPIED);
+    // Written in place while no link reaches the slot: the bracket's end alone makes it occupied.
+    ValueSeq::endValueWrite(s, flags);
   }
   if (pendingNew_) publishLink(linkUnit(b, f.prev), i);
   ++slots_.counters().writes;
