@@ -84,6 +84,30 @@ inline void store32Relaxed(void* p, std::uint32_t v) noexcept {
       .store(v, std::memory_order_relaxed);
 }
 
+// Sequentially consistent accesses, for the two-sided handshakes where a store must be ordered
+// before a later load of another word (a sleeper announces itself, then checks for news; the
+// writer publishes news, then checks for sleepers): neither acquire nor release orders a store
+// before a load. Every one of them takes part in the single total order of such operations.
+inline std::uint64_t load64SeqCst(void const* p) noexcept {
+  return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(const_cast<void*>(p)))
+      .load(std::memory_order_seq_cst);
+}
+inline void store64SeqCst(void* p, std::uint64_t v) noexcept {
+  std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p))
+      .store(v, std::memory_order_seq_cst);
+}
+// Replaces `expected` by `desired`; false, with `expected` set to the word found, when the word
+// was not `expected`.
+inline bool compareExchange64SeqCst(void* p, std::uint64_t& expected,
+                                    std::uint64_t desired) noexcept {
+  return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p))
+      .compare_exchange_strong(expected, desired, std::memory_order_seq_cst);
+}
+inline std::uint64_t fetchAdd64SeqCst(void* p, std::uint64_t v) noexcept {
+  return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(p))
+      .fetch_add(v, std::memory_order_seq_cst);
+}
+
 // A 64-bit unit of two 32-bit words (low word first in memory, little-endian hosts only).
 constexpr std::uint64_t pack(std::uint32_t low, std::uint32_t high) noexcept {
   return std::uint64_t(low) | (std::uint64_t(high) << 32);

@@ -158,7 +158,7 @@ void ConquerWriter::notify(std::uint32_t s) {
   Mem::Atomics::store32Release(&header(current_)->currentPos, e.pos + 1);
   ++counters_.notifications;
   counters_.lastSequence = sequence_;
-  kick_.doKickSleepers();
+  kick_.doKickSleepers(sequence_);
 }
 
 std::uint64_t ConquerWriter::prune() {
