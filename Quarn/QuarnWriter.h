@@ -166,7 +166,15 @@ class QuarnWriter {
   std::uint32_t slotOf(Key const& key, IterHint const& hint, char const* op) const;
   // The slot of `index`, checked to be a valid member of `bucket`'s chain.
   char* chainSlot(std::uint32_t index, std::uint32_t bucket, char const* op,
-                  char const* occupiedOp) const;
+                  char const* occupiedOp) const {
+    char* const s = occupiedSlot(index, occupiedOp);
+    checkBucket(s, index, bucket, op);
+    return s;
+  }
+  // The slot of `index`, checked to be occupied (every chained slot is).
+  char* occupiedSlot(std::uint32_t index, char const* occupiedOp) const;
+  // Raises the corruption of a chained slot whose key does not belong to `bucket`.
+  void checkBucket(char const* s, std::uint32_t index, std::uint32_t bucket, char const* op) const;
   char* linkUnit(std::uint32_t bucket, std::uint32_t prev) const {
     return prev == noIndex ? buckets_.bucket(bucket) : slots_.slot(prev);
   }
@@ -369,21 +377,25 @@ void QuarnWriter<Key, Wrapper>::recover(std::string const& why) {
 }
 
 template <class Key, class Wrapper>
-char* QuarnWriter<Key, Wrapper>::chainSlot(std::uint32_t index, std::uint32_t bucket,
-                                           char const* op, char const* occupiedOp) const {
+char* QuarnWriter<Key, Wrapper>::occupiedSlot(std::uint32_t index, char const* occupiedOp) const {
   char* const s = slots_.slot(index);
   if (!(SlotWriterTable::flags(s) & SlotTable::OCCUPIED)) {
     std::ostringstream os;
     os << "QuarnWriter::" << occupiedOp << "() slot: " << index << " not marked as occupied";
     corruption(os.str());
   }
+  return s;
+}
+
+template <class Key, class Wrapper>
+void QuarnWriter<Key, Wrapper>::checkBucket(char const* s, std::uint32_t index,
+                                            std::uint32_t bucket, char const* op) const {
   if (bucketOf(keyAt(s)) != bucket) {
     std::ostringstream os;
     os << "QuarnWriter::" << op << "() corrupt key detected, slot: " << index
        << " bucket:" << bucket;
     corruption(os.str());
   }
-  return s;
 }
 
 template <class Key, class Wrapper>
@@ -400,14 +412,16 @@ typename QuarnWriter<Key, Wrapper>::Found QuarnWriter<Key, Wrapper>::walk(Key co
          << " capacity:" << limit;
       corruption(os.str());
     }
-    char const* const s = chainSlot(cur, bucket, op, op);
+    char const* const s = occupiedSlot(cur, op);
     Key const& slotKey = keyAt(s);
-    if (slotKey < key) {
-      prev = cur;
-      cur = SlotWriterTable::next(s);
-    } else {
-      return {cur, prev, !(key < slotKey)};
-    }
+    bool const before = slotKey < key;
+    // A slot holding `key` itself belongs to `bucket` (the bucket was computed from `key`): only
+    // the others are hashed to prove it, which spares the hash on every hit.
+    if (!before && !(key < slotKey)) return {cur, prev, true};
+    checkBucket(s, cur, bucket, op);
+    if (!before) return {cur, prev, false};
+    prev = cur;
+    cur = SlotWriterTable::next(s);
   }
   return {noIndex, prev, false};
 }
