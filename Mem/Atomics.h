@@ -127,22 +127,46 @@ inline void fenceRelease() noexcept {
 }
 
 // Word-wise relaxed copies between private and shared memory. `bytes` must be a multiple of 4
-// and both addresses 4-byte aligned (every record of the engine is laid out that way).
+// and both addresses 4-byte aligned (every record of the engine is laid out that way). A shared
+// address that is 8-byte aligned (every value area of the engine's slots) is copied in 8-byte
+// words, half the accesses; a copy is consistent only as the value bracket makes it, never by
+// the width of its words.
 inline void copyToShared(void* shared, void const* local, std::size_t bytes) noexcept {
-  auto* dst = static_cast<std::uint32_t*>(shared);
+  auto* dst = static_cast<unsigned char*>(shared);
   auto const* src = static_cast<unsigned char const*>(local);
-  for (std::size_t i = 0; i < bytes / 4; ++i) {
+  std::size_t i = 0;
+  if (reinterpret_cast<std::uintptr_t>(dst) % 8 == 0) {
+    for (; i + 8 <= bytes; i += 8) {
+      std::uint64_t w;
+      std::memcpy(&w, src + i, 8);
+      std::atomic_ref<std::uint64_t>(*reinterpret_cast<std::uint64_t*>(dst + i))
+          .store(w, copyStoreOrder);
+    }
+  }
+  for (; i < bytes; i += 4) {
     std::uint32_t w;
-    std::memcpy(&w, src + 4 * i, 4);
-    std::atomic_ref<std::uint32_t>(dst[i]).store(w, copyStoreOrder);
+    std::memcpy(&w, src + i, 4);
+    std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t*>(dst + i))
+        .store(w, copyStoreOrder);
   }
 }
 inline void copyFromShared(void* local, void const* shared, std::size_t bytes) noexcept {
   auto* dst = static_cast<unsigned char*>(local);
-  auto* src = static_cast<std::uint32_t*>(const_cast<void*>(shared));
-  for (std::size_t i = 0; i < bytes / 4; ++i) {
-    std::uint32_t w = std::atomic_ref<std::uint32_t>(src[i]).load(copyLoadOrder);
-    std::memcpy(dst + 4 * i, &w, 4);
+  auto* src = static_cast<unsigned char*>(const_cast<void*>(shared));
+  std::size_t i = 0;
+  if (reinterpret_cast<std::uintptr_t>(src) % 8 == 0) {
+    for (; i + 8 <= bytes; i += 8) {
+      std::uint64_t const w =
+          std::atomic_ref<std::uint64_t>(*reinterpret_cast<std::uint64_t*>(src + i))
+              .load(copyLoadOrder);
+      std::memcpy(dst + i, &w, 8);
+    }
+  }
+  for (; i < bytes; i += 4) {
+    std::uint32_t const w =
+        std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t*>(src + i))
+            .load(copyLoadOrder);
+    std::memcpy(dst + i, &w, 4);
   }
 }
 
