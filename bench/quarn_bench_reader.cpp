@@ -450,7 +450,7 @@ void BM_QuarnWriterCostWithReaders(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_QuarnWriterCostWithReaders)->Arg(0)->Arg(1)->Arg(16)->Iterations(5000);
-BENCHMARK(BM_QuarnReaderLookup)->Arg(500000);
+BENCHMARK(BM_QuarnReaderLookup)->Arg(500000)->Arg(5000000);
 BENCHMARK(BM_QuarnReaderLookupUnderChurn)->Arg(500000);
 BENCHMARK(BM_QuarnPropagation)
     ->Arg(500000)
