@@ -1,0 +1,82 @@
+#pragma once
+// Kiv::NboAttrLog input: the reading half of a channel (In).
+
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "Kiv/NboAttrLogSaBase.h"
+
+namespace Kiv::NboAttrLog {
+
+inline constexpr std::size_t kMaxPendingBytes = 16u << 20;    // one transaction's records
+
+// The reading half of a channel: parses records, checks each before anything is applied, and
+// applies records (or whole transactions) through the entities' reading adapters.
+class In {
+ public:
+  explicit In(Channel& channel);
+  ~In();
+  In(In const&) = delete;
+  In& operator=(In const&) = delete;
+
+  Channel& channel() const noexcept { return channel_; }
+  // Hands bytes from the stream to the parser. Raises AttrLogRecordException (or the range error
+  // of a bad value) at the first bad record; nothing of that record, or of the transaction it is
+  // part of, is applied. Re-entrant calls (from a handler) only queue their bytes.
+  void feed(std::span<std::uint8_t const> bytes);
+  // The stream ended: raises "stream cut mid-transaction" if a transaction is open (its records
+  // are dropped) or "stream cut mid-record" inside a record.
+  void endOfStream();
+
+  std::uint32_t syncMode() const noexcept { return syncMode_; }
+  std::uint64_t recordsApplied() const noexcept { return applied_; }
+  // The record being applied (valid inside handleAttrDeserialization).
+  Cursor& cursor() { return *cursor_; }
+  MsgHeader const& header() const noexcept { return header_; }
+
+  // Validation-time bookkeeping of identifiers (see TypeInfo::validate).
+  struct Known {
+    TypeInfo const* type;
+    std::uint32_t parentId;
+  };
+  void announce(std::uint32_t id, TypeInfo const* type, std::uint32_t parentId);
+  void unannounce(std::uint32_t id) noexcept { known_.erase(id); }
+  // A collection member announced under `key` (its encoded bytes) of collection entity `parentId`;
+  // a member announced again under the same key, or deleted, releases its old identifier.
+  void announceMember(std::uint32_t parentId, std::string_view key, std::uint32_t id,
+                      TypeInfo const* type);
+  void memberGone(std::uint32_t parentId, std::string_view key) noexcept;
+  // Apply-time bindings of identifiers to reading adapters.
+  void bind(std::uint32_t id, Ptr<SaBase> const& sa) { bound_[id] = sa; }
+  void unbind(std::uint32_t id) noexcept { bound_.erase(id); }
+  SaBase* bound(std::uint32_t id) const;
+
+ private:
+  void process();
+  void validate(MsgHeader const& h, std::span<std::uint8_t const> body);
+  void apply(MsgHeader const& h, std::span<std::uint8_t const> body);
+
+  Channel& channel_;
+  std::vector<std::uint8_t> buf_;
+  std::vector<std::uint8_t> later_;
+  std::size_t head_ = 0;
+  bool processing_ = false;
+  unsigned depth_ = 0;
+  std::vector<std::pair<MsgHeader, std::vector<std::uint8_t>>> pending_;
+  std::size_t pendingBytes_ = 0;
+  std::uint32_t syncMode_ = 0;
+  std::uint64_t applied_ = 0;
+  std::unordered_map<std::uint32_t, Known> known_;
+  std::map<std::pair<std::uint32_t, std::string>, std::uint32_t> memberIds_;
+  std::unordered_map<std::uint32_t, Ptr<SaBase>> bound_;
+  MsgHeader header_;
+  Cursor* cursor_ = nullptr;
+};
+
+}  // namespace Kiv::NboAttrLog
