@@ -67,6 +67,23 @@ void In::feed(std::span<std::uint8_t const> bytes) {
   processing_ = false;
 }
 
+namespace {
+
+// Runs `f` on the record of header `h`: a record error raised in it says which record it is.
+template <class F>
+void onRecord(MsgHeader const& h, F const& f) {
+  try {
+    f();
+  } catch (AttrLogRecordException const& e) {
+    throw AttrLogRecordException("record (entity " + std::to_string(h.entityId) + ", parent " +
+                                 std::to_string(h.parentId) + ", attribute " +
+                                 std::to_string(h.attributeId) + ", length " +
+                                 std::to_string(h.length) + "): " + e.what());
+  }
+}
+
+}  // namespace
+
 void In::process() {
   while (buf_.size() - head_ >= MsgHeader::wireSize) {
     std::uint8_t const* p = buf_.data() + head_;
@@ -76,45 +93,35 @@ void In::process() {
     h.entityId = load32(p + 8);
     h.parentId = load32(p + 12);
     h.flags = p[16];
-    if (h.length > kMaxRecordBytes) recordError("record too long: " + std::to_string(h.length));
-    if ((h.flags != flagRecord && h.flags != flagTransaction) || p[17] || p[18] || p[19]) {
-      recordError("bad record header");
-    }
+    onRecord(h, [&] {
+      if (h.length > kMaxRecordBytes) recordError("record too long: " + std::to_string(h.length));
+      if ((h.flags != flagRecord && h.flags != flagTransaction) || p[17] || p[18] || p[19]) {
+        recordError("bad record header");
+      }
+    });
     if (buf_.size() - head_ < MsgHeader::wireSize + h.length) break;
     std::span<std::uint8_t const> body(p + MsgHeader::wireSize, h.length);
-    if (h.flags == flagTransaction) {
-      Cursor c(body);
-      std::uint8_t token = c.u8();
-      c.u32();
-      c.expectEnd();
-      if (h.entityId != 0 && !known_.count(h.entityId)) {
-        recordError("entity identifier out of range: " + std::to_string(h.entityId));
-      }
-      if (token == tokenBegin) {
-        if (++depth_ > kMaxTransactionDepth) recordError("transactions nested too deep");
-      } else if (token == tokenEnd) {
-        if (depth_ == 0) recordError("transaction end without begin");
-        --depth_;
+    onRecord(h, [&] {
+      if (h.flags == flagTransaction) {
+        checkMarker(h, body);
       } else {
-        recordError("bad transaction token");
+        validate(h, body);
       }
-    } else {
-      validate(h, body);
-    }
+    });
     if (depth_ > 0 || !pending_.empty()) {
       pendingBytes_ += h.length + MsgHeader::wireSize;
-      if (pendingBytes_ > kMaxPendingBytes) recordError("transaction too large");
+      if (pendingBytes_ > kMaxPendingBytes) onRecord(h, [] { recordError("transaction too large"); });
       pending_.emplace_back(h, std::vector<std::uint8_t>(body.begin(), body.end()));
       head_ += MsgHeader::wireSize + h.length;
       if (depth_ == 0) {
         auto records = std::move(pending_);
         pending_.clear();
         pendingBytes_ = 0;
-        for (auto& [ph, pb] : records) apply(ph, pb);
+        for (auto& [ph, pb] : records) onRecord(ph, [&] { apply(ph, pb); });
       }
     } else {
       // `body` stays valid: bytes fed while records are applied wait in later_.
-      apply(h, body);
+      onRecord(h, [&] { apply(h, body); });
       head_ += MsgHeader::wireSize + h.length;
     }
   }
@@ -124,6 +131,24 @@ void In::process() {
   } else if (head_ > 0) {
     buf_.erase(buf_.begin(), buf_.begin() + std::ptrdiff_t(head_));
     head_ = 0;
+  }
+}
+
+void In::checkMarker(MsgHeader const& h, std::span<std::uint8_t const> body) {
+  Cursor c(body);
+  std::uint8_t token = c.u8();
+  c.u32();
+  c.expectEnd();
+  if (h.entityId != 0 && !known_.count(h.entityId)) {
+    recordError("entity identifier out of range: " + std::to_string(h.entityId));
+  }
+  if (token == tokenBegin) {
+    if (++depth_ > kMaxTransactionDepth) recordError("transactions nested too deep");
+  } else if (token == tokenEnd) {
+    if (depth_ == 0) recordError("transaction end without begin");
+    --depth_;
+  } else {
+    recordError("bad transaction token");
   }
 }
 

@@ -28,7 +28,9 @@ class In {
   Channel& channel() const noexcept { return channel_; }
   // Hands bytes from the stream to the parser. Raises AttrLogRecordException (or the range error
   // of a bad value) at the first bad record; nothing of that record, or of the transaction it is
-  // part of, is applied. Re-entrant calls (from a handler) only queue their bytes.
+  // part of, is applied. A record error's text begins with the record's header, "record (entity
+  // 2, parent 1, attribute 261, length 4): truncated record". Re-entrant calls (from a handler)
+  // only queue their bytes.
   void feed(std::span<std::uint8_t const> bytes);
   // The stream ended: raises "stream cut mid-transaction" if a transaction is open (its records
   // are dropped) or "stream cut mid-record" inside a record.
@@ -59,6 +61,8 @@ class In {
 
  private:
   void process();
+  // Checks a transaction marker and follows its nesting.
+  void checkMarker(MsgHeader const& h, std::span<std::uint8_t const> body);
   void validate(MsgHeader const& h, std::span<std::uint8_t const> body);
   void apply(MsgHeader const& h, std::span<std::uint8_t const> body);
 

@@ -200,7 +200,10 @@ Server::Server(Activity& activity, std::string path, Options options)
     : Endpoint(activity, options), path_(std::move(path)) {
   sockaddr_un a = unixAddress(path_);
   listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (listenFd_ < 0) throw Jorv::RuntimeException("NboAttrLog::Server: socket failed");
+  if (listenFd_ < 0) {
+    throw Jorv::RuntimeException(std::string("NboAttrLog::Server: socket failed: ") +
+                                 std::strerror(errno));
+  }
   ::unlink(path_.c_str());
   if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
       ::listen(listenFd_, 16) != 0) {
@@ -273,7 +276,8 @@ void Client::attachOne(Ptr<Entity> const& e, Out& out) {
 
 void socketPair(int fds[2]) {
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) != 0) {
-    throw Jorv::RuntimeException("NboAttrLog: socketpair failed");
+    throw Jorv::RuntimeException(std::string("NboAttrLog: socketpair failed: ") +
+                                 std::strerror(errno));
   }
 }
 

@@ -4,6 +4,7 @@
 #include "Kiv/NboAttrLog.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <functional>
@@ -12,48 +13,22 @@
 
 #include "Bidir/AttrLog.h"
 #include "Jorv/Exception.h"
+#include "support/AttrLogRecords.h"
 
 namespace Bidir = Routing::Pim::Bidir;
 namespace Log = Kiv::NboAttrLog;
 
 namespace {
 
-// Hand-built records, in the layout the header of Kiv/NboAttrLog.h describes.
-struct Bytes {
-  std::vector<std::uint8_t> b;
-  Bytes& u8(std::uint8_t v) {
-    b.push_back(v);
-    return *this;
+using Bytes = TestSupport::AttrLogRecords;
+
+// In puts the header of the record in front of the errors found in it: compare the end.
+::testing::AssertionResult endsWith(std::string const& text, std::string const& tail) {
+  if (text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0) {
+    return ::testing::AssertionSuccess();
   }
-  Bytes& u32(std::uint32_t v) {
-    for (int s = 24; s >= 0; s -= 8) b.push_back(std::uint8_t(v >> s));
-    return *this;
-  }
-  Bytes& str(std::string const& s) {
-    u32(std::uint32_t(s.size()));
-    b.insert(b.end(), s.begin(), s.end());
-    return *this;
-  }
-  Bytes& record(std::int32_t attr, std::uint32_t id, std::uint32_t parent,
-                std::function<void(Bytes&)> const& body, std::uint8_t flags = 1) {
-    Bytes inner;
-    if (flags == 1) inner.u8(1);
-    body(inner);
-    if (flags == 1) inner.u8(3);
-    u32(std::uint32_t(inner.b.size())).u32(std::uint32_t(attr)).u32(id).u32(parent).u8(flags);
-    u8(0).u8(0).u8(0);
-    b.insert(b.end(), inner.b.begin(), inner.b.end());
-    return *this;
-  }
-  Bytes& create(std::string const& type, std::string const& arg, std::uint32_t id) {
-    return record(136, id, 0, [&](Bytes& x) {
-      x.u8(2).u8(1).str(type).u8(2).u8(3).str(arg).u8(2).u8(4).u32(id);
-    });
-  }
-  Bytes& marker(std::int32_t attr, std::uint32_t id, std::uint8_t token) {
-    return record(attr, id, 0, [&](Bytes& x) { x.u8(token).u32(0); }, 2);
-  }
-};
+  return ::testing::AssertionFailure() << "\"" << text << "\" does not end with \"" << tail << "\"";
+}
 
 // A clear-request collection "clr" (id 1) with member "red" (id 2).
 Bytes base() {
@@ -110,24 +85,28 @@ TEST_F(NboAttrLogReader, RefusesEachKindOfBadRecordWithoutApplyingIt) {
             "MrouteClearFlags::value > 0x3 not allowed");
   EXPECT_EQ(clr->vrfClearConfig("red")->groupKey(), Bidir::ClearConfig::GroupKey());
   // An identifier nobody announced, and one announced under another parent.
-  EXPECT_EQ(feed(more([](Bytes& s) { s.record(261, 99, 1, [](Bytes& x) { x.u32(6); }); }), false),
-            "entity identifier out of range: 99");
-  EXPECT_EQ(feed(more([](Bytes& s) { s.record(261, 2, 7, [](Bytes& x) { x.u32(6); }); }), false),
-            "entity identifier out of range: 2");
+  EXPECT_TRUE(endsWith(
+      feed(more([](Bytes& s) { s.record(261, 99, 1, [](Bytes& x) { x.u32(6); }); }), false),
+      "entity identifier out of range: 99"));
+  EXPECT_TRUE(endsWith(
+      feed(more([](Bytes& s) { s.record(261, 2, 7, [](Bytes& x) { x.u32(6); }); }), false),
+      "entity identifier out of range: 2"));
   // A deletion whose key is longer than a VRF name may be.
   EXPECT_EQ(feed(more([](Bytes& s) {
               s.record(-258, 1, 0, [](Bytes& x) { x.str(std::string(101, 'v')); });
             }), false),
             "VrfName::bytes > 100 not allowed");
-  // A value cut short inside its record, and a record with bytes left over.
+  // A value cut short inside its record, and a record with bytes left over: the error names the
+  // record it was found in.
   EXPECT_EQ(feed(more([](Bytes& s) { s.record(261, 2, 1, [](Bytes& x) { x.u8(0).u8(6); }); }),
                  false),
-            "truncated record");
-  EXPECT_EQ(feed(more([](Bytes& s) { s.record(260, 2, 1, [](Bytes& x) { x.u8(1).u8(0); }); }),
-                 false),
-            "bad token, expected 3");
-  EXPECT_EQ(feed(more([](Bytes& s) { s.create("Routing::Pim::Bidir::Nothing", "x", 9); }), false),
-            "unknown type name: Routing::Pim::Bidir::Nothing");
+            "record (entity 2, parent 1, attribute 261, length 4): truncated record");
+  EXPECT_TRUE(endsWith(
+      feed(more([](Bytes& s) { s.record(260, 2, 1, [](Bytes& x) { x.u8(1).u8(0); }); }), false),
+      "attribute 260, length 4): bad token, expected 3"));
+  EXPECT_TRUE(endsWith(
+      feed(more([](Bytes& s) { s.create("Routing::Pim::Bidir::Nothing", "x", 9); }), false),
+      "unknown type name: Routing::Pim::Bidir::Nothing"));
   EXPECT_EQ(counters(), 5u);
   EXPECT_EQ(clr->vrfClearConfigCount(), 1u);
 }
@@ -181,6 +160,35 @@ TEST_F(NboAttrLogReader, GuardsAgainstReentryAndRemoteWritesToReadOnlyProxies) {
   t.record(261, 2, 1, [](Bytes& x) { x.u32(4); });
   EXPECT_EQ(feed(t, false), "write-update from readonly proxy: clr/red");
   EXPECT_EQ(counters(), 3u);
+}
+
+// Descriptors run out: the errors carry errno's text.
+TEST(NboAttrLogSockets, FailuresToMakeASocketSayWhy) {
+  Kiv::Activity act;
+  std::string const path = "/tmp/attrlog-nofd-" + std::to_string(::getpid());
+  rlimit const old = [] {
+    rlimit r{};
+    ::getrlimit(RLIMIT_NOFILE, &r);
+    return r;
+  }();
+  rlimit none = old;
+  none.rlim_cur = 0;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  std::string pairError, serverError;
+  try {
+    int fds[2];
+    Log::socketPair(fds);
+  } catch (std::exception const& e) {
+    pairError = e.what();
+  }
+  try {
+    Log::Server server(act, path);
+  } catch (std::exception const& e) {
+    serverError = e.what();
+  }
+  ::setrlimit(RLIMIT_NOFILE, &old);
+  EXPECT_EQ(pairError, "NboAttrLog: socketpair failed: Too many open files");
+  EXPECT_EQ(serverError, "NboAttrLog::Server: socket failed: Too many open files");
 }
 
 }  // namespace
