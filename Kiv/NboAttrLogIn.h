@@ -14,10 +14,16 @@
 
 namespace Kiv::NboAttrLog {
 
-inline constexpr std::size_t kMaxPendingBytes = 16u << 20;    // one transaction's records
-
 // The reading half of a channel: parses records, checks each before anything is applied, and
 // applies records (or whole transactions) through the entities' reading adapters.
+//
+// What the peer may do is checked before anything is held or applied, by the endpoint's rules
+// (Endpoint::Options): its creation records bind only what the endpoint lets them bind, records
+// addressed to an entity that this side serves are refused ("write-update from readonly proxy: "
+// and the entity's name), and what one connection holds is bounded: identifiers announced at
+// once (Options::maxEntities), bytes of an open transaction (Options::maxPendingBytes), and the
+// unread rest of the stream (one read from the socket plus one record). Nothing applied is
+// undone by a later refusal; the channel closes at the first one.
 class In {
  public:
   explicit In(Channel& channel);
@@ -37,18 +43,28 @@ class In {
   void endOfStream();
 
   std::uint32_t syncMode() const noexcept { return syncMode_; }
+  // Identifiers the peer holds announced now, and bytes of its stream held here (not yet parsed,
+  // or records of an open transaction); the most of each this connection has held.
+  std::size_t entities() const noexcept { return known_.size(); }
+  std::size_t bytesHeld() const noexcept {
+    return buf_.size() - head_ + later_.size() + pending_.size();
+  }
+  std::size_t peakEntities() const noexcept { return peakEntities_; }
+  std::size_t peakBytesHeld() const noexcept { return peakBytesHeld_; }
   std::uint64_t recordsApplied() const noexcept { return applied_; }
   // The record being applied (valid inside handleAttrDeserialization).
   Cursor& cursor() { return *cursor_; }
   MsgHeader const& header() const noexcept { return header_; }
 
-  // Validation-time bookkeeping of identifiers (see TypeInfo::validate).
+  // Validation-time bookkeeping of identifiers (see TypeInfo::validate). `readOnly`: the entity
+  // this side serves that the identifier stands for; every record addressed to it is refused.
   struct Known {
     TypeInfo const* type;
     std::uint32_t parentId;
+    Entity const* readOnly = nullptr;
   };
-  void announce(std::uint32_t id, TypeInfo const* type, std::uint32_t parentId);
-  void unannounce(std::uint32_t id) noexcept { known_.erase(id); }
+  void announce(std::uint32_t id, TypeInfo const* type, std::uint32_t parentId,
+                Entity const* readOnly = nullptr);
   // A collection member announced under `key` (its encoded bytes) of collection entity `parentId`;
   // a member announced again under the same key, or deleted, releases its old identifier.
   void announceMember(std::uint32_t parentId, std::string_view key, std::uint32_t id,
@@ -65,6 +81,9 @@ class In {
   void checkMarker(MsgHeader const& h, std::span<std::uint8_t const> body);
   void validate(MsgHeader const& h, std::span<std::uint8_t const> body);
   void apply(MsgHeader const& h, std::span<std::uint8_t const> body);
+  // The identifier a record is addressed to, which must be known under `parentId` and writable.
+  Known const& addressee(std::uint32_t id, std::uint32_t parentId) const;
+  void noteHeld() noexcept;
 
   Channel& channel_;
   std::vector<std::uint8_t> buf_;
@@ -72,8 +91,7 @@ class In {
   std::size_t head_ = 0;
   bool processing_ = false;
   unsigned depth_ = 0;
-  std::vector<std::pair<MsgHeader, std::vector<std::uint8_t>>> pending_;
-  std::size_t pendingBytes_ = 0;
+  std::vector<std::uint8_t> pending_;  // whole records (header and body) of an open transaction
   std::uint32_t syncMode_ = 0;
   std::uint64_t applied_ = 0;
   std::unordered_map<std::uint32_t, Known> known_;
@@ -81,6 +99,8 @@ class In {
   std::unordered_map<std::uint32_t, Ptr<SaBase>> bound_;
   MsgHeader header_;
   Cursor* cursor_ = nullptr;
+  std::size_t peakEntities_ = 0;
+  std::size_t peakBytesHeld_ = 0;
 };
 
 }  // namespace Kiv::NboAttrLog

@@ -10,7 +10,6 @@
 
 namespace Kiv::NboAttrLog {
 
-
 Out::Out(Channel& channel, std::size_t highWater) : channel_(channel), highWater_(highWater) {}
 
 Out::~Out() {

@@ -90,7 +90,8 @@ class Out {
     put8(tokenEnd);
     recordEnd();
   }
-  void transactionMarker(SaBase const& sa, std::int32_t id, std::uint8_t token, std::uint32_t count);
+  void transactionMarker(SaBase const& sa, std::int32_t id, std::uint8_t token,
+                         std::uint32_t count);
   void syncModeIs(std::uint32_t mode);
 
   // Identifiers are not reused on one connection (a reader may still hold a removed one); past

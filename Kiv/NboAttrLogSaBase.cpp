@@ -31,7 +31,6 @@ TypeInfo const* typeFind(std::string_view name) {
   return it == types().end() ? nullptr : it->second;
 }
 
-
 SaBase::~SaBase() = default;
 
 std::uint32_t SaBase::parentEntityId() const noexcept {
@@ -98,7 +97,9 @@ void SaBase::deferAttribute(std::uint32_t bit, AttributeId id) {
 
 void SaBase::notificationExceptionIs(AttributeId id) noexcept {
   KIV_TRACE(logTrace(), 1, "adapter of ", entity().name(), " failed on attribute ", id);
-  if (out_) out_->channel().endpoint().errorIs("notification failed on attribute " + std::to_string(id));
+  if (out_) {
+    out_->channel().endpoint().errorIs("notification failed on attribute " + std::to_string(id));
+  }
 }
 
 SaBase::FlowInGuard::FlowInGuard(SaBase& sa, AttributeId id)
@@ -116,10 +117,12 @@ SaBase::ActiveGuard::ActiveGuard(SaBase& sa) : sa_(sa) {
   sa.flags_ |= reactorActive;
 }
 
+void throwReadOnlyWrite(Entity const& entity) {
+  throw Jorv::RuntimeException("write-update from readonly proxy: " + entity.fullPath());
+}
+
 void SaBase::checkRemoteWrite() const {
-  if ((flags_ & readOnlyProxy) && !(flags_ & remoteWritable)) {
-    throw Jorv::RuntimeException("write-update from readonly proxy: " + entity().fullPath());
-  }
+  if ((flags_ & readOnlyProxy) && !(flags_ & remoteWritable)) throwReadOnlyWrite(entity());
 }
 
 void SaBase::checkLocalWrite() const {

@@ -29,6 +29,10 @@ class SaBase;
 // The attribute log's trace handle, "Kiv::NboAttrLog".
 TraceHandle& logTrace();
 
+// Refuses a peer's write to `entity`, which this side holds read-only: Jorv::RuntimeException
+// "write-update from readonly proxy: " and the entity's full path.
+[[noreturn]] void throwReadOnlyWrite(Entity const& entity);
+
 // What the channel knows of an entity type it can create and apply records to. Filled in by
 // Sa<E> (Kiv/NboAttrLogSa.h); registered by name with typeIs<E>().
 struct TypeInfo {

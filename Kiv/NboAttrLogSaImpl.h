@@ -680,7 +680,9 @@ void AttrLogInterface<E>::kivNboAttrLogSaDel(Out& out) {
 
 template <class E>
 auto AttrLogInterface<E>::kivNboAttrLogSaForMsgChannel(SaBase const& adapter) const {
-  Out* out = adapter.out() ? adapter.out() : adapter.in() ? &adapter.in()->channel().out() : nullptr;
+  Out* out = adapter.out()  ? adapter.out()
+             : adapter.in() ? &adapter.in()->channel().out()
+                            : nullptr;
   return out ? kivNboAttrLogSa(*out) : nullptr;
 }
 

@@ -28,7 +28,6 @@ void setNonBlocking(int fd) {
 
 // ---- Channel ----
 
-
 Channel::Channel(Endpoint& endpoint, int fd, String8 description)
     : endpoint_(endpoint),
       fd_(fd),
@@ -69,7 +68,7 @@ void Channel::close(String8 const& error) {
 void Channel::onEvents(std::uint32_t events) {
   if (events & EPOLLOUT) out_.flush();
   if (!open() || !(events & (EPOLLIN | EPOLLHUP | EPOLLERR))) return;
-  std::uint8_t buf[64 * 1024];
+  std::uint8_t buf[readChunk];
   for (int rounds = 0; rounds < 16 && open(); ++rounds) {
     ssize_t n = ::recv(fd_, buf, sizeof buf, MSG_DONTWAIT);
     try {
@@ -90,8 +89,20 @@ void Channel::onEvents(std::uint32_t events) {
   }
 }
 
-// ---- Endpoint ----
+Ptr<Entity> Channel::bindRoot(TypeInfo const& type, String8 const& argument) {
+  if (Ptr<Entity> e = endpoint_.readRoot(type.name, argument)) return e;
+  for (auto const& e : created_) {
+    if (e->attributeTable().typeName == type.name && e->name() == argument) return e;
+  }
+  if (created_.size() >= kMaxCreatedRoots) {
+    throw AttrLogRecordException("too many root entities: " + std::to_string(kMaxCreatedRoots));
+  }
+  Ptr<Entity> e = type.create(argument);
+  created_.push_back(e);
+  return e;
+}
 
+// ---- Endpoint ----
 
 Endpoint::Endpoint(Activity& activity, Options options) : activity_(activity), options_(options) {}
 
@@ -112,22 +123,42 @@ void Endpoint::read(Ptr<Entity> const& entity) {
   readRoots_.push_back(entity);
 }
 
-Ptr<Entity> Endpoint::readRoot(std::string_view typeName, std::string_view name) const {
-  for (auto const* list : {&readRoots_, &created_}) {
-    for (auto const& e : *list) {
-      if (e->attributeTable().typeName == typeName && e->name() == name) return e;
-    }
+namespace {
+
+Ptr<Entity> findRoot(std::vector<Ptr<Entity>> const& roots, std::string_view typeName,
+                     std::string_view name) {
+  for (auto const& e : roots) {
+    if (e->attributeTable().typeName == typeName && e->name() == name) return e;
   }
   return nullptr;
 }
 
-Ptr<Entity> Endpoint::bindRoot(TypeInfo const& type, String8 const& argument) {
-  if (Ptr<Entity> e = readRoot(type.name, argument)) return e;
-  // Entities a peer creates outside the read roots are kept for the process: bound their number.
-  if (created_.size() >= kMaxCreatedRoots) throw AttrLogRecordException("too many root entities");
-  Ptr<Entity> e = type.create(argument);
-  created_.push_back(e);
-  return e;
+}  // namespace
+
+Ptr<Entity> Endpoint::readRoot(std::string_view typeName, std::string_view name) const {
+  return findRoot(readRoots_, typeName, name);
+}
+
+Ptr<Entity> Endpoint::servedRoot(std::string_view typeName, std::string_view name) const {
+  return findRoot(served_, typeName, name);
+}
+
+std::vector<Ptr<Entity>> Endpoint::created() const {
+  std::vector<Ptr<Entity>> all;
+  for (auto const& c : channels_) all.insert(all.end(), c->created().begin(), c->created().end());
+  return all;
+}
+
+std::size_t Endpoint::peakEntities() const {
+  std::size_t most = closedPeakEntities_;
+  for (auto const& c : channels_) most = std::max(most, c->in().peakEntities());
+  return most;
+}
+
+std::size_t Endpoint::peakBytesHeld() const {
+  std::size_t most = closedPeakBytesHeld_;
+  for (auto const& c : channels_) most = std::max(most, c->in().peakBytesHeld());
+  return most;
 }
 
 std::vector<Channel*> Endpoint::channels() const {
@@ -175,12 +206,13 @@ void Endpoint::channelClosed(Channel* channel) {
   if (it == channels_.end()) return;
   std::unique_ptr<Channel> dead = std::move(*it);
   channels_.erase(it);
-  dead.reset();
+  closedPeakEntities_ = std::max(closedPeakEntities_, dead->in().peakEntities());
+  closedPeakBytesHeld_ = std::max(closedPeakBytesHeld_, dead->in().peakBytesHeld());
+  dead.reset();  // with it the roots made for its peer, and every binding it held
   onChannelClosed();
 }
 
 // ---- Server and Client ----
-
 
 namespace {
 
@@ -225,6 +257,12 @@ void Server::onAccept() {
   for (;;) {
     int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) return;
+    if (channels().size() >= options().maxConnections) {
+      ::close(fd);
+      errorIs("peer of " + path_ + ": too many connections: " +
+              std::to_string(options().maxConnections));
+      continue;
+    }
     adopt(fd, "peer of " + path_);
   }
 }

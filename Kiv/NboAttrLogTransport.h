@@ -22,6 +22,7 @@
 
 namespace Kiv::NboAttrLog {
 
+// Roots a peer may have made for its connection (Endpoint::Peers::writers).
 inline constexpr std::size_t kMaxCreatedRoots = 1024;
 
 class Endpoint;
@@ -31,6 +32,9 @@ class Endpoint;
 // inside the handler that found it.
 class Channel {
  public:
+  // Bytes taken from the socket at once: what the input holds beyond one record.
+  static constexpr std::size_t readChunk = 64 * 1024;
+
   Channel(Endpoint& endpoint, int fd, String8 description);
   ~Channel();
   Channel(Channel const&) = delete;
@@ -50,6 +54,12 @@ class Channel {
     return flowInEntity_ == e && flowInId_ == id;
   }
 
+  // The root entity a peer's creation record of (type, argument) binds to: the endpoint's read
+  // root of that type and name, or one made for this connection (at most kMaxCreatedRoots).
+  Ptr<Entity> bindRoot(TypeInfo const& type, String8 const& argument);
+  // The roots made for this connection's peer; they go with the channel.
+  std::vector<Ptr<Entity>> const& created() const noexcept { return created_; }
+
  private:
   friend class Out;
   friend class SaBase;
@@ -67,19 +77,46 @@ class Channel {
   Entity const* flowInEntity_ = nullptr;
   AttributeId flowInId_ = 0;
   Activity::Id closeTimer_ = 0;
+  std::vector<Ptr<Entity>> created_;
 };
 
 // The entities a process serves (writes) and reads over its channels, and the channels.
 //
 // `serve(entity)`: every channel gets an adapter for it (creation record, then every change).
+// The served entities are this side's to write: a peer's creation record that names one (type
+// and name) binds it read-only, and every record the peer then addresses to it is refused with
+// "write-update from readonly proxy: " and the entity's name.
 // `read(entity)`: a creation record from the peer with the entity's type name and name binds to
-// it instead of making a new entity; records of types not registered are errors. Entities the peer
-// creates that match no read root are kept in `created()`.
+// it instead of making a new entity (it wins over a served entity of that name); records of
+// types not registered are errors. Entities the peer creates that match no read root are made
+// for its connection (`Channel::created()`) and go with it.
+//
+// Every refusal closes the peer's connection, with the error counted and kept (errors(),
+// lastError()); nothing of the refused record, or of its transaction, is applied.
 class Endpoint {
  public:
+  // What peers may send to this endpoint.
+  enum class Peers : std::uint8_t {
+    // Peers write: their roots bind to the read roots, or are made for their connection, and
+    // their records change them.
+    writers,
+    // Peers only read what this endpoint serves: they may send sync modes and bind the served
+    // entities (read-only), nothing else. A creation record of any other root is refused with
+    // "create from readonly peer: " and its type and name, a transaction marker with
+    // "transaction from readonly peer".
+    readers,
+  };
+
   struct Options {
     std::size_t highWater = 16 * 1024;
     double reconnectSeconds = 0.05;  // Client: the delay before a new connection attempt
+    Peers peers = Peers::writers;
+    // Per connection: identifiers the peer may hold announced at once ("too many entities on one
+    // connection: N"), and bytes of its open transaction ("transaction too large: over N").
+    std::size_t maxEntities = 1u << 16;
+    std::size_t maxPendingBytes = 16u << 20;
+    // Server: connections open at once; one more is closed as it comes ("too many connections").
+    std::size_t maxConnections = 64;
   };
 
   explicit Endpoint(Activity& activity, Options options);
@@ -91,9 +128,11 @@ class Endpoint {
   Options const& options() const noexcept { return options_; }
   void serve(Ptr<Entity> const& entity);
   void read(Ptr<Entity> const& entity);
+  // The read root, or the served entity, of that type and name; null if none.
   Ptr<Entity> readRoot(std::string_view typeName, std::string_view name) const;
-  std::vector<Ptr<Entity>> const& created() const noexcept { return created_; }
-  Ptr<Entity> bindRoot(TypeInfo const& type, String8 const& argument);
+  Ptr<Entity> servedRoot(std::string_view typeName, std::string_view name) const;
+  // The roots made for peers on the open channels.
+  std::vector<Ptr<Entity>> created() const;
 
   std::vector<Channel*> channels() const;
   // Makes a channel for an already connected socket (owned from now on) and attaches the served
@@ -105,6 +144,10 @@ class Endpoint {
   String8 const& lastError() const noexcept { return lastError_; }
   // True when some channel has received the peer's full state (sync mode 2) since it opened.
   bool synced() const;
+  // The most identifiers, and bytes of input, that one connection has held (In::peakEntities,
+  // In::peakBytesHeld), over every connection so far.
+  std::size_t peakEntities() const;
+  std::size_t peakBytesHeld() const;
 
   // Called by a channel (deferred) once it has closed.
   void channelClosed(Channel* channel);
@@ -123,15 +166,16 @@ class Endpoint {
   Activity& activity_;
   Options options_;
   std::vector<Ptr<Entity>> readRoots_;
-  std::vector<Ptr<Entity>> created_;
   std::vector<std::unique_ptr<Channel>> channels_;
+  std::size_t closedPeakEntities_ = 0;  // peaks of the channels gone
+  std::size_t closedPeakBytesHeld_ = 0;
   std::uint64_t connections_ = 0;
   std::uint64_t errors_ = 0;
   String8 lastError_;
 };
 
-// Listens on a Unix-domain socket path (replacing a stale socket file) and accepts any number of
-// peers. Removes the path when destroyed.
+// Listens on a Unix-domain socket path (replacing a stale socket file) and accepts peers, up to
+// Options::maxConnections at once. Removes the path when destroyed.
 class Server : public Endpoint {
  public:
   Server(Activity& activity, std::string path, Options options);

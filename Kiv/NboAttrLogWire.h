@@ -73,7 +73,8 @@ class Out;
 // "truncated record".
 class Cursor {
  public:
-  explicit Cursor(std::span<std::uint8_t const> bytes) : p_(bytes.data()), end_(p_ + bytes.size()) {}
+  explicit Cursor(std::span<std::uint8_t const> bytes)
+      : p_(bytes.data()), end_(p_ + bytes.size()) {}
   std::uint8_t u8();
   std::uint16_t u16();
   std::uint32_t u32();

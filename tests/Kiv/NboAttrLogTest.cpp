@@ -8,11 +8,13 @@
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Bidir/AttrLog.h"
 #include "Jorv/Exception.h"
+#include "support/ActivityWait.h"
 #include "support/AttrLogRecords.h"
 
 namespace Bidir = Routing::Pim::Bidir;
@@ -24,9 +26,7 @@ using Bytes = TestSupport::AttrLogRecords;
 
 // In puts the header of the record in front of the errors found in it: compare the end.
 ::testing::AssertionResult endsWith(std::string const& text, std::string const& tail) {
-  if (text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0) {
-    return ::testing::AssertionSuccess();
-  }
+  if (text.ends_with(tail)) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "\"" << text << "\" does not end with \"" << tail << "\"";
 }
 
@@ -162,6 +162,115 @@ TEST_F(NboAttrLogReader, GuardsAgainstReentryAndRemoteWritesToReadOnlyProxies) {
   EXPECT_EQ(counters(), 3u);
 }
 
+// A peer of an endpoint that serves "cfg" (member "blue") and "clr": a channel whose far end is
+// closed, fed by hand.
+struct ServingEndpoint : ::testing::Test {
+  Kiv::Activity act;
+  Kiv::Ptr<Bidir::ConfigColl> cfg = Bidir::configCollFactory("cfg");
+  Kiv::Ptr<Bidir::ClearConfigColl> clr = Bidir::clearConfigCollFactory("clr");
+  std::unique_ptr<Log::Endpoint> end;
+  void SetUp() override {
+    Bidir::attrLogTypesRegister();
+    cfg->vrfConfigIs("blue")->groupExpiryIntervalIs(30);
+    start(Log::Endpoint::Options{});
+  }
+  void start(Log::Endpoint::Options options) {
+    end = std::make_unique<Log::Endpoint>(act, options);
+    end->serve(cfg);
+    end->serve(clr);
+  }
+  // Feeds `s` to a new channel; the error text, or "" when all was accepted.
+  std::string feed(Bytes const& s) {
+    int fds[2];
+    Log::socketPair(fds);
+    ::close(fds[1]);
+    Log::Channel& ch = end->adopt(fds[0], "peer");
+    try {
+      ch.in().feed(s.b);
+    } catch (std::exception const& e) {
+      return e.what();
+    }
+    return "";
+  }
+  std::string state() {
+    std::string s;
+    for (auto const& c : cfg->vrfConfigIter()) {
+      s += c.vrfName().toString() + "=" + std::to_string(c.groupExpiryInterval()) + ";";
+    }
+    return s + std::to_string(clr->vrfClearConfigCount());
+  }
+};
+
+TEST_F(ServingEndpoint, PeerWritesToServedEntitiesAreRefusedWithNothingApplied) {
+  std::string const before = state();
+  auto served = [](auto const& add) {
+    Bytes s;
+    s.create("Routing::Pim::Bidir::ConfigColl", "cfg", 1);
+    add(s);
+    return s;
+  };
+  // A new member, a member's removal, an attribute of the collection, and the same inside a
+  // transaction: each is a write to the served collection.
+  EXPECT_EQ(
+      feed(served([](Bytes& s) { s.record(258, 1, 0, [](Bytes& x) { x.str("red").u32(2); }); })),
+      "write-update from readonly proxy: cfg");
+  EXPECT_EQ(feed(served([](Bytes& s) { s.record(-258, 1, 0, [](Bytes& x) { x.str("blue"); }); })),
+            "write-update from readonly proxy: cfg");
+  EXPECT_EQ(feed(served([](Bytes& s) { s.record(6, 1, 0, [](Bytes& x) { x.u8(1); }); })),
+            "write-update from readonly proxy: cfg");
+  EXPECT_EQ(feed(served([](Bytes& s) {
+              s.marker(258, 1, 1);
+              s.record(258, 1, 0, [](Bytes& x) { x.str("blue").u32(2); });
+              s.record(259, 2, 1, [](Bytes& x) { x.u8(0).u8(9); });
+              s.marker(258, 1, 3);
+            })),
+            "write-update from readonly proxy: cfg");
+  EXPECT_EQ(state(), before);
+  EXPECT_TRUE(end->created().empty());
+}
+
+TEST_F(ServingEndpoint, ReadingPeersMaySendSyncModesAndBindWhatIsServedButNothingElse) {
+  start(Log::Endpoint::Options{.peers = Log::Endpoint::Peers::readers});
+  Bytes reader;
+  reader.syncMode(1).create("Routing::Pim::Bidir::ClearConfigColl", "clr", 1).syncMode(2);
+  EXPECT_EQ(feed(reader), "");
+  Bytes other;
+  other.create("Routing::Pim::Bidir::ClearConfigColl", "other", 1);
+  EXPECT_TRUE(endsWith(feed(other),
+                       "create from readonly peer: Routing::Pim::Bidir::ClearConfigColl other"));
+  Bytes transaction;
+  transaction.marker(0, 0, 1);
+  EXPECT_TRUE(endsWith(feed(transaction), "transaction from readonly peer"));
+  EXPECT_TRUE(end->created().empty());
+  EXPECT_EQ(end->peakEntities(), 1u);
+}
+
+TEST_F(ServingEndpoint, WritingPeersAreBoundedPerConnectionAndWhatTheyMadeGoesWithIt) {
+  start(Log::Endpoint::Options{.maxEntities = 50, .maxPendingBytes = 1000});
+  auto collection = [](std::string const& name, int members, bool transaction) {
+    Bytes s;
+    s.create("Routing::Pim::Bidir::ClearConfigColl", name, 1);
+    if (transaction) s.marker(258, 1, 1);
+    for (int i = 0; i < members; ++i) {
+      s.record(258, 1, 0, [&](Bytes& x) { x.str("vrf" + std::to_string(i)).u32(i + 2); });
+    }
+    return s;
+  };
+  EXPECT_EQ(feed(collection("own", 30, false)), "");
+  ASSERT_EQ(end->created().size(), 1u);
+  Kiv::Ptr<Kiv::Entity> const own = end->created().front();
+  EXPECT_TRUE(endsWith(feed(collection("big", 60, false)),
+                       "too many entities on one connection: 50"));
+  EXPECT_TRUE(endsWith(feed(collection("wide", 40, true)), "transaction too large: over 1000"));
+  EXPECT_LE(end->peakEntities(), 50u);
+  EXPECT_LE(end->peakBytesHeld(), 1000u + Log::MsgHeader::wireSize + Log::kMaxRecordBytes);
+  // The peers' far ends are closed: once the channels have gone, so has everything they made.
+  ASSERT_TRUE(TestSupport::runUntil(act, [&] { return end->channels().empty(); }));
+  ASSERT_TRUE(TestSupport::runUntil(act, [&] { return end->created().empty(); }));
+  EXPECT_EQ(own->references(), 1u);
+  EXPECT_EQ(state(), "blue=30;0");
+}
+
 // Descriptors run out: the errors carry errno's text.
 TEST(NboAttrLogSockets, FailuresToMakeASocketSayWhy) {
   Kiv::Activity act;
@@ -189,6 +298,16 @@ TEST(NboAttrLogSockets, FailuresToMakeASocketSayWhy) {
   ::setrlimit(RLIMIT_NOFILE, &old);
   EXPECT_EQ(pairError, "NboAttrLog: socketpair failed: Too many open files");
   EXPECT_EQ(serverError, "NboAttrLog::Server: socket failed: Too many open files");
+}
+
+TEST(NboAttrLogSockets, ConnectionsBeyondTheBoundAreClosedAsTheyCome) {
+  Kiv::Activity act;
+  std::string const path = "/tmp/attrlog-bound-" + std::to_string(::getpid());
+  Log::Server server(act, path, Log::Endpoint::Options{.maxConnections = 1});
+  Log::Client first(act, path), second(act, path);
+  ASSERT_TRUE(TestSupport::runUntil(act, [&] { return server.errors() > 0; }));
+  EXPECT_EQ(server.lastError(), "peer of " + path + ": too many connections: 1");
+  EXPECT_EQ(server.channels().size(), 1u);
 }
 
 }  // namespace
