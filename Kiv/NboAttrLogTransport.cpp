@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -179,7 +180,7 @@ bool Endpoint::synced() const {
 void Endpoint::errorIs(String8 const& error) {
   ++errors_;
   lastError_ = error;
-  KIV_TRACE(logTrace(), 1, error);
+  KIV_TRACE(logTrace(), 0, error);
 }
 
 Channel& Endpoint::adopt(int fd, String8 const& description) {
@@ -237,12 +238,25 @@ Server::Server(Activity& activity, std::string path, Options options)
                                  std::strerror(errno));
   }
   ::unlink(path_.c_str());
-  if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-      ::listen(listenFd_, 16) != 0) {
+  auto fail = [&](std::string const& what) {
     std::string err = std::strerror(errno);
     ::close(listenFd_);
-    throw Jorv::RuntimeException("NboAttrLog::Server: cannot listen on " + path_ + ": " + err);
+    ::unlink(path_.c_str());
+    throw Jorv::RuntimeException("NboAttrLog::Server: " + what + ": " + err);
+  };
+  if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    fail("cannot listen on " + path_);
   }
+  // Connecting takes write permission on the socket file, so its mode says who may connect. It
+  // is set before listen(): until then every connection attempt is refused, so none is made under
+  // the mode that the umask gave.
+  if (options.group && ::chown(path_.c_str(), uid_t(-1), *options.group) != 0) {
+    fail("cannot give " + path_ + " to group " + std::to_string(*options.group));
+  }
+  if (::chmod(path_.c_str(), options.group ? 0660 : 0600) != 0) {
+    fail("cannot set the mode of " + path_);
+  }
+  if (::listen(listenFd_, 16) != 0) fail("cannot listen on " + path_);
   watch_ = FdWatch(activity, listenFd_, EPOLLIN, [this](std::uint32_t) { onAccept(); });
 }
 
@@ -287,19 +301,44 @@ void Client::tryConnect() {
   sockaddr_un a = unixAddress(path_);
   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
+    waitReason_.clear();
     adopt(fd, "connection to " + path_);
     return;
   }
+  int const err = errno;
   if (fd >= 0) ::close(fd);
-  retryTimer_ = activity().timerIs(Activity::now() + options().reconnectSeconds,
-                                   [this] { tryConnect(); });
+  if (fd < 0) {
+    waitFor("socket failed: " + std::string(std::strerror(err)), true);
+  } else if (err == EACCES || err == EPERM) {
+    waitFor("permission denied", true);
+  } else {
+    // No socket file, nobody listening on it, or a full backlog: the server is not there yet.
+    bool const absent = err == ENOENT || err == ECONNREFUSED || err == EAGAIN;
+    waitFor(std::strerror(err), !absent);
+  }
+  retryLater();
 }
 
-void Client::onChannelClosed() {
+void Client::waitFor(String8 const& why, bool error) {
+  String8 const reason = "connection to " + path_ + ": " + why;
+  if (reason == waitReason_) return;  // said once, until it changes or a connection is made
+  waitReason_ = reason;
+  if (error) {
+    errorIs(reason);
+  } else {
+    KIV_TRACE(logTrace(), 3, reason, ", trying again");
+  }
+}
+
+void Client::retryLater() {
   if (!retryTimer_) {
     retryTimer_ = activity().timerIs(Activity::now() + options().reconnectSeconds,
                                      [this] { tryConnect(); });
   }
+}
+
+void Client::onChannelClosed() {
+  retryLater();
 }
 
 void Client::attachOne(Ptr<Entity> const& e, Out& out) {

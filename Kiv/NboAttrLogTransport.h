@@ -9,8 +9,11 @@
 // between sync modes 1 and 2; the reading side removes the members that the writer no longer has
 // at the end of each collection walk, so it ends equal to the writer.
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -117,6 +120,10 @@ class Endpoint {
     std::size_t maxPendingBytes = 16u << 20;
     // Server: connections open at once; one more is closed as it comes ("too many connections").
     std::size_t maxConnections = 64;
+    // Server: who may connect. The socket file is the owner's alone (mode 0600) unless a group
+    // is given: then it belongs to that group and is open to it (0660). The process must be a
+    // member of the group, or privileged.
+    std::optional<gid_t> group = std::nullopt;
   };
 
   explicit Endpoint(Activity& activity, Options options);
@@ -138,7 +145,8 @@ class Endpoint {
   // Makes a channel for an already connected socket (owned from now on) and attaches the served
   // entities to it.
   Channel& adopt(int fd, String8 const& description);
-  // Connections made so far (the first one included), and errors seen on them.
+  // Connections made so far (the first one included), and errors seen on them (also traced at
+  // error level).
   std::uint64_t connections() const noexcept { return connections_; }
   std::uint64_t errors() const noexcept { return errors_; }
   String8 const& lastError() const noexcept { return lastError_; }
@@ -175,7 +183,9 @@ class Endpoint {
 };
 
 // Listens on a Unix-domain socket path (replacing a stale socket file) and accepts peers, up to
-// Options::maxConnections at once. Removes the path when destroyed.
+// Options::maxConnections at once. The socket file is owner-only unless Options::group is given.
+// Raises Jorv::RuntimeException with the path and errno's text when it cannot listen. Removes the
+// path when destroyed.
 class Server : public Endpoint {
  public:
   Server(Activity& activity, std::string path, Options options);
@@ -192,18 +202,28 @@ class Server : public Endpoint {
 // Connects to a Unix-domain socket path and keeps one connection: after a loss (or while the
 // server is absent) it tries again every `reconnectSeconds`. Served entities keep their adapters
 // across connections; each new connection re-mounts them (doRemountSelf).
+//
+// While it has no connection it says why, once per reason (waitReason()): the server not there
+// (yet) is traced as progress; anything else, above all "connection to <path>: permission
+// denied" (the socket's mode or group leaves this process out), is an error of the endpoint
+// (errors(), lastError()). It goes on trying, since the server may come back with other rights.
 class Client : public Endpoint {
  public:
   Client(Activity& activity, std::string path, Options options);
   Client(Activity& activity, std::string path) : Client(activity, std::move(path), Options{}) {}
   ~Client() override;
   Channel* channel() const;
+  // Why the last attempt to connect failed; empty once a connection has been made.
+  String8 const& waitReason() const noexcept { return waitReason_; }
 
  private:
   void tryConnect();
+  void waitFor(String8 const& why, bool error);
+  void retryLater();
   void onChannelClosed() override;
   void attachOne(Ptr<Entity> const& entity, Out& out) override;
   std::string path_;
+  String8 waitReason_;
   Activity::Id retryTimer_ = 0;
   std::unordered_map<Entity const*, Ptr<SaBase>> adapters_;
 };

@@ -3,9 +3,11 @@
 // (random changes, a stopped reader, restarts of either side, peers that write what they may
 // not or have no access).
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -502,8 +504,29 @@ int flood(std::string const& path) {
   return 0;
 }
 
+// Takes the identity "<uid>:<gid>" when it may, attaches to the path and exits 0 once it has the
+// served state, 2 when the connection is refused with "permission denied", 1 otherwise.
+int attachAs(std::string const& spec) {
+  unsigned uid = 0, gid = 0;
+  int pathAt = 0;
+  if (std::sscanf(spec.c_str(), "%u:%u:%n", &uid, &gid, &pathAt) != 2) return 1;
+  if (::geteuid() == 0 &&
+      (::setgroups(0, nullptr) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0)) {
+    return 1;
+  }
+  Kiv::Activity act;
+  Tree t;
+  auto client = Bidir::configurationAttach(act, spec.substr(std::size_t(pathAt)), t.cfg, t.clr);
+  runUntil(act, [&] { return client->synced() || client->errors() > 0; });
+  if (client->synced()) return 0;
+  if (client->lastError().ends_with("permission denied")) return 2;
+  std::fprintf(stderr, "attach: %s\n", client->waitReason().c_str());
+  return 1;
+}
+
 int peerRole(std::string const& value) {
   if (value.starts_with("flood:")) return flood(value.substr(6));
+  if (value.starts_with("attach:")) return attachAs(value.substr(7));
   return 1;
 }
 [[maybe_unused]] bool const isPeer = TestSupport::childRole(kPeerRole, peerRole);
@@ -533,6 +556,35 @@ TEST_F(AttrLogPeers, AFloodOfPeerWritesIsRefusedAndLeavesNothingBehind) {
   EXPECT_LE(server->peakEntities(), 1u);
   EXPECT_LE(server->peakBytesHeld(),
             Log::Channel::readChunk + Log::MsgHeader::wireSize + Log::kMaxRecordBytes);
+}
+
+TEST_F(AttrLogPeers, TheSocketIsTheOwnersAndOthersAreToldTheyHaveNoAccess) {
+  std::string const path = dir + "/writer";
+  struct stat st{};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  // Others may reach the socket, so that only its own mode keeps them out. Without the right to
+  // take another identity, the owner itself is shut out to play the stranger.
+  ASSERT_EQ(::chmod(dir.c_str(), 0711), 0);
+  if (::geteuid() != 0) {
+    ASSERT_EQ(::chmod(path.c_str(), 0), 0);
+  }
+  EXPECT_EQ(run("attach:65534:65534:" + path), 2);
+}
+
+TEST_F(AttrLogPeers, AGroupGivenToTheServingSideMayConnect) {
+  std::string const path = dir + "/writer";
+  gid_t const group = ::geteuid() == 0 ? 65534 : ::getgid();
+  Log::Endpoint::Options options;
+  options.group = group;
+  server.reset();
+  server = Bidir::configurationServe(act, path, writer.cfg, writer.clr, options);
+  struct stat st{};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0660u);
+  EXPECT_EQ(st.st_gid, group);
+  ASSERT_EQ(::chmod(dir.c_str(), 0711), 0);
+  EXPECT_EQ(run("attach:65534:" + std::to_string(group) + ":" + path), 0);
 }
 
 }  // namespace
