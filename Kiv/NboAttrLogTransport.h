@@ -138,7 +138,8 @@ class Endpoint {
   // The read root, or the served entity, of that type and name; null if none.
   Ptr<Entity> readRoot(std::string_view typeName, std::string_view name) const;
   Ptr<Entity> servedRoot(std::string_view typeName, std::string_view name) const;
-  // The roots made for peers on the open channels.
+  // The roots made for peers, over the channels (a closed one holds them until it is gone, in
+  // the next activity round).
   std::vector<Ptr<Entity>> created() const;
 
   std::vector<Channel*> channels() const;
