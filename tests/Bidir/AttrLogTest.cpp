@@ -506,17 +506,17 @@ int flood(std::string const& path) {
 
 // Takes the identity "<uid>:<gid>" when it may, attaches to the path and exits 0 once it has the
 // served state, 2 when the connection is refused with "permission denied", 1 otherwise.
-int attachAs(std::string const& spec) {
+int attachAs(std::string const& who) {
   unsigned uid = 0, gid = 0;
   int pathAt = 0;
-  if (std::sscanf(spec.c_str(), "%u:%u:%n", &uid, &gid, &pathAt) != 2) return 1;
+  if (std::sscanf(who.c_str(), "%u:%u:%n", &uid, &gid, &pathAt) != 2) return 1;
   if (::geteuid() == 0 &&
       (::setgroups(0, nullptr) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0)) {
     return 1;
   }
   Kiv::Activity act;
   Tree t;
-  auto client = Bidir::configurationAttach(act, spec.substr(std::size_t(pathAt)), t.cfg, t.clr);
+  auto client = Bidir::configurationAttach(act, who.substr(std::size_t(pathAt)), t.cfg, t.clr);
   runUntil(act, [&] { return client->synced() || client->errors() > 0; });
   if (client->synced()) return 0;
   if (client->lastError().ends_with("permission denied")) return 2;
