@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -271,33 +272,71 @@ TEST_F(ServingEndpoint, WritingPeersAreBoundedPerConnectionAndWhatTheyMadeGoesWi
   EXPECT_EQ(state(), "blue=30;0");
 }
 
+// While it lives, no descriptor can be made. What it catches is looked at only once descriptors
+// are back: a sanitizer's own checks may need one.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    ::getrlimit(RLIMIT_NOFILE, &old_);
+    rlimit none = old_;
+    none.rlim_cur = 0;
+    ok_ = ::setrlimit(RLIMIT_NOFILE, &none) == 0;
+  }
+  ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &old_); }
+  bool ok() const noexcept { return ok_; }
+  template <class F>
+  std::exception_ptr error(F const& f) {
+    try {
+      f();
+    } catch (...) {
+      return std::current_exception();
+    }
+    return nullptr;
+  }
+
+ private:
+  rlimit old_{};
+  bool ok_ = false;
+};
+
+std::string what(std::exception_ptr const& error) {
+  try {
+    if (error) std::rethrow_exception(error);
+  } catch (std::exception const& e) {
+    return e.what();
+  }
+  return "";
+}
+
 // Descriptors run out: the errors carry errno's text.
-TEST(NboAttrLogSockets, FailuresToMakeASocketSayWhy) {
+TEST(NboAttrLogSockets, ASocketPairThatCannotBeMadeSaysWhy) {
+  std::exception_ptr error;
+  {
+    NoDescriptors none;
+    ASSERT_TRUE(none.ok());
+    error = none.error([] {
+      int fds[2];
+      Log::socketPair(fds);
+    });
+  }
+  EXPECT_EQ(what(error), "NboAttrLog: socketpair failed: Too many open files");
+}
+
+TEST(NboAttrLogSockets, AServerThatCannotMakeItsSocketSaysWhy) {
+#if defined(__SANITIZE_ADDRESS__)
+  // That build carries the undefined-behaviour sanitizer too, whose check of each member access
+  // of a class with virtual functions makes a pipe: without descriptors every one fails.
+  GTEST_SKIP() << "the sanitized build cannot construct a Server without descriptors";
+#endif
   Kiv::Activity act;
   std::string const path = "/tmp/attrlog-nofd-" + std::to_string(::getpid());
-  rlimit const old = [] {
-    rlimit r{};
-    ::getrlimit(RLIMIT_NOFILE, &r);
-    return r;
-  }();
-  rlimit none = old;
-  none.rlim_cur = 0;
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-  std::string pairError, serverError;
-  try {
-    int fds[2];
-    Log::socketPair(fds);
-  } catch (std::exception const& e) {
-    pairError = e.what();
+  std::exception_ptr error;
+  {
+    NoDescriptors none;
+    ASSERT_TRUE(none.ok());
+    error = none.error([&] { Log::Server server(act, path); });
   }
-  try {
-    Log::Server server(act, path);
-  } catch (std::exception const& e) {
-    serverError = e.what();
-  }
-  ::setrlimit(RLIMIT_NOFILE, &old);
-  EXPECT_EQ(pairError, "NboAttrLog: socketpair failed: Too many open files");
-  EXPECT_EQ(serverError, "NboAttrLog::Server: socket failed: Too many open files");
+  EXPECT_EQ(what(error), "NboAttrLog::Server: socket failed: Too many open files");
 }
 
 TEST(NboAttrLogSockets, ConnectionsBeyondTheBoundAreClosedAsTheyCome) {
