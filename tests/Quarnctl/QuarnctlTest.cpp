@@ -73,6 +73,7 @@ TEST_F(Quarnctl, EveryCommandLeavesEveryFileOfALiveTableAsItWas) {
   }
   Running watch({"--root", root.path(), "watch", "groupIntf"});
   ASSERT_TRUE(watch.line().value_or("").find(" attached groupIntf ") != std::string::npos);
+  EXPECT_EQ(json({"ls"}).at(1)["readers"].n, 0) << "a watch is not one of the writer's readers";
   EXPECT_EQ(watch.stop(SIGINT), 0);
   EXPECT_TRUE(snapshot(root.path()) == before) << "watch changed a file";
 }

@@ -113,7 +113,9 @@ int stateWriter(std::string const& root, int commandFd, int answerFd) {
   status->rpHashStatusIs(rpHash);
   status->rpaRpfStatusIs(rpaRpf);
   Kiv::Ptr<Bidir::Quarn::Status> quarn = Bidir::Quarn::statusFactory("default");
-  quarn->mount(QuarnType::writer);
+  // Sized for this state, not an agent's: every test reads every byte of these files.
+  quarn->groupControl().init(QuarnType::writer, false, 2 * kGroups);
+  quarn->groupIntfControl().init(QuarnType::writer, false, 2 * kGroups * kIntfs);
   buildGroups(*status);
   status->initializedIs(true);
   auto const writer = Bidir::Quarn::groupQuarnWriterSmFactory(status, quarn);

@@ -19,7 +19,10 @@ void Output::flush() {
   while (left > 0) {
     ssize_t const n = ::write(STDOUT_FILENO, p, left);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;  // a closed pipe: nothing more can be said there
+    if (n <= 0) {
+      broken_ = true;
+      break;
+    }
     p += n;
     left -= static_cast<std::size_t>(n);
   }
@@ -107,9 +110,7 @@ void programHelp(Output& out) {
   }
   s += "\nOptions (anywhere on the line):\n"
        "  --root DIR   the directory holding the table directories (default: $QUARN_ROOT,\n"
-       "               else " +
-       std::string("/dev/shm/quarn") +
-       ")\n"
+       "               else /dev/shm/quarn)\n"
        "  --json       JSON lines on standard output: one object per table, record, change or\n"
        "               group, with stable field names, and nothing else\n"
        "  --help       this text; COMMAND --help: the command's\n\n"

@@ -46,10 +46,13 @@ class Output {
     if (buffer_.size() >= kBlock) flush();
   }
   void flush();
+  // Standard output was closed by its reader (EPIPE): nothing more can be said there.
+  bool broken() const noexcept { return broken_; }
 
  private:
   static constexpr std::size_t kBlock = 256 * 1024;
   std::string buffer_;
+  bool broken_ = false;
 };
 
 // Rows of cells as columns padded to the widest cell (the last column is not padded).

@@ -11,7 +11,8 @@
 //
 // Lines of their own: `attached` (first mount), `remount` (a new incarnation of the table),
 // `detached` (the mount was lost, with the reason), `writer` (the writer process named by
-// "last-owner" changed or ended). Runs until SIGINT or SIGTERM, then flushes and exits 0.
+// "last-owner" changed or ended). Runs until SIGINT or SIGTERM, then flushes and exits 0, or
+// until its standard output is closed.
 
 #include <csignal>
 #include <cstring>
@@ -77,7 +78,7 @@ class TableWatch final : public Quarn::KeyNotifier<Key> {
     Kiv::Activity& activity = Kiv::Activity::current();
     installStopHandlers(activity);
     map_.init(Quarn::QuarnType::keyshadow, false, 0);
-    while (!stopRequested()) {
+    while (!stopRequested() && !ctx_.out.broken()) {
       activity.runOnce(kPoll);
       noteMount();
       lines_.checkWriter(dir_);
