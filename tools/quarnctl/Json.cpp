@@ -33,11 +33,20 @@ void appendEscape(std::string& out, unsigned char c) {
   out += hex[c & 0xF];
 }
 
+// Bytes that a JSON string holds as they are: printable ASCII other than '"' and '\\'.
+constexpr bool plainByte(unsigned char c) {
+  return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
+}
+
 }  // namespace
 
 void appendString(std::string& out, std::string_view text) {
   out += '"';
   for (std::size_t i = 0; i < text.size();) {
+    std::size_t run = i;
+    while (run < text.size() && plainByte(static_cast<unsigned char>(text[run]))) ++run;
+    out.append(text.data() + i, run - i);  // the common case: the whole text at once
+    if ((i = run) == text.size()) break;
     auto const c = static_cast<unsigned char>(text[i]);
     if (c >= 0x80) {
       std::size_t const n = utf8Length(text, i);

@@ -80,9 +80,10 @@ int runLs(Context& ctx, CommandLine const&) {
       lsJson(ctx.out, ctx.root, t);
       continue;
     }
-    std::string type = t.classTypeName();
-    if (t.valueTypeName() != type) type += " (" + t.valueTypeName() + ")";
-    if (!t.slots) type = "?";
+    std::string type = t.slots ? t.classTypeName() : std::string("?");
+    if (t.slots && t.valueTypeName() != t.classTypeName()) {
+      type.append(" (").append(t.valueTypeName()).append(")");
+    }
     rows.push_back({t.name, std::to_string(t.records()), std::to_string(t.numSlots()),
                     std::to_string(t.tableSize()), humanBytes(t.bytesOnDisk()), hex32(t.fenix),
                     writerText(t), std::to_string(t.readers()), type});
@@ -160,18 +161,20 @@ void statFile(Context& ctx, Json::Writer& w, char const* label, FileInfo const& 
   std::string& out = ctx.out.buffer();
   out += std::string(label) + "  " + f.path + "  " + std::to_string(f.bytes) + " bytes" +
          (header ? "" : "  (no header)") + "\n";
-  std::string line = " ";
+  // Name-value pairs, wrapped before 96 columns.
+  std::string line(" ");
   for (Field const& fd : all) {
     auto const* text = std::get_if<std::string>(&fd.value);
-    std::string const item = " " + std::string(fd.name) + " " +
-                             (text ? *text : std::to_string(std::get<std::uint64_t>(fd.value)));
+    std::string item(" ");
+    item.append(fd.name).append(" ");
+    item.append(text ? *text : std::to_string(std::get<std::uint64_t>(fd.value)));
     if (line.size() + item.size() > 96) {
-      out += line + "\n";
-      line = " ";
+      out.append(line).append("\n");
+      line.erase(1);  // back to the one leading blank
     }
-    line += item;
+    line.append(item);
   }
-  if (line.size() > 1) out += line + "\n";
+  if (line.size() > 1) out.append(line).append("\n");
 }
 
 int runStat(Context& ctx, CommandLine const& line) {

@@ -135,7 +135,7 @@ std::optional<std::string> tableProblem(std::string const& root, TableInfo const
     std::vector<std::string> const names = tableNames(root);
     if (names.empty()) return text + " (it holds no table)";
     text += " (tables:";
-    for (auto const& n : names) text += " " + n;
+    for (auto const& n : names) text.append(" ").append(n);
     return text + ")";
   }
   for (FileInfo const* f : {&t.slotsFile, &t.bucketsFile, &t.conquerFiles[0], &t.conquerFiles[1]}) {

@@ -89,7 +89,7 @@ void WatchLines::attached(std::uint32_t fenix, std::size_t records) {
   if (ctx_.json) {
     w.field("fenix", fenix).field("records", records);
   } else {
-    ctx_.out.buffer() += " " + table_ + " fenix " + std::to_string(fenix) + ", " +
+    ctx_.out.buffer() += ' ' + table_ + " fenix " + std::to_string(fenix) + ", " +
                          std::to_string(records) + " records";
   }
   end(w);
@@ -100,7 +100,7 @@ void WatchLines::remount(std::uint32_t from, std::uint32_t to) {
   if (ctx_.json) {
     w.field("fenix", to).field("previousFenix", from);
   } else {
-    ctx_.out.buffer() += " " + table_ + " new incarnation: fenix " + std::to_string(from) + " -> " +
+    ctx_.out.buffer() += ' ' + table_ + " new incarnation: fenix " + std::to_string(from) + " -> " +
                          std::to_string(to);
   }
   end(w);
@@ -111,7 +111,7 @@ void WatchLines::detached(std::string const& reason) {
   if (ctx_.json) {
     w.field("reason", reason);
   } else {
-    ctx_.out.buffer() += " " + table_ + ": " + reason;
+    ctx_.out.buffer().append(" ").append(table_).append(": ").append(reason);
   }
   end(w);
 }
@@ -121,7 +121,7 @@ void WatchLines::writer(std::uint32_t pid, bool alive) {
   if (ctx_.json) {
     w.field("pid", pid).field("alive", alive);
   } else {
-    ctx_.out.buffer() += " " + std::to_string(pid) + (alive ? " running" : " gone");
+    ctx_.out.buffer().append(" ").append(std::to_string(pid)).append(alive ? " running" : " gone");
   }
   end(w);
 }
@@ -137,8 +137,8 @@ void WatchLines::change(char const* event, RecordKind const& kind, void const* k
       kind.json(w, value);
     }
   } else {
-    ctx_.out.buffer() += " " + kind.keyText(key);
-    if (value != nullptr) ctx_.out.buffer() += " " + kind.text(value);
+    ctx_.out.buffer().append(" ").append(kind.keyText(key));
+    if (value != nullptr) ctx_.out.buffer().append(" ").append(kind.text(value));
   }
   end(w);
 }
