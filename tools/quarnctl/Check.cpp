@@ -130,8 +130,8 @@ int runCheck(Context& ctx, CommandLine const& line) {
 
 }  // namespace
 
-CommandSpec const& checkCommand() {
-  static CommandSpec const spec{
+CommandDecl const& checkCommand() {
+  static CommandDecl const decl{
       "check",
       "check TABLE",
       "the full validation of a table, read-only",
@@ -148,7 +148,7 @@ CommandSpec const& checkCommand() {
       {"TABLE"},
       {},
       runCheck};
-  return spec;
+  return decl;
 }
 
 }  // namespace Quarnctl

@@ -63,14 +63,14 @@ std::uint64_t CommandLine::count(std::string_view command, std::string_view name
   return n;
 }
 
-CommandLine parseCommand(CommandSpec const& spec, std::span<std::string const> words) {
+CommandLine parseCommand(CommandDecl const& decl, std::span<std::string const> words) {
   CommandLine line;
-  std::string const cmd(spec.name);
+  std::string const cmd(decl.name);
   for (std::size_t i = 0; i < words.size(); ++i) {
     std::string const& w = words[i];
     if (w.size() > 2 && w.starts_with("--")) {
       bool known = false;
-      for (auto const o : spec.valueOptions) known = known || o == w;
+      for (auto const o : decl.valueOptions) known = known || o == w;
       if (!known) throw UsageError(cmd + ": unknown option " + w);
       if (i + 1 >= words.size()) throw UsageError(cmd + ": " + w + " needs a value");
       line.options[w] = words[++i];
@@ -78,18 +78,18 @@ CommandLine parseCommand(CommandSpec const& spec, std::span<std::string const> w
       line.operands.push_back(w);
     }
   }
-  if (line.operands.size() < spec.operands.size()) {
-    throw UsageError(cmd + ": missing " + std::string(spec.operands[line.operands.size()]) + " (" +
-                     std::string(spec.synopsis) + ")");
+  if (line.operands.size() < decl.operands.size()) {
+    throw UsageError(cmd + ": missing " + std::string(decl.operands[line.operands.size()]) + " (" +
+                     std::string(decl.synopsis) + ")");
   }
-  if (line.operands.size() > spec.operands.size()) {
-    throw UsageError(cmd + ": unexpected argument '" + line.operands[spec.operands.size()] + "'");
+  if (line.operands.size() > decl.operands.size()) {
+    throw UsageError(cmd + ": unexpected argument '" + line.operands[decl.operands.size()] + "'");
   }
   return line;
 }
 
-std::span<CommandSpec const> commands() {
-  static CommandSpec const all[] = {lsCommand(),     statCommand(),  dumpCommand(),
+std::span<CommandDecl const> commands() {
+  static CommandDecl const all[] = {lsCommand(),     statCommand(),  dumpCommand(),
                                     getCommand(),    checkCommand(), watchCommand(),
                                     groupsCommand(), groupCommand()};
   return all;
@@ -103,7 +103,7 @@ void programHelp(Output& out) {
        "Shows the shared-memory tables under a root directory, their records and the Bidir group\n"
        "state they hold. It only reads: it maps files read-only, takes no lock, writes nothing\n"
        "under the root and is never counted among a table's readers.\n\nCommands:\n";
-  for (CommandSpec const& c : commands()) {
+  for (CommandDecl const& c : commands()) {
     std::string line = "  " + std::string(c.synopsis);
     line.resize(std::max<std::size_t>(line.size() + 2, 40), ' ');
     s += line + std::string(c.summary) + "\n";
@@ -118,13 +118,13 @@ void programHelp(Output& out) {
        "2 a wrong command line.\n";
 }
 
-void commandHelp(Output& out, CommandSpec const& c) {
+void commandHelp(Output& out, CommandDecl const& c) {
   out.buffer() += "Usage: quarnctl [--root DIR] [--json] " + std::string(c.synopsis) + "\n\n" +
                   std::string(c.help);
 }
 
-CommandSpec const* findCommand(std::string_view name) {
-  for (CommandSpec const& c : commands()) {
+CommandDecl const* findCommand(std::string_view name) {
+  for (CommandDecl const& c : commands()) {
     if (c.name == name) return &c;
   }
   return nullptr;
@@ -159,7 +159,7 @@ int runQuarnctl(int argc, char** argv) {
         words.push_back(w);
       }
     }
-    CommandSpec const* cmd = nullptr;
+    CommandDecl const* cmd = nullptr;
     if (!words.empty()) {
       cmd = findCommand(words.front());
       if (cmd == nullptr && !help) {

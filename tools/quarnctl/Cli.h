@@ -4,7 +4,7 @@
 //   quarnctl [--root DIR] [--json] COMMAND [ARGS...] [--help]
 //
 // Global options may stand anywhere on the line. Each command declares its operands and the
-// options that take a value (`CommandSpec`); `parseCommand` checks the words against that
+// options that take a value (`CommandDecl`); `parseCommand` checks the words against that
 // declaration and raises UsageError with one line saying what was wrong (exit 2). `--help` on
 // the program or after a command prints its help (exit 0).
 //
@@ -78,7 +78,7 @@ struct CommandLine {
                       std::uint64_t fallback) const;
 };
 
-struct CommandSpec {
+struct CommandDecl {
   std::string_view name;
   std::string_view synopsis;                   // "dump TABLE [--limit N] [--key TEXT]"
   std::string_view summary;                    // one line, for the program's help
@@ -88,11 +88,11 @@ struct CommandSpec {
   int (*run)(Context&, CommandLine const&);
 };
 
-// Checks `words` against `spec`; raises UsageError.
-CommandLine parseCommand(CommandSpec const& spec, std::span<std::string const> words);
+// Checks `words` against `decl`; raises UsageError.
+CommandLine parseCommand(CommandDecl const& decl, std::span<std::string const> words);
 
 // The commands, in the order the help lists them.
-std::span<CommandSpec const> commands();
+std::span<CommandDecl const> commands();
 
 // The whole program: parses argv, runs the command, maps errors to exit codes.
 int runQuarnctl(int argc, char** argv);

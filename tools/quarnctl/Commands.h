@@ -5,13 +5,13 @@
 
 namespace Quarnctl {
 
-CommandSpec const& lsCommand();
-CommandSpec const& statCommand();
-CommandSpec const& dumpCommand();
-CommandSpec const& getCommand();
-CommandSpec const& checkCommand();
-CommandSpec const& watchCommand();
-CommandSpec const& groupsCommand();
-CommandSpec const& groupCommand();
+CommandDecl const& lsCommand();
+CommandDecl const& statCommand();
+CommandDecl const& dumpCommand();
+CommandDecl const& getCommand();
+CommandDecl const& checkCommand();
+CommandDecl const& watchCommand();
+CommandDecl const& groupsCommand();
+CommandDecl const& groupCommand();
 
 }  // namespace Quarnctl

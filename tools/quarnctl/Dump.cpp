@@ -80,8 +80,8 @@ int runGet(Context& ctx, CommandLine const& line) {
 
 }  // namespace
 
-CommandSpec const& dumpCommand() {
-  static CommandSpec const spec{
+CommandDecl const& dumpCommand() {
+  static CommandDecl const decl{
       "dump",
       "dump TABLE [--limit N] [--key TEXT]",
       "the records of a table, in slot order",
@@ -99,11 +99,11 @@ CommandSpec const& dumpCommand() {
       {"TABLE"},
       {"--limit", "--key"},
       runDump};
-  return spec;
+  return decl;
 }
 
-CommandSpec const& getCommand() {
-  static CommandSpec const spec{
+CommandDecl const& getCommand() {
+  static CommandDecl const decl{
       "get",
       "get TABLE KEY",
       "one record, looked up by its key",
@@ -114,7 +114,7 @@ CommandSpec const& getCommand() {
       {"TABLE", "KEY"},
       {},
       runGet};
-  return spec;
+  return decl;
 }
 
 }  // namespace Quarnctl

@@ -10,8 +10,8 @@
 
 #include <unistd.h>
 #include <algorithm>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "Bidir/Df/RpaRpfStatus.h"
@@ -133,20 +133,21 @@ GroupState rebuild(Context& ctx, Lanx::IpGenAddr const* only) {
   std::_Exit(exitOk);
 }
 
-std::vector<Kiv::Ptr<Bidir::Group const>> sortedGroups(Bidir::Status const& status) {
-  std::vector<Kiv::Ptr<Bidir::Group const>> out;
-  for (auto const& g : status.groupIter()) out.push_back(&g);
+// The members of a collection, ordered by `key` (the collections keep a hash order).
+template <class Range, class Key>
+auto sortedBy(Range const& members, Key key) {
+  using Member = std::remove_cvref_t<decltype(*members.begin())>;
+  std::vector<Kiv::Ptr<Member const>> out;
+  for (auto const& m : members) out.push_back(&m);
   std::sort(out.begin(), out.end(),
-            [](auto const& a, auto const& b) { return a->groupAddr() < b->groupAddr(); });
+            [&](auto const& a, auto const& b) { return key(*a) < key(*b); });
   return out;
 }
-
-std::vector<Kiv::Ptr<Bidir::GroupIntf const>> sortedIntfs(Bidir::Group const& g) {
-  std::vector<Kiv::Ptr<Bidir::GroupIntf const>> out;
-  for (auto const& i : g.groupIntfIter()) out.push_back(&i);
-  std::sort(out.begin(), out.end(),
-            [](auto const& a, auto const& b) { return a->intfId() < b->intfId(); });
-  return out;
+auto sortedGroups(Bidir::Status const& status) {
+  return sortedBy(status.groupIter(), [](Bidir::Group const& g) { return g.groupAddr(); });
+}
+auto sortedIntfs(Bidir::Group const& group) {
+  return sortedBy(group.groupIntfIter(), [](Bidir::GroupIntf const& i) { return i.intfId(); });
 }
 
 char const* yesNo(bool v) {
@@ -242,7 +243,7 @@ constexpr char const* kGroupJson =
 
 }  // namespace
 
-CommandSpec const& groupsCommand() {
+CommandDecl const& groupsCommand() {
   static std::string const help =
       std::string(
           "Rebuilds the Bidir group state from the 'group' and 'groupIntf' tables as a reader\n"
@@ -251,21 +252,21 @@ CommandSpec const& groupsCommand() {
           "inactive, its RP and the RPF interface toward it, joinDesired, interfaces and how\n"
           "many are in its olist.\n") +
       kGroupJson;
-  static CommandSpec const spec{
+  static CommandDecl const decl{
       "groups", "groups", "the Bidir groups with their computed values", help, {}, {}, runGroups};
-  return spec;
+  return decl;
 }
 
-CommandSpec const& groupCommand() {
+CommandDecl const& groupCommand() {
   static std::string const help =
       std::string(
           "One group as 'groups' rebuilds it, in full: its attributes, RP, RPF interface and\n"
           "neighbour, joinDesired, and a line per interface with its attributes, oList and\n"
           "pimInclude. Exits 1 when the group is not in the table.\n") +
       kGroupJson;
-  static CommandSpec const spec{
+  static CommandDecl const decl{
       "group", "group ADDRESS", "one group, every interface", help, {"ADDRESS"}, {}, runGroup};
-  return spec;
+  return decl;
 }
 
 }  // namespace Quarnctl

@@ -223,8 +223,8 @@ int runStat(Context& ctx, CommandLine const& line) {
 
 }  // namespace
 
-CommandSpec const& lsCommand() {
-  static CommandSpec const spec{
+CommandDecl const& lsCommand() {
+  static CommandDecl const decl{
       "ls",
       "ls",
       "every table under the root, one line each",
@@ -239,11 +239,11 @@ CommandSpec const& lsCommand() {
       {},
       {},
       runLs};
-  return spec;
+  return decl;
 }
 
-CommandSpec const& statCommand() {
-  static CommandSpec const spec{
+CommandDecl const& statCommand() {
+  static CommandDecl const decl{
       "stat",
       "stat TABLE",
       "every header field of every file of a table",
@@ -259,7 +259,7 @@ CommandSpec const& statCommand() {
       {"TABLE"},
       {},
       runStat};
-  return spec;
+  return decl;
 }
 
 }  // namespace Quarnctl

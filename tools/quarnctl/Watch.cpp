@@ -155,8 +155,8 @@ void WatchLines::checkWriter(std::string const& dir) {
   writerAlive_ = alive;
 }
 
-CommandSpec const& watchCommand() {
-  static CommandSpec const spec{
+CommandDecl const& watchCommand() {
+  static CommandDecl const decl{
       "watch",
       "watch TABLE",
       "follow a table, one line per net change of a key",
@@ -175,7 +175,7 @@ CommandSpec const& watchCommand() {
       {"TABLE"},
       {},
       runWatch};
-  return spec;
+  return decl;
 }
 
 }  // namespace Quarnctl
