@@ -360,6 +360,9 @@ TEST_F(Quarnctl, CommandLineMistakesExitTwoWithOneLineAndHelpExitsZero) {
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     EXPECT_EQ(r.out, "");
   }
+  Outcome const empty = run({"ls"});  // a root without tables is an answer, not an error
+  EXPECT_EQ(empty.exitCode, 0);
+  EXPECT_EQ(empty.lines().size(), 1u);
   Writer writer(children, "table", root.path());
   Outcome const badKey = run({"get", "group", "not-an-address"});
   EXPECT_EQ(badKey.exitCode, 2);

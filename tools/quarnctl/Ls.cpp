@@ -62,13 +62,8 @@ void lsJson(Output& out, std::string const& root, TableInfo const& t) {
 
 int runLs(Context& ctx, CommandLine const&) {
   std::vector<std::string> const names = tableNames(ctx.root);
-  if (names.empty()) {
-    // An empty root is a fine answer; a missing or unreadable one is not.
-    TableInfo probe;
-    probe.name = ".";
-    probe.dir = ctx.root;
-    if (auto const why = tableProblem(ctx.root, probe)) throw Failure(*why);
-  }
+  // An empty root is a fine answer; a missing or unreadable one is not.
+  if (auto const why = rootProblem(ctx.root)) throw Failure(*why);
   std::vector<std::vector<std::string>> rows;
   if (!ctx.json) {
     rows.push_back(

@@ -125,11 +125,19 @@ TableInfo readTableInfo(std::string const& root, std::string const& name) {
   return t;
 }
 
-std::optional<std::string> tableProblem(std::string const& root, TableInfo const& t) {
+std::optional<std::string> rootProblem(std::string const& root) {
   struct stat st {};
-  if (::stat(root.c_str(), &st) != 0) {
-    return "no table root " + root + ": " + std::strerror(errno);
+  if (::stat(root.c_str(), &st) != 0) return "no table root " + root + ": " + std::strerror(errno);
+  if (!S_ISDIR(st.st_mode)) return "the table root " + root + " is not a directory";
+  if (::access(root.c_str(), R_OK | X_OK) != 0) {
+    return "cannot read the table root " + root + ": " + std::strerror(errno);
   }
+  return std::nullopt;
+}
+
+std::optional<std::string> tableProblem(std::string const& root, TableInfo const& t) {
+  if (auto const why = rootProblem(root)) return why;
+  struct stat st {};
   if (::stat(t.dir.c_str(), &st) != 0) {
     std::string text = "no table '" + t.name + "' under " + root;
     std::vector<std::string> const names = tableNames(root);

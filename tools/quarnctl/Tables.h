@@ -65,6 +65,9 @@ TableInfo readTableInfo(std::string const& root, std::string const& name);
 // incarnation recorded. `info` is the table as read just before.
 std::optional<std::string> tableProblem(std::string const& root, TableInfo const& info);
 
+// Why the root directory itself cannot be read (missing, not a directory, no permission).
+std::optional<std::string> rootProblem(std::string const& root);
+
 // readTableInfo, then raises Failure with tableProblem's reason when there is one.
 TableInfo readableTable(std::string const& root, std::string const& name);
 
