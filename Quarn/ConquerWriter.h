@@ -46,6 +46,12 @@ class ConquerWriter {
   // Maps table `tableId` (0 or 1), keeping it when its fenix matches and `force` is false.
   // Returns true when kept.
   bool attachConquer(std::uint32_t tableId, std::uint32_t fenix, bool force);
+  // Maps table `tableId` read-only, as it is (see QuarnWriter::inspect). False when it is
+  // missing or cannot be mapped.
+  bool inspect(std::uint32_t tableId, std::uint32_t fenix) {
+    fenix_ = fenix;
+    return mem_[tableId].attachReadOnly();
+  }
   // After both tables were attached: take over the current table, sequence and live count that
   // the files hold (fresh values for fresh files).
   void restore();

@@ -115,13 +115,15 @@ class WriterBackend final : public QuarnBase<Key, Wrapper> {
 template <class Key, class Wrapper>
 class ReaderBackend final : public QuarnBase<Key, Wrapper> {
  public:
+  // `pollInterval` > 0: the queue is polled instead of followed through the writer's wake-ups
+  // (see ConquerReader).
   ReaderBackend(Jorv::DebugHandler& dh, std::string const& rootPath, KeyNotifier<Key>& notifier,
-                CorruptionHandler onCorruption, Kiv::Activity& activity)
+                CorruptionHandler onCorruption, Kiv::Activity& activity, double pollInterval = 0)
       : dh_(dh),
         notifier_(notifier),
         onCorruption_(std::move(onCorruption)),
         reader_(dh, rootPath),
-        conquer_(dh, rootPath, &activity, [this] { drain(); }),
+        conquer_(dh, rootPath, &activity, [this] { drain(); }, pollInterval),
         more_([this] { drain(); }, activity),
         release_([this] { conquer_.detach(); }, activity) {}
 

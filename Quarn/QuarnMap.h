@@ -21,6 +21,11 @@
 //   reading table's report goes to the writer through the corruption file.
 // - Operations that change or check the files are refused on a reading table; every refusal and
 //   every failed `init` leaves the map as it was.
+// - A passive reading table (`passiveIs`, before `init`) changes nothing under the root: its back
+//   end never connects to the writer (which neither counts it nor waits for it before pruning
+//   the notification queue) and polls the queue instead, re-reading the table when the writer
+//   pruned past it; corruption it meets is traced, not recorded in the corruption file. For
+//   tools that must leave a table exactly as they found it.
 //
 // `Notifier` is a KeyNotifier<Key> or any type with `onKey(Key const&)`; it hears the keys that
 // a reading back end reports as changed. Single-threaded: the map, its mounters and its back end
@@ -200,6 +205,17 @@ class QuarnMap {
   }
   // The remount timer's interval for mounters created from now on (tests shorten it).
   void remountIntervalIs(double seconds) noexcept { remountInterval_ = seconds; }
+  // Makes a reading table passive (see above), polling the queue every `pollInterval` seconds
+  // (> 0). Refused once initialised.
+  void passiveIs(double pollInterval) {
+    if (initialized_ || !(pollInterval > 0)) {
+      throw Jorv::InvalidInitializeException("QuarnMap::passiveIs() " + name_ +
+                                             (initialized_ ? " already initialized"
+                                                           : " needs a poll interval above 0"));
+    }
+    pollInterval_ = pollInterval;
+  }
+  bool passive() const noexcept { return pollInterval_ > 0; }
 
  protected:
   // Until `init`, the front writes to and reads from `writer`, an in-process (local) table of the
@@ -309,6 +325,7 @@ class QuarnMap {
   mutable double yieldTime_ = -1;  // < 0: the back end's default
   mutable std::uint32_t sample_ = 0;
   double remountInterval_ = ReaderMounter::defaultRemountInterval;
+  double pollInterval_ = 0;  // > 0: passive (see passiveIs)
   std::unique_ptr<Base> backend_;
   WriterBackend<Key, Wrapper>* writer_ = nullptr;  // backend_ while it is the writer
   std::unique_ptr<WriterMounter> writerMounter_;
@@ -424,11 +441,11 @@ void QuarnMap<Key, Wrapper, Notifier>::attach() {
   CorruptionHandler report = [this](std::string const& text) { corruptionDetected(text); };
   std::unique_ptr<Base> backend;
   if (mode_ == QuarnType::reader) {
-    backend = std::make_unique<ReaderBackend<Key, Wrapper>>(*dh_, root_.str(), forward_,
-                                                            std::move(report), activity_);
+    backend = std::make_unique<ReaderBackend<Key, Wrapper>>(
+        *dh_, root_.str(), forward_, std::move(report), activity_, pollInterval_);
   } else {
     backend = makeQuarnShadow<Key, Wrapper>(*dh_, root_.str(), mode_, forward_, activity_,
-                                            std::move(report));
+                                            std::move(report), pollInterval_);
   }
   KIV_TRACE(*dh_, 3, "QuarnMap::attach() attempting to attach ", name_, " as ",
             quarnTypeWord(mode_));
@@ -501,7 +518,9 @@ void QuarnMap<Key, Wrapper, Notifier>::handleDisconnect() {
 template <class Key, class Wrapper, class Notifier>
 void QuarnMap<Key, Wrapper, Notifier>::corruptionDetected(std::string const& text) const {
   KIV_TRACE(*dh_, 1, "QuarnMap::corruptionDetected() ", text);
-  if (initialized_ && mode_ != QuarnType::writer) Util::writeCorruptionFile(root_.str(), text);
+  if (initialized_ && mode_ != QuarnType::writer && !passive()) {
+    Util::writeCorruptionFile(root_.str(), text);
+  }
 }
 
 template <class Key, class Wrapper, class Notifier>

@@ -23,6 +23,11 @@ QuarnMem::QuarnMem(Jorv::DebugHandler& dh, std::string const& rootPath, std::str
             region_->name());
 }
 
+bool QuarnMem::attachReadOnly() {
+  auto* const shared = local_ ? nullptr : dynamic_cast<Mem::Shared*>(region_.get());
+  return shared != nullptr && shared->attachReadOnly();
+}
+
 std::string QuarnMem::stagedName() const {
   return fileName_ + ".new";
 }

@@ -21,6 +21,9 @@ class QuarnMem {
   bool local() const noexcept { return local_; }
   std::size_t sizeOnDisk() const { return region_->sizeOnDisk(); }
   bool attach(std::size_t bytes) { return region_->attach(bytes); }
+  // Maps the existing file read-only at its current size (never for a local region, which has
+  // no file). False when it is missing, empty or cannot be mapped (errno kept).
+  bool attachReadOnly();
   bool resize(std::size_t bytes) { return region_->resize(bytes); }
   // Replacing a shared file instead of resizing it under readers that map it (a reader touching
   // a page beyond a shrunk file's end dies of SIGBUS): `stageReplacement` maps a fresh file of

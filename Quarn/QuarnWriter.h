@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ostream>
 #include <sstream>
@@ -85,6 +86,14 @@ class QuarnWriter {
   // keeps the records that can be trusted under fenix + 1 (`recover`); otherwise re-formats
   // every file under fenix + 1.
   void attach();
+  // Maps the table's existing files read-only, as they are, so that a process that is not the
+  // writer (a tool) can `validate` a live or abandoned table: no lock is taken and no file is
+  // created, formatted or written; the incarnation checked is the "fenix" file's, or the slot
+  // header's when that file is gone. Afterwards only `validate`, lookups, iteration and the
+  // accessors may be used: every changing operation raises Jorv::RuntimeException. False with
+  // the reason in `error` when a file is missing or cannot be mapped.
+  bool inspect(std::string& error);
+  bool inspecting() const noexcept { return inspecting_; }
 
   // Inserts or updates the entry of value.key; returns its value area in the slot.
   Wrapper const* write(Wrapper const& value, bool safe = true);
@@ -111,7 +120,17 @@ class QuarnWriter {
   void directCommit();
   bool directPending() const noexcept { return pending_ != noIndex; }
 
-  bool validate() { return Validator<Key, Wrapper>(dh_, *this).validate(fenix_); }
+  bool validate() {
+    std::string error;
+    return validate(error);
+  }
+  // The same, with the first failing check's message in `error` (empty when valid).
+  bool validate(std::string& error) {
+    Validator<Key, Wrapper> validator(dh_, *this);
+    bool const valid = validator.validate(fenix_);
+    error = valid ? std::string() : validator.error();
+    return valid;
+  }
   // The headers and file sizes alone, a file grown beyond its header allowed (see
   // ValidatorBase::checkHeaders); never throws.
   bool headersValid() noexcept;
@@ -207,6 +226,13 @@ class QuarnWriter {
     KIV_TRACE(dh_, 0, text);
     throw CorruptionDetectedException(text);
   }
+  // The mappings of an inspection are read-only: a change would fault, so it is refused first.
+  void refuseWhileInspecting(char const* op) const {
+    if (inspecting_) {
+      throw Jorv::RuntimeException(std::string("QuarnWriter::") + op +
+                                   "() on a table inspected read-only: " + root_.str());
+    }
+  }
 
   Jorv::DebugHandler& dh_;
   RootPath root_;
@@ -219,6 +245,7 @@ class QuarnWriter {
   std::uint32_t fenix_ = 0;
   std::uint32_t pending_ = noIndex;
   bool pendingNew_ = false;
+  bool inspecting_ = false;
   std::uint64_t damageSeen_ = Mem::damageCount();
   Key pendingKey_{};
 };
@@ -267,6 +294,41 @@ void QuarnWriter<Key, Wrapper>::attach() {
   if (intact && !local_) conquer_.announcePrepared();
   KIV_TRACE(dh_, 3, "QuarnWriter::attach() success ", root_.str(), " capacity: ", capacity(),
             " fenixId: ", fenix_);
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::inspect(std::string& error) {
+  pending_ = noIndex;
+  inspecting_ = true;
+  if (local_) {
+    error = "QuarnWriter::inspect() a local table has no files";
+    return false;
+  }
+  fenix_ = FenixFile::read(root_.str());
+  char const* failed = nullptr;
+  if (!slots_.inspect()) {
+    failed = "slots";
+  } else if (!buckets_.inspect()) {
+    failed = "buckets";
+  } else {
+    if (fenix_ == 0 && slots_.mem().mappedSize() >= SlotTable::headerSize) {
+      fenix_ = Mem::Atomics::load32(&slots_.header()->fenix);
+    }
+    if (!conquer_.inspect(0, fenix_)) {
+      failed = "conquer.1";
+    } else if (!conquer_.inspect(1, fenix_)) {
+      failed = "conquer.2";
+    }
+  }
+  if (failed != nullptr) {
+    error = "QuarnWriter::inspect() cannot map " + root_.file(failed) + " read-only: " +
+            std::strerror(errno);
+    return false;
+  }
+  conquer_.restore();
+  KIV_TRACE(dh_, 3, "QuarnWriter::inspect() ", root_.str(), " fenixId: ", fenix_,
+            " slots: ", capacity());
+  return true;
 }
 
 template <class Key, class Wrapper>
@@ -342,6 +404,7 @@ std::vector<Wrapper> QuarnWriter<Key, Wrapper>::trustedRecords() const {
 
 template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::recover(std::string const& why) {
+  refuseWhileInspecting("recover");
   KIV_TRACE(dh_, 0, "QuarnWriter::recover() ", root_.str(), " fenixId: ", fenix_, ": ", why);
   std::vector<Wrapper> const kept = trustedRecords();
   std::uint64_t const sequence = conquer_.sequence();
@@ -440,6 +503,7 @@ void QuarnWriter<Key, Wrapper>::writeValue(char* s, void const* value) {
 
 template <class Key, class Wrapper>
 Wrapper const* QuarnWriter<Key, Wrapper>::write(Wrapper const& value, bool /*safe*/) {
+  refuseWhileInspecting("write");
   Key const& key = value.key;
   std::uint32_t const b = bucketOf(key);
   Found const f = find(key, b);
@@ -463,6 +527,7 @@ Wrapper const* QuarnWriter<Key, Wrapper>::write(Wrapper const& value, bool /*saf
 
 template <class Key, class Wrapper>
 bool QuarnWriter<Key, Wrapper>::remove(Key const& key, Wrapper& out) {
+  refuseWhileInspecting("remove");
   std::uint32_t const b = bucketOf(key);
   Found const f = find(key, b);
   if (!f.found) {
@@ -579,6 +644,7 @@ bool QuarnWriter<Key, Wrapper>::slotNext(Key const& key, Wrapper& out, IterHint&
 
 template <class Key, class Wrapper>
 Wrapper* QuarnWriter<Key, Wrapper>::directWrite(Key const& key) {
+  refuseWhileInspecting("directWrite");
   if (pending_ != noIndex) {
     throw Jorv::RuntimeException("QuarnWriter::directWrite() a direct write is already pending");
   }
@@ -646,6 +712,7 @@ bool QuarnWriter<Key, Wrapper>::validateFiles() const {
 
 template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::cleanup() {
+  refuseWhileInspecting("cleanup");
   KIV_TRACE(dh_, 3, "QuarnWriter::cleanup() removing Quarn files ", root_.str());
   pending_ = noIndex;
   if (local_) {

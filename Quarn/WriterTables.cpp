@@ -94,16 +94,22 @@ bool SlotWriterTable::attach(std::uint32_t fenix, bool force) {
         addFreeSlots(0, initial);
       });
   if (kept && !sameRecordLayout()) return attach(fenix, true);  // another record type's file
-  if (kept) {
-    // Trust the header only as far as the mapping reaches; validation reports the rest.
-    std::uint32_t const n = Mem::Atomics::highWord(header()->numSlotsUnit());
-    std::size_t const mapped = mem_.mappedSize();
-    numSlots_ =
-        mapped < SlotTable::fileSize(slotSize_, 0)
-            ? 0
-            : std::min<std::size_t>(n, (mapped - SlotTable::fileSize(slotSize_, 0)) / slotSize_);
-  }
+  if (kept) numSlots_ = mappedNumSlots();
   return kept;
+}
+
+bool SlotWriterTable::inspect() {
+  if (!mem_.attachReadOnly()) return false;
+  numSlots_ = mem_.mappedSize() < SlotTable::headerSize ? 0 : mappedNumSlots();
+  return true;
+}
+
+std::uint32_t SlotWriterTable::mappedNumSlots() const {
+  std::uint32_t const n = Mem::Atomics::highWord(header()->numSlotsUnit());
+  std::size_t const mapped = mem_.mappedSize();
+  return mapped < SlotTable::fileSize(slotSize_, 0)
+             ? 0
+             : std::min<std::size_t>(n, (mapped - SlotTable::fileSize(slotSize_, 0)) / slotSize_);
 }
 
 bool SlotWriterTable::sameRecordLayout() const {

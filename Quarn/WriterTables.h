@@ -91,6 +91,9 @@ class SlotWriterTable {
 
   // Returns true when existing contents were kept. Formats and fills the free list otherwise.
   bool attach(std::uint32_t fenix, bool force);
+  // Maps the existing file read-only, as it is (see QuarnWriter::inspect). False when it is
+  // missing or cannot be mapped.
+  bool inspect();
   // Doubles up to tableSize, then adds 10%, in whole pages; links the new slots into the (empty)
   // free list. False when the file cannot be resized (nothing changed then).
   bool grow();
@@ -141,6 +144,9 @@ class SlotWriterTable {
  private:
   // The mapped header describes this writer's record type and configured size.
   bool sameRecordLayout() const;
+  // The header's slot count, trusted only as far as the mapping reaches (validation reports
+  // the rest).
+  std::uint32_t mappedNumSlots() const;
 
   Jorv::DebugHandler& dh_;
   QuarnMem mem_;
@@ -159,6 +165,8 @@ class BucketWriterTable {
                     std::uint32_t tableSize);
 
   bool attach(std::uint32_t fenix, bool force);
+  // Maps the existing file read-only, as it is (see QuarnWriter::inspect).
+  bool inspect() { return mem_.attachReadOnly(); }
   void cleanup();
 
   // Range-checked address of a bucket's link unit; throws CorruptionDetectedException.
