@@ -312,7 +312,7 @@ bool QuarnWriter<Key, Wrapper>::inspect(std::string& error) {
     failed = "buckets";
   } else {
     if (fenix_ == 0 && slots_.mem().mappedSize() >= SlotTable::headerSize) {
-      fenix_ = Mem::Atomics::load32(&slots_.header()->fenix);
+      fenix_ = Mem::Atomics::load32Acquire(&slots_.header()->fenix);
     }
     if (!conquer_.inspect(0, fenix_)) {
       failed = "conquer.1";
