@@ -32,11 +32,12 @@
 #include "Mem/Shared.h"
 #include "Quarn/ConquerReader.h"
 #include "Quarn/Exceptions.h"
+#include "Quarn/Fenix.h"
 #include "Quarn/QuarnBase.h"
 #include "Quarn/QuarnReader.h"
 #include "Quarn/QuarnShadow.h"
 #include "Quarn/QuarnWriter.h"
-#include "Quarn/Util.h"
+#include "Quarn/RootPath.h"
 #include "Quarn/WriterKickSm.h"
 
 namespace Quarn {

@@ -37,11 +37,12 @@
 #include "Jorv/Platform.h"
 #include "Kiv/Activity.h"
 #include "Quarn/Exceptions.h"
+#include "Quarn/Files.h"
 #include "Quarn/QuarnBackends.h"
 #include "Quarn/QuarnBase.h"
 #include "Quarn/QuarnBaseDummy.h"
 #include "Quarn/ReaderMounter.h"
-#include "Quarn/Util.h"
+#include "Quarn/RootPath.h"
 #include "Quarn/WriterMounter.h"
 
 namespace Quarn {

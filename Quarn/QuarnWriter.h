@@ -32,10 +32,12 @@
 #include "Jorv/Platform.h"
 #include "Quarn/ConquerWriter.h"
 #include "Quarn/Exceptions.h"
+#include "Quarn/Fenix.h"
 #include "Quarn/IterHint.h"
-#include "Quarn/Util.h"
+#include "Quarn/RootPath.h"
 #include "Quarn/Validator.h"
 #include "Quarn/WriterKick.h"
+#include "Quarn/WriterLock.h"
 #include "Quarn/WriterTables.h"
 
 namespace Quarn {

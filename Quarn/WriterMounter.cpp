@@ -2,7 +2,8 @@
 
 #include <exception>
 
-#include "Quarn/Util.h"
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 
 namespace Quarn {
 

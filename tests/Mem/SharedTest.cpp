@@ -13,8 +13,10 @@
 #include <filesystem>
 
 #include "Mem/Shared.h"
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 #include "Quarn/TestRecord.h"
-#include "Quarn/Util.h"
+#include "Quarn/WriterLock.h"
 
 namespace {
 

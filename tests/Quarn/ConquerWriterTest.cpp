@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Quarn/Files.h"
 #include "Quarn/QuarnWriter.h"
 #include "TestRecord.h"
 

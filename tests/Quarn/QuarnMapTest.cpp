@@ -11,8 +11,8 @@
 #include <filesystem>
 
 #include "Quarn/ConquerTable.h"
+#include "Quarn/Files.h"
 #include "Quarn/SlotTable.h"
-#include "Quarn/Util.h"
 #include "QuarnMapFixture.h"
 
 using namespace QuarnTest;

@@ -9,6 +9,8 @@
 #include <csignal>
 #include <fstream>
 
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 #include "Quarn/QuarnWriter.h"
 #include "TestRecord.h"
 
