@@ -29,10 +29,10 @@ std::uint32_t FenixFile::read(std::string const& rootPath) {
   return fenix;
 }
 
-bool FenixFile::write(std::string const& rootPath, std::uint32_t fenix) {
+bool FenixFile::write(std::string const& rootPath, std::uint32_t fenix, unsigned fileMode) {
   char bytes[4];
   std::memcpy(bytes, &fenix, 4);
-  return Util::fileWriteAtomic(rootPath + "/fenix", std::string_view(bytes, 4));
+  return Util::fileWriteAtomic(rootPath + "/fenix", std::string_view(bytes, 4), fileMode);
 }
 
 }  // namespace Quarn

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "Mem/Shared.h"
+
 namespace Quarn {
 namespace Util {
 
@@ -22,7 +24,9 @@ std::uint32_t nextInstanceId() noexcept;
 struct FenixFile {
   // 0 when the file is missing or malformed.
   static std::uint32_t read(std::string const& rootPath);
-  static bool write(std::string const& rootPath, std::uint32_t fenix);
+  // False on failure (errno set).
+  static bool write(std::string const& rootPath, std::uint32_t fenix,
+                    unsigned fileMode = Mem::defaultFileMode);
 };
 
 }  // namespace Quarn

@@ -39,16 +39,18 @@ std::string fileRead(std::string const& path) {
   return out;
 }
 
-bool fileWriteAtomic(std::string const& path, std::string_view content) {
+bool fileWriteAtomic(std::string const& path, std::string_view content, unsigned fileMode) {
   std::size_t const slash = path.rfind('/');
   if (slash != std::string::npos && !Mem::makeDirs(path.substr(0, slash))) return false;
   std::string const tmp = path + ".tmp." + std::to_string(::getpid());
-  int const fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int const fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, fileMode);
   if (fd < 0) return false;
-  bool ok = writeAll(fd, content.data(), content.size());
+  bool ok = ::fchmod(fd, fileMode) == 0 && writeAll(fd, content.data(), content.size());
   ok = ::close(fd) == 0 && ok;
   if (ok && ::rename(tmp.c_str(), path.c_str()) == 0) return true;
+  int const error = errno;
   ::unlink(tmp.c_str());
+  errno = error;
   return false;
 }
 

@@ -6,13 +6,17 @@
 #include <string>
 #include <string_view>
 
+#include "Mem/Shared.h"
+
 namespace Quarn::Util {
 
 // Whole content of a file; empty when it does not exist.
 std::string fileRead(std::string const& path);
 // Replaces `path` with `content` atomically (a temporary file renamed over it), so that a reader
-// sees either the old or the new content. Creates missing directories. False on failure.
-bool fileWriteAtomic(std::string const& path, std::string_view content);
+// sees either the old or the new content; the file gets `fileMode` exactly. Creates missing
+// directories. False on failure (errno set).
+bool fileWriteAtomic(std::string const& path, std::string_view content,
+                     unsigned fileMode = Mem::defaultFileMode);
 // Records a corruption report for the writer in <rootPath>/corruption-detected.
 bool writeCorruptionFile(std::string const& rootPath, std::string_view text);
 // Size of a file on disk; 0 when it does not exist.

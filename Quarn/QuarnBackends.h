@@ -49,24 +49,21 @@ template <class Key, class Wrapper>
 class WriterBackend final : public QuarnBase<Key, Wrapper> {
  public:
   // A shared writer creates its root directory and listens for readers at once; raises
-  // Jorv::Exception when that fails.
+  // Jorv::Exception when that fails. Files it creates get `fileMode`.
   WriterBackend(Jorv::DebugHandler& dh, std::string const& name, std::uint32_t size, bool isLocal,
-                std::string const& className, std::string const& rootDir, Kiv::Activity& activity)
-      : dh_(dh),
-        kick_(isLocal ? nullptr : makeKick(RootPath(name, rootDir).str(), activity)),
-        writer_(dh, name, size, isLocal, className, kick_.get(), rootDir) {}
+                std::string const& className, std::string const& rootDir, Kiv::Activity& activity,
+                unsigned fileMode = Mem::defaultFileMode)
+      : kick_(isLocal ? nullptr : makeKick(RootPath(name, rootDir).str(), activity)),
+        writer_(dh, name, size, isLocal, className, kick_.get(), rootDir, fileMode) {}
 
   QuarnWriter<Key, Wrapper>& writer() noexcept { return writer_; }
 
   QuarnType type() const override { return QuarnType::writer; }
+  // Attaches the writer; its failures (no space for the files, say) pass to the caller with their
+  // cause.
   bool initialize() override {
-    try {
-      writer_.attach();
-      return true;
-    } catch (Jorv::Exception const& e) {
-      KIV_TRACE(dh_, 0, "QuarnWriter::attach() failed: ", e.what());
-      return false;
-    }
+    writer_.attach();
+    return true;
   }
   // The files stay for the next writer; this object is dropped by its front.
   void detach() override {}
@@ -108,7 +105,6 @@ class WriterBackend final : public QuarnBase<Key, Wrapper> {
         [this](std::uint32_t) { writer_.conquer().updateNumReaders(); }, activity);
   }
 
-  Jorv::DebugHandler& dh_;
   std::unique_ptr<WriterKickSm> kick_;
   mutable QuarnWriter<Key, Wrapper> writer_;  // its read accessors are not const
 };

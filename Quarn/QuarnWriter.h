@@ -16,11 +16,17 @@
 // holds zeros, and what was written there never reached the readers). Nothing is repaired in
 // place: `recover` starts a new incarnation with the records that can still be trusted.
 //
+// Lack of space is a clean failure: every file's bytes are reserved when it is created or grows
+// (Mem/Shared.h), and a change that needs a file to grow grows it before it changes anything, so
+// a growth that cannot get its space ends the change with TableFullException and the table
+// exactly as it was, every record kept. Space freed later lets the next change succeed.
+//
 // No heap allocation on write, remove and lookup once the table has grown to its working size.
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ostream>
 #include <sstream>
@@ -30,6 +36,7 @@
 
 #include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
+#include "Mem/Shared.h"
 #include "Quarn/ConquerWriter.h"
 #include "Quarn/Exceptions.h"
 #include "Quarn/Fenix.h"
@@ -67,25 +74,32 @@ class QuarnWriter {
 
   // `kick` wakes this table's readers; nullptr means none (always the case for a local table).
   // `rootDir` is the directory that holds the table directories (empty: Mem::defaultRootDir()).
+  // `fileMode` is the mode of the files the writer creates (Mem::defaultFileMode: readable by
+  // all, writable by the owner); readers need read access to every file of the table.
   QuarnWriter(Jorv::DebugHandler& dh, std::string const& tableName, std::uint32_t size,
               bool isLocal, std::string const& className, WriterKick* kick = nullptr,
-              std::string const& rootDir = {})
+              std::string const& rootDir = {}, unsigned fileMode = Mem::defaultFileMode)
       : dh_(dh),
         root_(tableName, rootDir),
         local_(isLocal),
+        fileMode_(fileMode),
         kick_(kick != nullptr && !isLocal ? kick : &noReaders_),
         slots_(dh, root_.str(), isLocal, Jorv::typeName<Wrapper>(), className, sizeof(Wrapper),
                size),
         buckets_(dh, root_.str(), isLocal, size),
         conquer_(dh, root_.str(), isLocal, slots_, *kick_) {
     if (size == 0) throw Jorv::InvalidInitializeException("QuarnWriter() table size 0");
+    slots_.mem().fileModeIs(fileMode);
+    buckets_.mem().fileModeIs(fileMode);
+    conquer_.fileModeIs(fileMode);
   }
 
   // Maps the files and keeps their entries when all four belong to this incarnation and
   // validate, announcing a change the last writer made but did not (ConquerWriter::prepare).
   // When they belong to it but fail validation (the last writer was killed inside a change),
   // keeps the records that can be trusted under fenix + 1 (`recover`); otherwise re-formats
-  // every file under fenix + 1.
+  // every file under fenix + 1. Throws Jorv::MemoryResourceException when a file cannot be made
+  // (with the path, the size asked and the cause, such as "no space left on device").
   void attach();
 
   // Inserts or updates the entry of value.key; returns its value area in the slot.
@@ -213,6 +227,7 @@ class QuarnWriter {
   Jorv::DebugHandler& dh_;
   RootPath root_;
   bool local_;
+  unsigned fileMode_;
   NoReaderKick noReaders_;
   WriterKick* kick_;
   SlotWriterTable slots_;
@@ -240,12 +255,15 @@ bool QuarnWriter<Key, Wrapper>::attachAll(std::uint32_t fenix, bool force) {
 
 template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::attach() {
+  bool fresh = local_;
   if (local_) {
     fenix_ = static_cast<std::uint32_t>(::getpid());
   } else {
     fenix_ = FenixFile::read(root_.str());
     if (fenix_ == 0) fenix_ = Util::encodeFenix(::getpid() & 0xffff, Util::nextInstanceId());
     Util::AutoLock lock(root_.str());  // records this process as the table's owner
+    fresh = slots_.mem().sizeOnDisk() == 0 && buckets_.mem().sizeOnDisk() == 0 &&
+            conquer_.mem(0).sizeOnDisk() == 0 && conquer_.mem(1).sizeOnDisk() == 0;
   }
   // A local table is always new and nothing of it can survive: it keeps the pid as its fenix.
   bool const kept = attachAll(fenix_, false) || local_;
@@ -253,8 +271,13 @@ void QuarnWriter<Key, Wrapper>::attach() {
   bool valid = intact;
   if (kept && !valid && !local_ && headersValid()) valid = recoverInterrupted();
   if (!valid) {
-    KIV_TRACE(dh_, 3, "QuarnWriter::attach() failed, all entries from ", root_.str(),
-              " will be lost");
+    // New files hold nothing to lose; files of another incarnation or record type do.
+    if (fresh) {
+      KIV_TRACE(dh_, 3, "QuarnWriter::attach() new files in ", root_.str());
+    } else {
+      KIV_TRACE(dh_, 1, "QuarnWriter::attach() failed, all entries from ", root_.str(),
+                " will be lost");
+    }
     fenix_ = nextFenix(fenix_);
     attachAll(fenix_, true);
     if (!validate()) {
@@ -263,8 +286,9 @@ void QuarnWriter<Key, Wrapper>::attach() {
     }
     KIV_TRACE(dh_, 3, "QuarnWriter::attach(): re-formatted successfully");
   }
-  if (!local_ && !FenixFile::write(root_.str(), fenix_)) {
-    throw Jorv::RuntimeException("QuarnWriter::attach() cannot write fenix file in " + root_.str());
+  if (!local_ && !FenixFile::write(root_.str(), fenix_, fileMode_)) {
+    throw Jorv::RuntimeException("QuarnWriter::attach() cannot write fenix file in " +
+                                 root_.str() + ": " + Mem::errorText(errno));
   }
   if (intact && !local_) conquer_.announcePrepared();
   KIV_TRACE(dh_, 3, "QuarnWriter::attach() success ", root_.str(), " capacity: ", capacity(),
@@ -356,9 +380,9 @@ void QuarnWriter<Key, Wrapper>::recover(std::string const& why) {
     KIV_TRACE(dh_, 0, "QuarnWriter::recover() failed validation");
     throw Jorv::RuntimeException("QuarnWriter::recover() failed validation");
   }
-  if (!local_ && !FenixFile::write(root_.str(), fenix_)) {
+  if (!local_ && !FenixFile::write(root_.str(), fenix_, fileMode_)) {
     throw Jorv::RuntimeException("QuarnWriter::recover() cannot write fenix file in " +
-                                 root_.str());
+                                 root_.str() + ": " + Mem::errorText(errno));
   }
   if (kept.empty()) {
     KIV_TRACE(dh_, 0, "QuarnWriter::recover() no record of ", root_.str(),
@@ -415,12 +439,15 @@ typename QuarnWriter<Key, Wrapper>::Found QuarnWriter<Key, Wrapper>::walk(Key co
 
 template <class Key, class Wrapper>
 std::uint32_t QuarnWriter<Key, Wrapper>::allocOrThrow() {
+  conquer_.makeRoom();  // a compaction that fails must find the slot table untouched
   std::uint32_t const i = slots_.alloc();
   if (i != noIndex) return i;
   std::ostringstream os;
   os << "SlotWriter::alloc() Quarn table full (occupancy:" << slots_.occupiedSlots()
      << " tableSize:" << slots_.tableSize() << ") " << root_.str();
-  KIV_TRACE(dh_, 0, os.str());
+  if (slots_.growError() != 0) os << ": " << Mem::errorText(slots_.growError());
+  // Raised to the caller, who reports it; the cause was traced by the growth that failed.
+  KIV_TRACE(dh_, 1, os.str());
   throw TableFullException(os.str());
 }
 
@@ -616,7 +643,13 @@ void QuarnWriter<Key, Wrapper>::directCommit() {
   std::uint32_t const i = pending_;
   pending_ = noIndex;
   KIV_TRACE(dh_, 8, "QuarnWriter::directCommit() slot: ", i);
-  conquer_.prepare(i);
+  try {
+    conquer_.prepare(i);
+  } catch (TableFullException const&) {
+    // Writes in between used the room directWrite made: a new slot goes back unpublished.
+    if (pendingNew_) slots_.release(i);
+    throw;
+  }
   std::uint32_t const b = bucketOf(pendingKey_);
   Found f{noIndex, noIndex, false};
   char* const s = slots_.slot(i);

@@ -421,4 +421,26 @@ TEST_F(QuarnMapFixture, DamagedOrDeletedFenixFileIsRewrittenByTheWriter) {
   EXPECT_FALSE(late->fullyAttached());
 }
 
+// Every file of a table gets the mode its writer asks for, exactly (the umask narrows nothing):
+// by default readable by all and writable by the owner.
+TEST_F(QuarnMapFixture, TableFilesTakeTheWritersMode) {
+  auto const modes = [&] {
+    std::vector<unsigned> out;
+    for (char const* name : {"slots", "buckets", "conquer.1", "conquer.2", "fenix", "last-owner"}) {
+      struct stat st {};
+      out.push_back(::stat((root() + "/" + name).c_str(), &st) == 0 ? st.st_mode & 07777 : 0);
+    }
+    return out;
+  };
+  mode_t const umask = ::umask(077);
+  auto writer = map(QuarnType::writer);
+  EXPECT_EQ(modes(), std::vector<unsigned>(6, 0644));
+  writer->cleanup();
+  writer = std::make_unique<Map>(table, &recorder, tmp.path(), activity);
+  writer->fileModeIs(0640);
+  writer->init(QuarnType::writer, false, 100);
+  EXPECT_EQ(modes(), std::vector<unsigned>(6, 0640));
+  ::umask(umask);
+}
+
 }  // namespace

@@ -115,6 +115,16 @@ TEST(QuarnRestart, KilledWritersEntriesSurvive) {
   }
 }
 
+// A start on new files loses nothing and does not say it does.
+TEST(QuarnRestart, AFreshStartLosesNothing) {
+  TempRoot root;
+  TraceCapture trace(testHandle);
+  Writer w(dh(), "fresh", 100, false, "TestRecord", nullptr, root.path());
+  w.attach();
+  EXPECT_FALSE(trace.contains("will be lost"));
+  EXPECT_TRUE(trace.contains("QuarnWriter::attach() new files in " + root.path() + "/fresh"));
+}
+
 // Damaged headers, or files of another record type, are re-formatted empty under the next
 // fenix. What a writer killed inside a change leaves (headers sound, structure half-way) keeps
 // its records under the next fenix, so that readers resynchronise.
