@@ -39,6 +39,7 @@
 #include "Quarn/QuarnWriter.h"
 #include "Quarn/RootPath.h"
 #include "Quarn/WriterKickSm.h"
+#include "Quarn/WriterLock.h"
 
 namespace Quarn {
 
@@ -48,19 +49,25 @@ using CorruptionHandler = std::function<void(std::string const& text)>;
 template <class Key, class Wrapper>
 class WriterBackend final : public QuarnBase<Key, Wrapper> {
  public:
-  // A shared writer creates its root directory and listens for readers at once; raises
-  // Jorv::Exception when that fails. Files it creates get `fileMode`.
+  // A shared writer takes the table's writer lock first (a second writer of the table is refused
+  // before it touches anything, its wake-up socket included), then creates its root directory
+  // and listens for readers; raises Jorv::Exception when any of that fails. Files it creates get
+  // `fileMode`.
   WriterBackend(Jorv::DebugHandler& dh, std::string const& name, std::uint32_t size, bool isLocal,
                 std::string const& className, std::string const& rootDir, Kiv::Activity& activity,
                 unsigned fileMode = Mem::defaultFileMode)
-      : kick_(isLocal ? nullptr : makeKick(RootPath(name, rootDir).str(), activity)),
-        writer_(dh, name, size, isLocal, className, kick_.get(), rootDir, fileMode) {}
+      : lock_(isLocal ? Util::AutoLock()
+                      : Util::AutoLock(RootPath(name, rootDir).str(), fileMode)),
+        kick_(isLocal ? nullptr : makeKick(RootPath(name, rootDir).str(), activity)),
+        writer_(dh, name, size, isLocal, className, kick_.get(), rootDir, fileMode) {
+    writer_.writerLockIs(std::move(lock_));
+  }
 
   QuarnWriter<Key, Wrapper>& writer() noexcept { return writer_; }
 
   QuarnType type() const override { return QuarnType::writer; }
-  // Attaches the writer; its failures (no space for the files, say) pass to the caller with their
-  // cause.
+  // Attaches the writer; its failures (another live writer, no space for the files) pass to the
+  // caller with their cause.
   bool initialize() override {
     writer_.attach();
     return true;
@@ -105,6 +112,7 @@ class WriterBackend final : public QuarnBase<Key, Wrapper> {
         [this](std::uint32_t) { writer_.conquer().updateNumReaders(); }, activity);
   }
 
+  Util::AutoLock lock_;  // until the writer takes it
   std::unique_ptr<WriterKickSm> kick_;
   mutable QuarnWriter<Key, Wrapper> writer_;  // its read accessors are not const
 };

@@ -81,11 +81,11 @@ class QuarnMap {
     if (mode_ != QuarnType::writer) throw Jorv::Exception("writerCounters() not implemented");
     return backend_->writerCounters();
   }
-  // Mounts the table once in `mode` (see the class comment); a shared writer creates or attaches
-  // its files. Failures raise exceptions and leave the map uninitialised; a writer that cannot
-  // attach raises Jorv::RuntimeException "QuarnMap::init() failed to initialize collection
-  // <name>: " followed by the cause: no space left on device (naming the file and the size
-  // asked), ...
+  // Mounts the table once in `mode` (see the class comment); a shared writer takes the table's
+  // writer lock and creates or attaches its files. Failures raise exceptions and leave the map
+  // uninitialised; a writer that cannot attach raises Jorv::RuntimeException "QuarnMap::init()
+  // failed to initialize collection <name>: " followed by the cause: another live writer of the
+  // table (naming its pid), no space left on device (naming the file and the size asked), ...
   virtual void init(QuarnType mode, bool isLocal, unsigned size);
   // Removes the table's files; the writer goes with them (later writes are refused).
   virtual void cleanup() {
@@ -395,7 +395,7 @@ void QuarnMap<Key, Wrapper, Notifier>::init(QuarnType mode, bool isLocal, unsign
     cause = e.what();
     writer.reset();
   }
-  // The caller learns why (no space left on device, ...) and decides.
+  // The caller learns why (another live writer, no space left on device, ...) and decides.
   if (writer == nullptr) {
     throw Jorv::RuntimeException("QuarnMap::init() failed to initialize collection " + name_ +
                                  ": " + cause);

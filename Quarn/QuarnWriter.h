@@ -21,6 +21,9 @@
 // a growth that cannot get its space ends the change with TableFullException and the table
 // exactly as it was, every record kept. Space freed later lets the next change succeed.
 //
+// One live writer per table: a shared writer holds the table's writer lock (Quarn/WriterLock.h)
+// from `attach` until it is destroyed or removes the files; a second one is refused.
+//
 // No heap allocation on write, remove and lookup once the table has grown to its working size.
 
 #include <unistd.h>
@@ -94,13 +97,18 @@ class QuarnWriter {
     conquer_.fileModeIs(fileMode);
   }
 
-  // Maps the files and keeps their entries when all four belong to this incarnation and
-  // validate, announcing a change the last writer made but did not (ConquerWriter::prepare).
-  // When they belong to it but fail validation (the last writer was killed inside a change),
-  // keeps the records that can be trusted under fenix + 1 (`recover`); otherwise re-formats
-  // every file under fenix + 1. Throws Jorv::MemoryResourceException when a file cannot be made
-  // (with the path, the size asked and the cause, such as "no space left on device").
+  // Takes the table's writer lock (unless `writerLockIs` gave it), then maps the files and keeps
+  // their entries when all four belong to this incarnation and validate, announcing a change the
+  // last writer made but did not (ConquerWriter::prepare). When they belong to it but fail
+  // validation (the last writer was killed inside a change), keeps the records that can be
+  // trusted under fenix + 1 (`recover`); otherwise re-formats every file under fenix + 1. Throws
+  // Jorv::RuntimeException when another writer of the table is alive (naming its pid) or the lock
+  // cannot be taken, Jorv::MemoryResourceException when a file cannot be made (with the path, the
+  // size asked and the cause, such as "no space left on device").
   void attach();
+  // The writer lock of this table taken by the writer's owner before anything of the table was
+  // touched; the writer holds it from now on.
+  void writerLockIs(Util::AutoLock lock) noexcept { lock_ = std::move(lock); }
 
   // Inserts or updates the entry of value.key; returns its value area in the slot.
   Wrapper const* write(Wrapper const& value, bool safe = true);
@@ -228,6 +236,7 @@ class QuarnWriter {
   RootPath root_;
   bool local_;
   unsigned fileMode_;
+  Util::AutoLock lock_;  // held by a shared writer from attach on
   NoReaderKick noReaders_;
   WriterKick* kick_;
   SlotWriterTable slots_;
@@ -259,9 +268,10 @@ void QuarnWriter<Key, Wrapper>::attach() {
   if (local_) {
     fenix_ = static_cast<std::uint32_t>(::getpid());
   } else {
+    // Before anything of the table is read: a second writer must not touch it.
+    if (!lock_.locked()) lock_ = Util::AutoLock(root_.str(), fileMode_);
     fenix_ = FenixFile::read(root_.str());
     if (fenix_ == 0) fenix_ = Util::encodeFenix(::getpid() & 0xffff, Util::nextInstanceId());
-    Util::AutoLock lock(root_.str());  // records this process as the table's owner
     fresh = slots_.mem().sizeOnDisk() == 0 && buckets_.mem().sizeOnDisk() == 0 &&
             conquer_.mem(0).sizeOnDisk() == 0 && conquer_.mem(1).sizeOnDisk() == 0;
   }
@@ -689,12 +699,15 @@ void QuarnWriter<Key, Wrapper>::cleanup() {
     conquer_.cleanup();
     return;
   }
-  Util::AutoLock lock(root_.str());
+  // Only the table's writer removes its files: one that has not attached takes the lock first,
+  // and is refused while another writer lives. The lock goes with the files.
+  if (!lock_.locked()) lock_ = Util::AutoLock(root_.str(), fileMode_);
   buckets_.cleanup();
   slots_.cleanup();
   conquer_.cleanup();
   ::unlink(root_.file("fenix").c_str());
   ::unlink(root_.file("last-owner").c_str());
+  lock_ = Util::AutoLock();
 }
 
 template <class Key, class Wrapper>

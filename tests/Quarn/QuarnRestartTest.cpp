@@ -246,16 +246,18 @@ TEST(QuarnRestart, ChangeMadeButNotAnnouncedIsAnnouncedByTheNextWriter) {
   writeWord(table, 60 + 12 * pos, 1);
   writeWord(dir + "/slots", 176 + 48 * 2 + 16 + 8, 555);
 
-  Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
-  std::uint32_t const fenix = Quarn::FenixFile::read(dir);
-  w.attach();
-  EXPECT_EQ(w.fenix(), fenix);
-  expectSurvivors(w, 555);
-  EXPECT_EQ(w.conquer().sequence(), last + 1);
-  auto const after = fileBytes(table);
-  EXPECT_EQ(at(after, 48), pos + 1);       // published
-  EXPECT_EQ(at(after, 60 + 12 * pos), 1u);  // naming slot 1
-  EXPECT_TRUE(w.validate());
+  {
+    Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
+    std::uint32_t const fenix = Quarn::FenixFile::read(dir);
+    w.attach();
+    EXPECT_EQ(w.fenix(), fenix);
+    expectSurvivors(w, 555);
+    EXPECT_EQ(w.conquer().sequence(), last + 1);
+    auto const after = fileBytes(table);
+    EXPECT_EQ(at(after, 48), pos + 1);       // published
+    EXPECT_EQ(at(after, 60 + 12 * pos), 1u);  // naming slot 1
+    EXPECT_TRUE(w.validate());
+  }
   // A restart with nothing prepared announces nothing.
   Writer again(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
   again.attach();
