@@ -16,6 +16,9 @@ class QuarnMem {
   QuarnMem(Jorv::DebugHandler& dh, std::string const& rootPath, std::string const& fileName,
            bool local);
 
+  // The mode of the files this object creates from now on (Mem::Shared); ignored when local.
+  void fileModeIs(unsigned mode);
+
   // File path, or "[ANONYMOUS]".
   std::string name() const { return region_->name(); }
   bool local() const noexcept { return local_; }
@@ -50,6 +53,7 @@ class QuarnMem {
   std::string stagedName() const;
 
   bool local_;
+  unsigned fileMode_ = Mem::defaultFileMode;
   std::string rootPath_;
   std::string fileName_;
   bool staged_ = false;

@@ -39,10 +39,10 @@
 #include "Kiv/Timer.h"
 #include "Quarn/ConquerReader.h"
 #include "Quarn/Exceptions.h"
+#include "Quarn/Fenix.h"
 #include "Quarn/QuarnBase.h"
 #include "Quarn/QuarnReader.h"
 #include "Quarn/ShadowStore.h"
-#include "Quarn/Util.h"
 
 namespace Quarn {
 

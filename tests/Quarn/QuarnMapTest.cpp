@@ -12,8 +12,8 @@
 #include <filesystem>
 
 #include "Quarn/ConquerTable.h"
+#include "Quarn/Files.h"
 #include "Quarn/SlotTable.h"
-#include "Quarn/Util.h"
 #include "QuarnMapFixture.h"
 
 using namespace QuarnTest;
@@ -446,6 +446,28 @@ TEST_F(QuarnMapFixture, DamagedOrDeletedFenixFileIsRewrittenByTheWriter) {
   auto late = map(QuarnType::reader);
   ASSERT_TRUE(runUntil([&] { return trace.contains("damaged or missing, cannot mount"); }));
   EXPECT_FALSE(late->fullyAttached());
+}
+
+// Every file of a table gets the mode its writer asks for, exactly (the umask narrows nothing):
+// by default readable by all and writable by the owner.
+TEST_F(QuarnMapFixture, TableFilesTakeTheWritersMode) {
+  auto const modes = [&] {
+    std::vector<unsigned> out;
+    for (char const* name : {"slots", "buckets", "conquer.1", "conquer.2", "fenix", "last-owner"}) {
+      struct stat st {};
+      out.push_back(::stat((root() + "/" + name).c_str(), &st) == 0 ? st.st_mode & 07777 : 0);
+    }
+    return out;
+  };
+  mode_t const umask = ::umask(077);
+  auto writer = map(QuarnType::writer);
+  EXPECT_EQ(modes(), std::vector<unsigned>(6, 0644));
+  writer->cleanup();
+  writer = std::make_unique<Map>(table, &recorder, tmp.path(), activity);
+  writer->fileModeIs(0640);
+  writer->init(QuarnType::writer, false, 100);
+  EXPECT_EQ(modes(), std::vector<unsigned>(6, 0640));
+  ::umask(umask);
 }
 
 }  // namespace

@@ -11,7 +11,8 @@
 #include <cstring>
 
 #include "Cli.h"
-#include "Quarn/Util.h"
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 
 namespace Quarnctl {
 namespace {

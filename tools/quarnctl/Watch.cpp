@@ -7,7 +7,7 @@
 #include <cstdio>
 
 #include "Commands.h"
-#include "Quarn/Util.h"
+#include "Quarn/Files.h"
 #include "WatchTable.h"
 
 namespace Quarnctl {
