@@ -5,10 +5,13 @@ all:
 	cmake --preset default >/dev/null && cmake --build --preset default
 
 # The main job: the agent simulation (RP/DF publisher, agent restarted halfway, reader) across
-# processes. DEMO_ARGS=--short for a run of a few seconds.
+# processes. It stays alive after its summary until Ctrl-C, so that quarnctl can look at its
+# tables (it prints two command lines to try). DEMO_ARGS=--short for a run of a few seconds;
+# DEMO_KEEP= to end right after the summary.
+DEMO_KEEP ?= --keep
 demo:
-	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_agent
-	./build/release/tools/bidir_agent $(DEMO_ARGS)
+	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_agent $(if $(wildcard tools/quarnctl),quarnctl)
+	./build/release/tools/bidir_agent $(DEMO_KEEP) $(DEMO_ARGS)
 
 # The engine alone: one writer and two readers of one table across processes.
 engine-demo:

@@ -143,6 +143,7 @@ int Agent::run() {
   ::signal(SIGINT, SIG_IGN);  // Ctrl-C reaches the process group: the supervisor handles it
   // The configuration channel from the start: what arrives during the restart review waits in
   // clearQueue_ until the driver is ready.
+  tellDoing(reportFd_, Role::agent, "attaching to the configuration and the RP/DF tables");
   clearLogRead();
   configCollWatcher_->notifierIs(configs_);
   clearCollWatcher_->notifierIs(clears_);
@@ -163,12 +164,16 @@ int Agent::run() {
   send(reportFd_, ready);
   // A first start waits for the reader to attach, so that its first full pass over the tables
   // does not race the churn; a restarted agent goes on at once.
+  if (!restarted) tellDoing(reportFd_, Role::agent, "waiting for the reader to attach");
   while (!restarted && !go_ && !stopReceived_) {
     activity_.runOnce(0.05);
     actOnClears();
   }
+  tellDoing(reportFd_, Role::agent, kAgentChurning);
   churn();
+  tellDoing(reportFd_, Role::agent, "applying the last DF moves and configuration");
   finish(stop_);
+  tellDoing(reportFd_, Role::agent, "stopped, serving its tables");
   for (;;) activity_.runOnce(-1);  // serve the readers until the supervisor goes
 }
 
@@ -178,9 +183,17 @@ void Agent::restore() {
   std::uint32_t const recordsBefore = quarn_->groupIntfCount();
   writer_ = Bidir::Quarn::groupQuarnWriterSmFactory(status_, quarn_);
   double const start = now();
+  tellDoing(reportFd_, Role::agent, "reconciling: taking its state back from the tables");
   restart_ = Bidir::Quarn::groupQuarnRestartSmFactory(status_, quarn_,
                                                       KivQuarn::KivQuarnType::writer, clock_);
-  while (!status_->initialized()) activity_.runOnce(0.05);
+  for (double nextReport = start; !status_->initialized();) {
+    activity_.runOnce(0.05);
+    if (now() >= nextReport) {
+      Report const r = report(Report::progress);
+      send(reportFd_, r);
+      nextReport = now() + 0.25;
+    }
+  }
   Report r = report(Report::reconciled);
   r.reconcileSeconds = now() - start;
   auto const& slices = clock_->slices();
@@ -196,6 +209,7 @@ void Agent::restore() {
 
 // A first start: every group with all its interfaces, then the writer exports the whole state.
 void Agent::build() {
+  tellDoing(reportFd_, Role::agent, "building its groups and exporting them");
   for (std::uint32_t g = 0; g < options_.groups; ++g) createGroup(g);
   status_->initializedIs(true);
   writer_ = Bidir::Quarn::groupQuarnWriterSmFactory(status_, quarn_);

@@ -148,24 +148,41 @@ class Supervisor {
     }
   }
 
-  // Runs the activity until the run ends (stop, failure, SIGINT/SIGTERM) and stops every child.
-  // Returns 130 when interrupted and 1 on a failure, each said on stdout; 0 when the derived
-  // class goes on to its summary.
+  // Runs the activity until the run ends (stop, failure, SIGINT/SIGTERM). Returns 130 when
+  // interrupted and 1 on a failure, each said on stdout, with every child stopped; 0 when the
+  // derived class goes on to its summary, the children still running (they serve their tables
+  // until keepUntilInterrupted() or the destructor stops them).
   int runToEnd() {
     loopForSignals = &loop_;
     loop_.run();
     loopForSignals = nullptr;
     double const elapsed = since();
-    stopAll();
+    progress_.cancel();
+    giveUp_.cancel();
     if (interrupted) {
+      stopAll();
       std::printf("\ninterrupted after %.1f s: processes stopped, files removed\n", elapsed);
       return 130;
     }
     if (!error_.empty()) {
+      stopAll();
       std::printf("FAILED: %s\n", error_.c_str());
       return 1;
     }
     return 0;
+  }
+  // After the summary: the children go on serving until SIGINT/SIGTERM, then stop. Returns
+  // false, having said why, when a child ended or failed meanwhile.
+  bool keepUntilInterrupted() {
+    loopForSignals = &loop_;
+    if (!interrupted) loop_.run();
+    loopForSignals = nullptr;
+    stopAll();
+    if (!error_.empty()) {
+      std::printf("FAILED while kept: %s\n", error_.c_str());
+      return false;
+    }
+    return true;
   }
   double since() const { return Kiv::Activity::now() - start_; }
 
