@@ -4,14 +4,19 @@
 agent=$1
 out=$(mktemp)
 trap 'rm -f "$out"' EXIT
-fail() { cat "$out"; echo "FAILED: $*"; exit 1; }
+fail() {
+  kill -9 "$pid" 2>/dev/null
+  cat "$out"
+  echo "FAILED: $*"
+  exit 1
+}
 
 "$agent" --short --quiet --keep >"$out" 2>&1 &
 pid=$!
 deadline=$(($(date +%s) + 90))
 until grep -q "stays alive until Ctrl-C" "$out"; do
   kill -0 "$pid" 2>/dev/null || fail "ended before keeping its root"
-  if [ "$(date +%s)" -ge "$deadline" ]; then kill -9 "$pid"; fail "no summary in 90 s"; fi
+  [ "$(date +%s)" -lt "$deadline" ] || fail "no summary in 90 s"
   sleep 0.2
 done
 grep -q "EQUAL" "$out" || fail "the reader did not end equal to the agent"

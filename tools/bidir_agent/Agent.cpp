@@ -86,9 +86,7 @@ Agent::~Agent() {
 
 void Agent::onCommand() {
   Command c;
-  if (!receive(commandFd_, c)) {
-    std::_Exit(0);  // the supervisor is gone (it removes the files)
-  }
+  if (!receive(commandFd_, c)) DemoSupport::supervisorGone();
   if (c.op == Command::go) go_ = true;
   if (c.op == Command::stop) {
     stopReceived_ = true;

@@ -533,6 +533,7 @@ int supervise(Options const& options) {
 int child(Role role, Options const& options, std::string const& root) {
   int const reportFd = 3, commandFd = 4;
   try {
+    DemoSupport::dieWithSupervisor(root);
     switch (role) {
       case Role::rpdf:
         return runRpDf(options, reportFd, commandFd);

@@ -99,7 +99,7 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   Command command;
   bool verify = false;
   Kiv::FdWatch commands(activity, commandFd, EPOLLIN, [&](std::uint32_t) {
-    if (!receive(commandFd, command)) std::_Exit(0);
+    if (!receive(commandFd, command)) DemoSupport::supervisorGone();
     verify = verify || command.op == Command::verify;
   });
   auto report = [&](Report::Kind kind) {
