@@ -1,5 +1,5 @@
 # Thin wrappers over the CMake presets; see README.md.
-.PHONY: all demo engine-demo test test-asan test-tsan bench fuzz install clean
+.PHONY: all demo engine-demo test test-asan test-tsan bench fuzz install packaging-check clean
 
 all:
 	cmake --preset default >/dev/null && cmake --build --preset default
@@ -40,6 +40,19 @@ FUZZ_SECONDS ?= 300
 fuzz:
 	cmake --preset fuzz >/dev/null && cmake --build --preset fuzz
 	fuzz/run.sh $(FUZZ_SECONDS)
+
+# The library, its headers, its CMake package (find_package(BidirPim)) and its pkg-config file
+# (bidirpim.pc), under PREFIX (default /usr/local), from the release build. INSTALL_PRESET=default
+# installs the test build instead (it is already built after make test).
+PREFIX ?= /usr/local
+INSTALL_PRESET ?= release
+install:
+	cmake --preset $(INSTALL_PRESET) >/dev/null && cmake --build --preset $(INSTALL_PRESET) --target bidirpim
+	cmake --install build/$(INSTALL_PRESET) --prefix $(PREFIX)
+
+# The two examples built out of tree against an installed copy, both ways, run against each other.
+packaging-check:
+	.ci/packaging
 
 clean:
 	rm -rf build
