@@ -163,10 +163,7 @@ int Agent::run() {
   // A first start waits for the reader to attach, so that its first full pass over the tables
   // does not race the churn; a restarted agent goes on at once.
   if (!restarted) tellDoing(reportFd_, Role::agent, "waiting for the reader to attach");
-  while (!restarted && !go_ && !stopReceived_) {
-    activity_.runOnce(0.05);
-    actOnClears();
-  }
+  while (!restarted && !go_ && !stopReceived_) turn(0.05);
   tellDoing(reportFd_, Role::agent, kAgentChurning);
   churn();
   tellDoing(reportFd_, Role::agent, "applying the last DF moves and configuration");
@@ -334,6 +331,12 @@ void Agent::upstream() {
   touched_.clear();
 }
 
+void Agent::turn(double timeout) {
+  activity_.runOnce(timeout);
+  applyDfMoves();
+  actOnClears();
+}
+
 void Agent::expiryChanged() {
   Kiv::Ptr<Bidir::Config const> config = configWatcher_->notifier();
   std::uint16_t const v =
@@ -359,8 +362,7 @@ void Agent::finish(Command const& stop) {
     return configured();
   };
   while (!applied() && now() < deadline) {
-    activity_.runOnce(0.01);
-    actOnClears();
+    turn(0.01);
     upstream();
   }
   upstream();

@@ -7,9 +7,10 @@
 //   Churn.cpp   the churn: protocol events, timers, groups going and coming, DF moves;
 //   Clears.cpp  clear requests and the on-disk record that makes them survive a SIGKILL.
 //
-// Every handler runs on the process's one activity; notifiees only record what they heard (or
-// apply it at once when nothing can fail), so a failure is thrown from the driver's own loop and
-// ends the run instead of being swallowed by a notification walk.
+// Every handler runs on the process's one activity. Notifiees only record what they heard; the
+// driver's loops act on it (turn()), so that a failure (a table that cannot be written, a
+// record that cannot be kept) is thrown from the driver and ends the run instead of being
+// swallowed by a notification walk.
 
 #include <cstdint>
 #include <deque>
@@ -61,10 +62,10 @@ class Agent {
     void onGroup(Lanx::IpGenAddr const&) override { ++changes; }
     void onGroupIntf(Bidir::GroupIntfKey const&) override { ++changes; }
   };
-  // Hears the DF election's table.
+  // Hears the DF election's table; the driver's loop applies the move.
   struct DfWatcher final : RpaRpfStatus::NotifieeConst {
     Agent* agent = nullptr;
-    void onRpaRpf(Lanx::IpGenAddr const& rpa) override { agent->dfChanged(rpa); }
+    void onRpaRpf(Lanx::IpGenAddr const&) override { agent->dfMoved_ = true; }
   };
   // The VRF's configuration and clear requests as the attribute log applies them. A member that
   // appears (or comes again with a resynchronisation) is watched from then on.
@@ -110,6 +111,9 @@ class Agent {
   void touched(std::uint32_t g);
   void upstream();
   void expiryChanged();
+  // One turn of the driver's loops: the activity for at most `timeout` seconds, then what the
+  // notifiees recorded.
+  void turn(double timeout);
   double expirySeconds() const { return expiry_ * kExpiryUnitSeconds; }
   void finish(Command const& stop);
   void onCommand();
@@ -124,7 +128,7 @@ class Agent {
   void idle(std::uint32_t g, double t);
   void expireGroups(double t);
   void deleteGroup(std::uint32_t g, double t);
-  void dfChanged(Lanx::IpGenAddr const& rpa);
+  void applyDfMoves();
   void dfApply(std::uint32_t r, std::uint16_t rpf);
   // Clears.cpp
   void clearRequested();
@@ -192,6 +196,7 @@ class Agent {
   bool nextGroupGoes_ = true;
   double nextGroupChurn_ = 0;
   std::uint64_t dfMoves_ = 0;
+  bool dfMoved_ = false;  // the RPA-RPF table changed since applyDfMoves() last looked
 
   // Configuration. Clear requests heard and not yet acted on wait in clearQueue_ until the
   // driver is ready (after the restart review the Status is the previous life's) and its loop

@@ -47,8 +47,7 @@ void Agent::churn() {
     groupChurn(t);
     expireGroups(t);
     upstream();
-    activity_.runOnce(exported_->changes - base >= due ? 0.0002 : 0);
-    actOnClears();
+    turn(exported_->changes - base >= due ? 0.0002 : 0);
     if (t >= nextReport) {
       Report r = report(Report::progress);
       send(reportFd_, r);
@@ -178,12 +177,12 @@ void Agent::deleteGroup(std::uint32_t g, double t) {
   lastGoneAt_ = t;
 }
 
-// A DF election moved: the interface toward the RPA changed. This router stops being the DF
-// on the new RPF interface and becomes the DF on the old one, for every group of that RP.
-void Agent::dfChanged(Lanx::IpGenAddr const& rpa) {
-  for (std::uint32_t r = 0; r < options_.rps; ++r) {
-    if (rpAddr(r) == rpa) dfApply(r, publishedRpf(r));
-  }
+// A DF election moved: the interface toward an RPA changed. This router stops being the DF on
+// the new RPF interface and becomes the DF on the old one, for every group of that RP.
+void Agent::applyDfMoves() {
+  if (!dfMoved_) return;
+  dfMoved_ = false;
+  for (std::uint32_t r = 0; r < options_.rps; ++r) dfApply(r, publishedRpf(r));
 }
 
 void Agent::dfApply(std::uint32_t r, std::uint16_t rpf) {
