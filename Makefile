@@ -9,8 +9,10 @@ all:
 # tables (it prints two command lines to try). DEMO_ARGS=--short for a run of a few seconds;
 # DEMO_KEEP= to end right after the summary.
 DEMO_KEEP ?= --keep
+# The operator's tool, built with the demonstration and installed with the library.
+INSTALLED_TOOLS = $(if $(wildcard tools/quarnctl),quarnctl)
 demo:
-	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_agent $(if $(wildcard tools/quarnctl),quarnctl)
+	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_agent $(INSTALLED_TOOLS)
 	./build/release/tools/bidir_agent $(DEMO_KEEP) $(DEMO_ARGS)
 
 # The engine alone: one writer and two readers of one table across processes.
@@ -47,7 +49,7 @@ fuzz:
 PREFIX ?= /usr/local
 INSTALL_PRESET ?= release
 install:
-	cmake --preset $(INSTALL_PRESET) >/dev/null && cmake --build --preset $(INSTALL_PRESET) --target bidirpim
+	cmake --preset $(INSTALL_PRESET) >/dev/null && cmake --build --preset $(INSTALL_PRESET) --target bidirpim $(INSTALLED_TOOLS)
 	cmake --install build/$(INSTALL_PRESET) --prefix $(PREFIX)
 
 # The two examples built out of tree against an installed copy, both ways, run against each other.
