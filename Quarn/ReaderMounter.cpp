@@ -1,6 +1,7 @@
 #include "Quarn/ReaderMounter.h"
 
-#include "Quarn/Util.h"
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 
 namespace Quarn {
 

@@ -116,7 +116,9 @@ class Status : public Kiv::Entity {
 
   // "group" -> 5000 and "groupIntf" -> 500000: what a writer sizes the tables for.
   KivQuarn::MountInfo writerMountInfo() const;
-  // Mounts both tables in `mode` (shared), sized by writerMountInfo().
+  // Mounts both tables in `mode` (shared), sized by writerMountInfo(). A writer creates their
+  // files with the mode its control handles give (QuarnMap::fileModeIs, before mounting; by
+  // default readable by all, writable by the owner).
   void mount(::Quarn::QuarnType mode);
 
   // Passes a change of this entity's parent on to both tables (see KivQuarn::KivQuarnMap); runs
