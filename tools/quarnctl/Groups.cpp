@@ -113,6 +113,22 @@ struct GroupRecords {
   std::vector<Bidir::Quarn::GroupIntf> intfs;
 };
 
+// Orders `records` by keyOf(record) and keeps one record per key, the one read last: a pass over
+// a live table meets a record twice when the writer moves it to a later slot meanwhile, and the
+// later copy is the newer one.
+template <class Record, class KeyOf>
+void sortKeepingLast(std::vector<Record>& records, KeyOf keyOf) {
+  auto const before = [&](Record const& a, Record const& b) { return keyOf(a) < keyOf(b); };
+  std::stable_sort(records.begin(), records.end(), before);
+  auto kept = records.begin();
+  for (auto it = records.begin(); it != records.end(); ++it) {
+    if (std::next(it) != records.end() && !before(*it, *std::next(it))) continue;
+    if (kept != it) *kept = std::move(*it);
+    ++kept;
+  }
+  records.erase(kept, records.end());
+}
+
 // The groups (all, or the one `only` names) ordered by address, each with its interfaces. What
 // the table reader takes in: a key whose record is the default record is absent (an absent key
 // looks up as that record), and an interface whose group has no record is left out.
@@ -125,8 +141,8 @@ std::vector<GroupRecords> readGroups(Context& ctx, Lanx::IpGenAddr const* only) 
     if (r != Bidir::Quarn::Group() && (only == nullptr || r.key == *only))
       groups.push_back({r, {}});
   });
-  std::sort(groups.begin(), groups.end(),
-            [](GroupRecords const& a, GroupRecords const& b) { return a.group.key < b.group.key; });
+  sortKeepingLast(
+      groups, [](GroupRecords const& g) -> auto const& { return g.group.key; });
   struct AddrHash {
     std::size_t operator()(Lanx::IpGenAddr const& a) const noexcept { return a.hash(); }
   };
@@ -145,8 +161,7 @@ std::vector<GroupRecords> readGroups(Context& ctx, Lanx::IpGenAddr const* only) 
     if (r != Bidir::Quarn::GroupIntf()) last->intfs.push_back(r);
   });
   for (GroupRecords& g : groups) {
-    std::sort(g.intfs.begin(), g.intfs.end(),
-              [](auto const& a, auto const& b) { return a.key.intfId() < b.key.intfId(); });
+    sortKeepingLast(g.intfs, [](Bidir::Quarn::GroupIntf const& r) { return r.key.intfId(); });
   }
   return groups;
 }
