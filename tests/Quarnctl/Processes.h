@@ -50,7 +50,8 @@ std::map<std::string, FileState> snapshot(std::string const& root);
 
 // The writer child: "state" builds a whole Bidir state (groups, interfaces, the RP hash and
 // RPA-RPF tables) exported by GroupQuarnWriterSm and writes what it computes from it to
-// <root>/expected; "table" writes the group table alone and obeys `put ADDR INACTIVE` and
+// <root>/expected, and obeys `orphan ADDR` (an interface record of group ADDR, which has none);
+// "table" writes the group table alone and obeys `put ADDR INACTIVE` and
 // `del ADDR`. Each answers "ready" once its tables are written and "ok" after each command.
 class Writer {
  public:

@@ -133,6 +133,7 @@ std::multiset<std::string> lines(std::string const& path) {
 
 TEST_F(Quarnctl, GroupsMatchTheWritersOwnStatusComputedValuesIncluded) {
   Writer writer(children, "state", root.path());
+  writer.command("orphan 239.2.9.1");  // a reader leaves it out: no group, no interface
   std::multiset<std::string> seen;
   for (Json const& g : json({"groups"})) {
     std::string const addr = g["group"].s;
@@ -161,6 +162,7 @@ TEST_F(Quarnctl, GroupsMatchTheWritersOwnStatusComputedValuesIncluded) {
   ASSERT_EQ(one.size(), 1u);
   EXPECT_EQ(one[0]["interfaces"].items.size(), kIntfs);
   EXPECT_EQ(run({"group", "239.2.9.9"}).exitCode, 1);
+  EXPECT_EQ(run({"group", "239.2.9.1"}).exitCode, 1);
 }
 
 // The slot flags word and the header's occupiedSlots of the table in `dir`, planted or read.
