@@ -105,7 +105,21 @@ void MounterSm::arm() {
     }
     wd_ = wd;
     watched_ = path;
-    if (path == rootPath_ || !isDirectory(nextOnPath(path, rootPath_))) {
+    if (path == rootPath_) {
+      // The watch and the identity must name one directory: one replaced between the two calls
+      // would leave the watch on a directory that no longer has the name.
+      struct stat st {};
+      if (::stat(path.c_str(), &st) == 0) {
+        rootDev_ = st.st_dev;
+        rootIno_ = st.st_ino;
+        int const again = ::inotify_add_watch(inotifyFd_, path.c_str(), rootMask);
+        if (again == wd) {
+          KIV_TRACE(trace(), 5, "MounterSm::arm() root:", rootPath_, " watching:", watched_);
+          return;
+        }
+        if (again >= 0) ::inotify_rm_watch(inotifyFd_, again);
+      }
+    } else if (!isDirectory(nextOnPath(path, rootPath_))) {
       KIV_TRACE(trace(), 5, "MounterSm::arm() root:", rootPath_, " watching:", watched_);
       return;
     }
@@ -113,6 +127,11 @@ void MounterSm::arm() {
     wd_ = -1;
   }
   throw Jorv::RuntimeException("MounterSm::arm() cannot place a stable watch for " + rootPath_);
+}
+
+bool MounterSm::rootReplaced() const {
+  struct stat st {};
+  return ::stat(rootPath_.c_str(), &st) != 0 || st.st_dev != rootDev_ || st.st_ino != rootIno_;
 }
 
 void MounterSm::handleReadable() {
@@ -132,7 +151,9 @@ void MounterSm::handleReadable() {
       }
       if (ev->wd != wd_) continue;  // a watch given up earlier
       std::string name = ev->len > 0 ? std::string(ev->name) : std::string();
-      bool const selfGone = ev->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED);
+      bool const selfGone =
+          (ev->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) ||
+          (rootWasWatched && rootReplaced());
       if (rootWasWatched && !selfGone) {
         if (!(ev->mask & IN_ISDIR) && !name.empty() && !deliver(name)) return;
         continue;

@@ -10,11 +10,17 @@
 // - `rootWatched` ("root-watched"): the root directory exists and is watched from now on, so
 //   every later change produces an event. Delivered once after construction if the directory
 //   exists, and again whenever it appears (files may already be in it: re-read them).
-// - `rootRemoved` ("root-removed"): the root directory was removed or moved away.
+// - `rootRemoved` ("root-removed"): the root directory was removed or moved away, or another
+//   directory took its place. The kernel tells of a removed directory only once nothing refers to
+//   it any more, and a reader's own mappings of the files that were in it do; so every event is
+//   also checked against the identity (device, inode) of the directory the watch was placed on,
+//   and a directory replaced under the watch is reported removed without waiting for the kernel.
 //
 // The root directory need not exist: the nearest existing ancestor is watched instead and the
 // watch moves down as the missing directories appear. Everything is driven by inotify on the
 // activity; nothing polls. The handler may destroy the MounterSm.
+
+#include <sys/types.h>
 
 #include <functional>
 #include <memory>
@@ -46,6 +52,8 @@ class MounterSm {
 
  private:
   void arm();
+  // True when the path no longer names the directory the watch was placed on.
+  bool rootReplaced() const;
   void handleReadable();
   // Calls the handler; false if the handler destroyed this object.
   bool deliver(std::string const& eventName);
@@ -55,6 +63,9 @@ class MounterSm {
   int inotifyFd_ = -1;
   int wd_ = -1;
   std::string watched_;
+  // Identity of the watched root directory (meaningful while watchingRoot()).
+  dev_t rootDev_ = 0;
+  ino_t rootIno_ = 0;
   Kiv::FdWatch fdWatch_;
   Kiv::Timer initialEvent_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

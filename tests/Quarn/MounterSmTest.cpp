@@ -100,6 +100,31 @@ TEST_F(MounterFixture, RootRemovedAndRecreated) {
   EXPECT_EQ(std::count(events.begin(), events.end(), "slots"), 0);
 }
 
+// A reader's mapping of a file of the old directory keeps that directory alive, so the kernel
+// does not say it was removed until the mapping goes; the reader unmaps only once told. The
+// replacement must be seen from the directory's identity instead.
+TEST_F(MounterFixture, RootReplacedWhileAFileOfItIsStillOpenIsReportedRemoved) {
+  std::string root = tmp.path() + "/table";
+  fs::create_directory(root);
+  writeFile(root + "/slots", "old");
+  auto m = mounter(root);
+  ASSERT_TRUE(waitFor(MounterSm::rootWatched));
+  events.clear();
+  std::FILE* held = std::fopen((root + "/slots").c_str(), "r");  // as a mapping holds it
+  ASSERT_NE(held, nullptr);
+  fs::remove_all(root);
+  fs::create_directory(root);
+  writeFile(root + "/slots", "new");
+  bool const removed = waitFor(MounterSm::rootRemoved);
+  std::fclose(held);
+  ASSERT_TRUE(removed);
+  ASSERT_TRUE(
+      runUntil(activity, [&] { return m->watchingRoot() && seen(MounterSm::rootWatched); }));
+  events.clear();
+  writeFile(root + "/buckets", "b");
+  ASSERT_TRUE(waitFor("buckets"));  // the new directory is the one watched
+}
+
 TEST_F(MounterFixture, HandlerMayDestroyTheMounter) {
   std::unique_ptr<MounterSm> m;
   int calls = 0;
