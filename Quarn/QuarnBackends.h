@@ -130,6 +130,7 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   // Attaches to the incarnation named by the fenix file, reports every key it holds (a
   // re-attach may follow a new writer whose entries differ), then follows the queue.
   bool initialize() override {
+    this->initFailure_.clear();
     std::string const& root = reader_.rootPath();
     std::uint32_t const fenix = FenixFile::read(root);
     std::string error;
@@ -146,6 +147,7 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
       }
     }
     KIV_TRACE(dh_, 3, error);
+    this->initFailure_ = error;
     detach();
     return false;
   }

@@ -13,8 +13,9 @@ bool attachWholeFile(Mem::Shared& mem, char const* who, std::string& error) {
     return false;
   }
   if (!mem.attachReadOnly()) {
+    int const cause = errno;
     error = std::string(who) + "cannot attach to shmem size:" + std::to_string(mem.sizeOnDisk()) +
-            " " + mem.path();
+            " " + mem.path() + ": " + std::strerror(cause);
     return false;
   }
   return true;
@@ -41,7 +42,7 @@ char const* BucketReader::bucket(std::uint32_t b) const {
   if (b >= numBuckets_) {
     std::ostringstream os;
     os << "BucketReader::getRef() out-of-range, index:" << b << " max:" << numBuckets_;
-    KIV_TRACE(dh_, 0, os.str());
+    KIV_TRACE(dh_, 1, os.str());
     throw CorruptionDetectedException(os.str());
   }
   return BucketTable::bucket(mem_.base(), b);
@@ -93,13 +94,19 @@ bool SlotReader::doResize() {
     if (!h->validate(mem_.mappedSize(), fenix_, error)) {
       if (Mem::Atomics::highWord(h->numSlotsUnit()) != n && attempt < 64) continue;
       std::string text = "SlotReader::doResize() header corruption, " + error;
-      KIV_TRACE(dh_, 0, text);
+      KIV_TRACE(dh_, 1, text);
       throw CorruptionDetectedException(text);
     }
     numSlots_ = n;
     KIV_TRACE(dh_, 5, "SlotReader::doResize() successful");
     return true;
   }
+}
+
+std::string SlotReader::valueTypeName() const {
+  char name[SlotTable::nameSize];
+  Mem::Atomics::copyFromShared(name, header()->valueTypeName, sizeof name);
+  return std::string(name, strnlen(name, sizeof name));
 }
 
 void SlotReader::detach() noexcept {
@@ -112,7 +119,7 @@ char const* SlotReader::slot(std::uint32_t i) const {
     std::ostringstream os;
     os << "SlotReader::Slots::operator[] out-of-range index:" << i
        << " max:" << std::int64_t(numSlots_) - 1;
-    KIV_TRACE(dh_, 0, os.str());
+    KIV_TRACE(dh_, 1, os.str());
     throw CorruptionDetectedException(os.str());
   }
   return SlotTable::slot(mem_.base(), slotSize_, i);

@@ -241,21 +241,27 @@ char const* QuarnShadow<Key, Wrapper>::stateWord(State s) noexcept {
 template <class Key, class Wrapper>
 bool QuarnShadow<Key, Wrapper>::initialize() {
   teardown();
+  std::string& why = this->initFailure_;
+  why.clear();
   std::string const& root = reader_.rootPath();
   std::uint32_t const fenix = FenixFile::read(root);
   std::string error;
   if (fenix == 0 || !reader_.initialize(fenix, error)) {
-    KIV_TRACE(dh_, 1, "QuarnShadow::initialize() quarn.initialize() Failed ",
-              fenix == 0 ? "no fenix in " + root : error);
+    why = "QuarnShadow::initialize() quarn.initialize() Failed " +
+          (fenix == 0 ? "no fenix in " + root : error);
   } else if (!conquer_.initialize(fenix, error)) {
-    KIV_TRACE(dh_, 1, "QuarnShadow::initialize() conquer_.initialize() Failed ", error);
+    why = "QuarnShadow::initialize() conquer_.initialize() Failed " + error;
   } else if (store_ != nullptr &&
              !store_->initialize(fenix, reader_.numBuckets(), reader_.numSlots())) {
-    // the store traced why
+    why = std::string(mode_ == QuarnType::shadow ? "ShadowStore" : "KeyShadowStore") +
+          "::initialize() cannot map private memory for " + std::to_string(reader_.numSlots()) +
+          " slots";
   } else {
     KIV_TRACE(dh_, 3, "QuarnShadow::initialize() Synchronizing into local shadow.");
     if (doInitialize()) return true;
+    why = "QuarnShadow::initialize() first pass over " + root + " stopped";
   }
+  KIV_TRACE(dh_, 1, why);
   teardown();
   state_ = State::notConnected;
   return false;

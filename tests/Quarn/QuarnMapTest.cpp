@@ -164,12 +164,18 @@ TEST_F(QuarnMapFixture, CorruptionReportMakesWriterValidate) {
   auto reader = map(QuarnType::reader, false, 100, 3600);
   ASSERT_TRUE(runUntil([&] { return reader->fullyAttached(); }));
 
+  std::string const report = "slot 3 looks odd (fenixId:" + std::to_string(writer->fenixId()) + ")";
   reader->corruptionDetected("slot 3 looks odd");
-  EXPECT_EQ(Quarn::Util::fileRead(root() + "/corruption-detected"), "slot 3 looks odd");
+  EXPECT_EQ(Quarn::Util::fileRead(root() + "/corruption-detected"), report);
   ASSERT_TRUE(
       runUntil([&] { return trace.contains("WriterMounter::notify() quarn validation ok"); }));
-  EXPECT_TRUE(trace.contains("WriterMounter::notify() corruptDetected: slot 3 looks odd"));
+  EXPECT_TRUE(trace.contains("WriterMounter::notify() corruptDetected: " + report));
   EXPECT_TRUE(reader->fullyAttached());
+  // Once per incident: the same report again is neither traced nor written.
+  ASSERT_EQ(::unlink((root() + "/corruption-detected").c_str()), 0);
+  reader->corruptionDetected("slot 3 looks odd");
+  EXPECT_FALSE(std::filesystem::exists(root() + "/corruption-detected"));
+  EXPECT_EQ(trace.errors("QuarnMap::corruptionDetected() slot 3 looks odd"), 1u);
 
   // The reader meets the damage in a lookup, answers absent and reports it by itself.
   std::uint32_t const fenix = writer->fenixId();
@@ -419,6 +425,81 @@ TEST_F(QuarnMapFixture, DamagedOrDeletedFenixFileIsRewrittenByTheWriter) {
   auto late = map(QuarnType::reader);
   ASSERT_TRUE(runUntil([&] { return trace.contains("damaged or missing, cannot mount"); }));
   EXPECT_FALSE(late->fullyAttached());
+}
+
+// A record of another size, and one of the same size under another name.
+struct WideRecord {
+  static constexpr char const* typeName = "QuarnTest::WideRecord";
+  TestKey key;
+  std::uint32_t value[8] = {};
+};
+struct OtherRecord {
+  static constexpr char const* typeName = "QuarnTest::OtherRecord";
+  TestKey key;
+  std::uint32_t fields[5] = {};
+};
+static_assert(sizeof(OtherRecord) == sizeof(TestRecord));
+
+// A reading table that waits says why: in its mount status at once, and at error level once the
+// reason has held for the longest retry delay (the remount interval, 0.05 s here), once for each
+// reason however often it retries.
+TEST_F(QuarnMapFixture, WaitingReaderSaysWhyOnceAtErrorLevel) {
+  auto reader = map(QuarnType::reader);
+  auto waitsSaying = [&](std::string const& why) {
+    return runUntil([&] {
+      std::string const status = reader->mountStatus();
+      std::size_t const waiting = status.find(" waiting: ");
+      return waiting != std::string::npos && status.find(why, waiting) != std::string::npos &&
+             trace.errors(why) == 1;
+    });
+  };
+  EXPECT_TRUE(waitsSaying("no table t in " + tmp.path()));
+  {
+    Quarn::QuarnMap<TestKey, KivQuarn::KivQuarnMapValueWrapper<WideRecord, TestKey>> wide(
+        table, nullptr, tmp.path(), activity);
+    wide.init(QuarnType::writer, false, 100);
+    EXPECT_TRUE(waitsSaying("slotSize:56 wanted valueSize:28"));
+    std::uint32_t const retries = reader->remountTimeouts();
+    ASSERT_TRUE(runUntil([&] { return reader->remountTimeouts() >= retries + 5; }));
+    EXPECT_EQ(trace.errors("slotSize:56 wanted valueSize:28"), 1u);
+    wide.cleanup();
+  }
+  {
+    Quarn::QuarnMap<TestKey, KivQuarn::KivQuarnMapValueWrapper<OtherRecord, TestKey>> other(
+        table, nullptr, tmp.path(), activity);
+    other.init(QuarnType::writer, false, 100);
+    EXPECT_TRUE(waitsSaying("value typename:QuarnTest::OtherRecord wanted:QuarnTest::TestRecord"));
+    other.cleanup();
+  }
+  auto writer = map(QuarnType::writer);
+  ASSERT_TRUE(runUntil([&] { return reader->fullyAttached(); }));
+  EXPECT_EQ(reader->mountStatus().find("waiting"), std::string::npos);
+  EXPECT_EQ(trace.errors("no table t in"), 1u);
+}
+
+// A table its reader may not read is named as such, not waited on in silence.
+TEST_F(QuarnMapFixture, ReaderWithoutAccessSaysPermissionDenied) {
+  auto writer = map(QuarnType::writer);
+  ASSERT_EQ(::chmod(tmp.path().c_str(), 0755), 0);
+  ASSERT_EQ(::chmod((root() + "/slots").c_str(), 0600), 0);
+  std::string const why = "permission denied: " + root() + "/slots";
+  auto readerSays = [&] {
+    auto reader = map(QuarnType::reader);
+    return runUntil(
+        [&] { return reader->mountStatus().find(" waiting: " + why) != std::string::npos; });
+  };
+  if (::geteuid() != 0) {
+    EXPECT_TRUE(readerSays());
+    return;
+  }
+  pid_t const child = ::fork();  // root reads everything: the reader runs as nobody
+  if (child == 0) {
+    bool const ok = ::setgid(65534) == 0 && ::setuid(65534) == 0 && readerSays();
+    std::_Exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 }  // namespace
