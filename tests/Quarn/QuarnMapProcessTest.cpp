@@ -104,7 +104,8 @@ TEST_F(QuarnMapFixture, ReaderProcessCannotChangeTheSharedFiles) {
 
 // What a consumer process holds, sent to the parent whenever it changes: whether its front is
 // mounted, and a digest of the copy it keeps from notifications alone (each reported key is
-// looked up through its front, then stored or dropped).
+// looked up through its front, then stored or dropped; of a direct reader, the part of it that
+// the table holds).
 struct View {
   pid_t pid = 0;
   std::uint32_t attached = 0;
@@ -147,9 +148,14 @@ int consumerChild(std::string const& arg) {
     bool found = false;
     TestWrapper w = map->safeLookup(TestKey{1, 1}, found);
     Quarn::IterHint hint;
+    std::map<TestKey, std::uint32_t> held;  // the keys of the copy that the table holds
     for (bool more = map->first(w, hint); more; more = map->next(w.key, w, hint)) {
+      if (model.count(w.key) != 0) held[w.key] = model[w.key];
     }
-    View const now{::getpid(), map->fullyAttached(), digestOf(model)};
+    // A direct reader cannot report every removal (its contract): what counts is that every key
+    // of the table is in the copy, right.
+    View const now{::getpid(), map->fullyAttached(),
+                   digestOf(QuarnType(mode) == QuarnType::reader ? held : model)};
     if (now != sent) (void)!::write(fd, &(sent = now), sizeof now);
   }
 }
@@ -212,7 +218,8 @@ std::string ended(int pidfd) {
 // truncates the slot, bucket or notification file under them: nobody dies of SIGBUS, the direct
 // reader reports the damage, and the writer, without a restart, re-formats its table with the
 // records it can still trust (none of a truncated slot file, all of the others) and brings
-// every consumer back to exactly its table; the write after the damage succeeds.
+// every consumer back to its table (the shadows exactly; the direct reader with every key of the
+// table right); the write after the damage succeeds.
 TEST(QuarnMapProcess, TablesTruncatedUnderReaderProcessesAndTheirWriterAreRecovered) {
   TempRoot tmp;
   std::string const root = tmp.path() + "/" + QuarnMapFixture::table;
