@@ -109,7 +109,8 @@ class QuarnReader {
   void detach();
   bool attached() const noexcept { return slots_.attached() && buckets_.attached(); }
 
-  Wrapper doLookup(Key const& key, bool& found);
+  // The value of `key`; with `slotIndex`, also the slot it was found in.
+  Wrapper doLookup(Key const& key, bool& found, std::uint32_t* slotIndex = nullptr);
   // The first entry in bucket order from `bucket` on.
   bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint);
   // The entry after `key` in iteration order (`key` may have been removed meanwhile).
@@ -255,7 +256,8 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
 }
 
 template <class Key, class Wrapper>
-Wrapper QuarnReader<Key, Wrapper>::doLookup(Key const& key, bool& found) {
+Wrapper QuarnReader<Key, Wrapper>::doLookup(Key const& key, bool& found,
+                                            std::uint32_t* slotIndex) {
   Wrapper out{};
   found = false;
   if (!buckets_.attached()) {
@@ -268,6 +270,7 @@ Wrapper QuarnReader<Key, Wrapper>::doLookup(Key const& key, bool& found) {
                 "QuarnReader::doLookup() corrupt key detected, key:"});
   checkIntact();
   if (!found) out = Wrapper{};
+  if (found && slotIndex != nullptr) *slotIndex = slot;
   return out;
 }
 

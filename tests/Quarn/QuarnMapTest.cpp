@@ -521,4 +521,30 @@ TEST_F(QuarnMapFixture, ReaderWithoutAccessSaysPermissionDenied) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
+// A key shadow's lookup answers the writer's current record before its notification arrives,
+// and the key it handed out is reported again when it goes, even when its slot was reused by
+// then: the consumer never keeps a key the table lost.
+TEST_F(Consumers, KeyShadowLookupsSeeTheWriterAndReportWhatTheyHandedOut) {
+  auto writer = map(QuarnType::writer);
+  std::map<TestKey, std::uint32_t> truth;
+  for (std::uint32_t i = 0; i < 10; ++i) {
+    writer->safeWrite(record(1, i, i));
+    truth[TestKey{i, 1}] = i;
+  }
+  ASSERT_TRUE(runUntil([&] { return equalTo(truth); }));
+  Consumer& keys = *all[2];
+  ASSERT_EQ(keys.map->mode(), QuarnType::keyshadow);
+  writer->safeWrite(record(3, 7, 70));
+  bool found = false;
+  TestWrapper const w = keys.map->safeLookup(TestKey{7, 3}, found);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(w.value, 70u);
+  keys.model[TestKey{7, 3}] = 70;  // as a consumer that looked it up for another key's sake
+  writer->safeRemove(TestKey{7, 3});
+  writer->safeWrite(record(4, 8, 80));  // into the slot 7/3 had
+  truth[TestKey{8, 4}] = 80;
+  ASSERT_TRUE(
+      runUntil([&] { return keys.map->sequence() == writer->sequence() && keys.model == truth; }));
+}
+
 }  // namespace
