@@ -1,14 +1,19 @@
 # Thin wrappers over the CMake presets; see README.md.
-.PHONY: all demo engine-demo test test-asan test-tsan bench fuzz install clean
+.PHONY: all demo engine-demo test test-asan test-tsan bench fuzz install packaging-check clean
 
 all:
 	cmake --preset default >/dev/null && cmake --build --preset default
 
 # The main job: the agent simulation (RP/DF publisher, agent restarted halfway, reader) across
-# processes. DEMO_ARGS=--short for a run of a few seconds.
+# processes. It stays alive after its summary until Ctrl-C, so that quarnctl can look at its
+# tables (it prints two command lines to try). DEMO_ARGS=--short for a run of a few seconds;
+# DEMO_KEEP= to end right after the summary.
+DEMO_KEEP ?= --keep
+# The operator's tool, built with the demonstration and installed with the library.
+INSTALLED_TOOLS = $(if $(wildcard tools/quarnctl),quarnctl)
 demo:
-	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_agent
-	./build/release/tools/bidir_agent $(DEMO_ARGS)
+	cmake --preset release >/dev/null && cmake --build --preset release --target bidir_agent $(INSTALLED_TOOLS)
+	./build/release/tools/bidir_agent $(DEMO_KEEP) $(DEMO_ARGS)
 
 # The engine alone: one writer and two readers of one table across processes.
 engine-demo:
@@ -37,6 +42,19 @@ FUZZ_SECONDS ?= 300
 fuzz:
 	cmake --preset fuzz >/dev/null && cmake --build --preset fuzz
 	fuzz/run.sh $(FUZZ_SECONDS)
+
+# The library, its headers, its CMake package (find_package(BidirPim)) and its pkg-config file
+# (bidirpim.pc), under PREFIX (default /usr/local), from the release build. INSTALL_PRESET=default
+# installs the test build instead (it is already built after make test).
+PREFIX ?= /usr/local
+INSTALL_PRESET ?= release
+install:
+	cmake --preset $(INSTALL_PRESET) >/dev/null && cmake --build --preset $(INSTALL_PRESET) --target bidirpim $(INSTALLED_TOOLS)
+	cmake --install build/$(INSTALL_PRESET) --prefix $(PREFIX)
+
+# The two examples built out of tree against an installed copy, both ways, run against each other.
+packaging-check:
+	.ci/packaging
 
 clean:
 	rm -rf build

@@ -54,6 +54,7 @@ std::unique_ptr<Kiv::NboAttrLog::Server> configurationServe(
     Kiv::Activity& activity, std::string const& path, Kiv::Ptr<ConfigColl> const& configs,
     Kiv::Ptr<ClearConfigColl> const& clears, Kiv::NboAttrLog::Endpoint::Options options) {
   attrLogTypesRegister();
+  options.peers = Kiv::NboAttrLog::Endpoint::Peers::readers;  // agents only read
   auto server = std::make_unique<Kiv::NboAttrLog::Server>(activity, path, options);
   server->serve(configs);
   server->serve(clears);

@@ -73,6 +73,8 @@ class ClearConfigColl::KivNboAttrLogSa final : public Kiv::NboAttrLog::Sa<ClearC
 void attrLogTypesRegister();
 
 // The configuration side: serves `configs` and `clears` to every agent that connects to `path`.
+// Agents only read: a peer may not create or change anything here (options.peers is always
+// Peers::readers), and one that tries is refused and disconnected (Kiv/NboAttrLogTransport.h).
 std::unique_ptr<Kiv::NboAttrLog::Server> configurationServe(
     Kiv::Activity& activity, std::string const& path, Kiv::Ptr<ConfigColl> const& configs,
     Kiv::Ptr<ClearConfigColl> const& clears,

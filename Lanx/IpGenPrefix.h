@@ -44,5 +44,9 @@ static_assert(sizeof(IpGenPrefix) == 24 && alignof(IpGenPrefix) == 4);
 static_assert(std::is_trivially_copyable_v<IpGenPrefix> && std::is_standard_layout_v<IpGenPrefix>);
 
 std::ostream& operator<<(std::ostream& os, IpGenPrefix const& prefix);
+// The prefix's text inside a value's text form: the same as toString().
+inline Kiv::String8 valueToStrep(IpGenPrefix const& prefix) {
+  return prefix.toString();
+}
 
 }  // namespace Lanx

@@ -8,9 +8,11 @@
 #include <signal.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 namespace Mem {
@@ -22,6 +24,7 @@ struct Guard {
   std::atomic<bool> used{false};
   std::atomic<std::uintptr_t> begin{0};  // 0: no mapping registered
   std::atomic<std::uintptr_t> end{0};
+  std::atomic<int> fd{-1};  // the mapped file's descriptor, open while begin is set
   std::atomic<bool> damaged{false};
 };
 constexpr int maxGuards = 4096;  // beyond that, mappings are simply not guarded
@@ -31,21 +34,38 @@ std::uintptr_t guardPageSize = 4096;
 std::once_flag sigbusInstalled;
 std::atomic<std::uint64_t> damageEvents{0};  // lock-free: incremented by the handler
 
-void onSigbus(int sig, siginfo_t* info, void* context) {
-  auto const addr = reinterpret_cast<std::uintptr_t>(info->si_addr);
+// Answers a fault at `addr` past the end of the file of a registered mapping; false for any
+// other fault. Async-signal-safe (fstat, mmap).
+bool discardPastEnd(std::uintptr_t addr) {
   for (Guard& g : guards) {
     std::uintptr_t const begin = g.begin.load(std::memory_order_acquire);
     if (begin == 0 || addr < begin) continue;
     std::uintptr_t const end = g.end.load(std::memory_order_relaxed);
     if (addr >= end) continue;
-    std::uintptr_t const page = addr & ~(guardPageSize - 1);
-    void* p = ::mmap(reinterpret_cast<void*>(page), end - page, PROT_READ | PROT_WRITE,
+    // A page that still holds a byte of the file faulted for another reason (no page to be had,
+    // an I/O error): that is not truncation.
+    struct stat st {};
+    if (::fstat(g.fd.load(std::memory_order_relaxed), &st) != 0) return false;
+    std::uintptr_t const offset = (addr & ~(guardPageSize - 1)) - begin;
+    auto const fileSize = static_cast<std::uintptr_t>(st.st_size);
+    if (fileSize > offset) return false;
+    // fileSize <= offset < end - begin: the rounding cannot overflow.
+    std::uintptr_t const from = begin + ((fileSize + guardPageSize - 1) & ~(guardPageSize - 1));
+    void* p = ::mmap(reinterpret_cast<void*>(from), end - from, PROT_READ | PROT_WRITE,
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
-    if (p == MAP_FAILED) break;
+    if (p == MAP_FAILED) return false;
     g.damaged.store(true, std::memory_order_relaxed);
     damageEvents.fetch_add(1, std::memory_order_relaxed);
-    return;
+    return true;
   }
+  return false;
+}
+
+void onSigbus(int sig, siginfo_t* info, void* context) {
+  int const savedErrno = errno;
+  bool const answered = discardPastEnd(reinterpret_cast<std::uintptr_t>(info->si_addr));
+  errno = savedErrno;
+  if (answered) return;
   // Not a truncated table file: whatever handled SIGBUS before decides.
   if ((previousSigbus.sa_flags & SA_SIGINFO) && previousSigbus.sa_sigaction != nullptr) {
     previousSigbus.sa_sigaction(sig, info, context);
@@ -69,6 +89,21 @@ std::size_t fileSize(int fd) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) return 0;
   return static_cast<std::size_t>(st.st_size);
+}
+
+// Reserves the bytes [from, to) of the file, extending it to `to` when it is shorter; errno set
+// on failure. A file system that cannot reserve (EOPNOTSUPP) is only extended.
+bool reserve(int fd, std::size_t from, std::size_t to) {
+  if (to <= from) return true;
+  int error;
+  do {
+    error = ::posix_fallocate(fd, static_cast<off_t>(from), static_cast<off_t>(to - from));
+  } while (error == EINTR);
+  if (error == EOPNOTSUPP) {
+    return fileSize(fd) >= to || ::ftruncate(fd, static_cast<off_t>(to)) == 0;
+  }
+  errno = error;
+  return error == 0;
 }
 
 }  // namespace
@@ -97,6 +132,34 @@ bool makeDirs(std::string const& dir) {
   return true;
 }
 
+std::string errorText(int error) {
+  std::string text = std::strerror(error);
+  if (!text.empty()) text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
+  return text;
+}
+
+int openOrCreate(std::string const& path, unsigned mode, bool& created) {
+  // Two rounds: a file removed between the two opens is created in the second.
+  for (int round = 0; round < 2; ++round) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    created = fd >= 0;
+    if (fd < 0 && errno == EEXIST) fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+      if (errno == ENOENT) continue;
+      return -1;
+    }
+    if (created && ::fchmod(fd, mode) != 0) {
+      int const error = errno;
+      ::close(fd);
+      ::unlink(path.c_str());
+      errno = error;
+      return -1;
+    }
+    return fd;
+  }
+  return -1;
+}
+
 std::string defaultRootDir() {
   char const* env = std::getenv("QUARN_ROOT");
   if (env != nullptr && *env != '\0') return env;
@@ -121,8 +184,9 @@ void Region::unmap() noexcept {
 
 // ---- Shared
 
-Shared::Shared(std::string fileName, std::string rootDir)
-    : path_((rootDir.empty() ? defaultRootDir() : rootDir) + "/" + fileName) {}
+Shared::Shared(std::string fileName, std::string rootDir, unsigned fileMode)
+    : path_((rootDir.empty() ? defaultRootDir() : rootDir) + "/" + fileName),
+      fileMode_(fileMode) {}
 
 Shared::~Shared() {
   detach();
@@ -166,6 +230,7 @@ void Shared::guard() noexcept {
     if (guard_ < 0) return;
   }
   Guard& g = guards[guard_];
+  g.fd.store(fd_, std::memory_order_relaxed);
   g.end.store(reinterpret_cast<std::uintptr_t>(base_) + size_, std::memory_order_relaxed);
   g.begin.store(reinterpret_cast<std::uintptr_t>(base_), std::memory_order_release);
 }
@@ -178,7 +243,9 @@ bool Shared::mapFd(int fd, std::size_t bytes, bool writable) {
   void* p =
       ::mmap(nullptr, bytes, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
   if (p == MAP_FAILED) {
+    int const error = errno;
     ::close(fd);
+    errno = error;
     return false;
   }
   detach();
@@ -191,21 +258,39 @@ bool Shared::mapFd(int fd, std::size_t bytes, bool writable) {
 }
 
 bool Shared::attach(std::size_t bytes) {
-  if (bytes == 0) return false;
+  if (bytes == 0) {
+    errno = EINVAL;
+    return false;
+  }
   if (!makeDirs(path_.substr(0, path_.rfind('/')))) return false;
-  int const fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  // A file created here goes again when its space cannot be had.
+  bool created = false;
+  int const fd = openOrCreate(path_, fileMode_, created);
   if (fd < 0) return false;
-  if (fileSize(fd) < bytes && ::ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
+  if (!reserve(fd, 0, bytes)) {
+    int const error = errno;
+    if (created) ::unlink(path_.c_str());
     ::close(fd);
+    errno = error;
     return false;
   }
   return mapFd(fd, bytes, true);
 }
 
 bool Shared::resize(std::size_t bytes) {
-  if (base_ == nullptr || readOnly_ || bytes == 0 || fd_ < 0) return false;
+  if (base_ == nullptr || readOnly_ || bytes == 0 || fd_ < 0) {
+    errno = EINVAL;
+    return false;
+  }
   std::size_t const oldFile = fileSize(fd_);
-  if (::ftruncate(fd_, static_cast<off_t>(bytes)) != 0) return false;
+  bool const sized = bytes > oldFile ? reserve(fd_, oldFile, bytes)
+                                     : ::ftruncate(fd_, static_cast<off_t>(bytes)) == 0;
+  if (!sized) {
+    int const error = errno;
+    if (fileSize(fd_) != oldFile) (void)::ftruncate(fd_, static_cast<off_t>(oldFile));
+    errno = error;
+    return false;
+  }
   unguard();
   bool const moved = remap(bytes);
   guard();

@@ -17,17 +17,28 @@
 // file through it, never through its path: the path may meanwhile name another file (deleted
 // and re-created), and growing a mapping by another file's size would fault on the first access.
 //
+// Space. A file system that hands out pages when they are first touched (tmpfs) lets
+// ftruncate succeed without space, and the page that cannot be had arrives later as SIGBUS on a
+// store. `attach` and `resize` therefore reserve every byte they map (posix_fallocate on the
+// descriptor), so that a full file system fails the call with ENOSPC and a mapping never faults
+// for lack of space. Only a file system that cannot reserve at all (EOPNOTSUPP) is extended with
+// ftruncate alone.
+//
 // Truncation under a mapping. Another process may shrink a mapped file at any time (damage,
 // a re-format); touching a page past the new end raises SIGBUS. Invariant: no access to a
 // `Shared` mapping ends the process because of that. The first mapping installs, once per
-// process, a SIGBUS handler. A fault whose address lies in a registered `Shared` mapping is
-// answered by mapping private zero pages (MAP_FIXED, read-write) from the faulting page to the
-// mapping's end, and the mapping is marked damaged; the faulting access then completes on zeros.
-// Any other SIGBUS goes to the handler that was installed before (the default one re-raises it
-// fatally). Owners check `damaged()` after reading and treat a damaged mapping as corrupt: it
-// holds zeros, not the file. The registry is a fixed array of atomics so that the handler takes
-// no lock and allocates nothing; a mapping's entry is cleared before the mapping changes and
-// set after it, by the thread that uses the mapping (the only one that can fault in it).
+// process, a SIGBUS handler. A fault in a registered `Shared` mapping at a page that lies wholly
+// past the end of the file, as fstat on the mapping's own descriptor reports it at that moment,
+// is truncation: the handler maps private zero pages (MAP_FIXED, read-write) from the first page
+// past the end of the file to the mapping's end and marks the mapping damaged; the faulting
+// access then completes on zeros. Every other SIGBUS is not truncation and is not papered over:
+// outside the registered mappings, or inside the file (a page the file system could not supply,
+// an I/O error), it goes to the handler that was installed before (the default one ends the
+// process). Owners check `damaged()` after reading and treat a damaged mapping as corrupt: it
+// holds zeros, not the file. The handler is async-signal-safe: it calls only fstat and mmap,
+// keeps errno, and reads a fixed array of atomics (no lock, no allocation). A mapping's entry is
+// cleared before the mapping changes and set after it, by the thread that uses the mapping (the
+// only one that can fault in it); its descriptor stays open while the entry is set.
 //
 // `Mem::Local` is the same interface over private anonymous memory (grown with mremap); its name
 // prints as "[ANONYMOUS]" and it has no existence before it is mapped.
@@ -38,6 +49,10 @@
 
 namespace Mem {
 
+// The mode of files created unless their writer chooses another: readable by all, writable by
+// the owner.
+inline constexpr unsigned defaultFileMode = 0644;
+
 // The size of one memory page.
 std::size_t pageSize() noexcept;
 // `bytes` rounded up to a whole number of pages.
@@ -45,8 +60,14 @@ std::size_t roundUpToWholePage(std::size_t bytes) noexcept;
 // The directory that holds shared table files unless a caller names another: $QUARN_ROOT when
 // set and not empty, else "/dev/shm/quarn".
 std::string defaultRootDir();
-// Creates `dir` and its missing parents (existing ones are fine). False on failure.
+// Creates `dir` and its missing parents (existing ones are fine). False on failure (errno set).
 bool makeDirs(std::string const& dir);
+// The text of an errno value for messages, first letter in lower case ("no space left on
+// device").
+std::string errorText(int error);
+// Opens `path` read-write (close-on-exec), creating it when missing with `mode` exactly (the
+// umask does not narrow it); `created` tells which. -1 on failure (errno set).
+int openOrCreate(std::string const& path, unsigned mode, bool& created);
 // How many faults past the end of a file the truncation handler has answered in this process.
 // An owner of mappings compares it with the count it saw last: while it has not moved, none of
 // its mappings can have become damaged, and checking costs one relaxed load.
@@ -63,10 +84,11 @@ class Region {
   // Size of the backing object before or while mapped; 0 when it does not exist.
   virtual std::size_t sizeOnDisk() const = 0;
   // Maps `bytes` read-write, creating the object when missing and extending it when it is
-  // smaller (never shrinking it). Replaces an earlier mapping. False on failure (errno kept).
+  // smaller (never shrinking it), with the space of every mapped byte reserved. Replaces an
+  // earlier mapping. False on failure (errno kept: ENOSPC when the space cannot be had).
   virtual bool attach(std::size_t bytes) = 0;
-  // Changes the object's size to `bytes` and remaps it; the base may move. On failure the old
-  // mapping and size stay as they were.
+  // Changes the object's size to `bytes` (the added bytes reserved) and remaps it; the base may
+  // move. On failure (errno kept) the old mapping and size stay as they were.
   virtual bool resize(std::size_t bytes) = 0;
   // Unmaps; the object stays.
   virtual void detach() noexcept = 0;
@@ -99,8 +121,11 @@ class Region {
 
 class Shared final : public Region {
  public:
-  // The file `fileName` in directory `rootDir` (empty: `defaultRootDir()`).
-  explicit Shared(std::string fileName, std::string rootDir = {});
+  // The file `fileName` in directory `rootDir` (empty: `defaultRootDir()`). A file that `attach`
+  // creates gets `fileMode` exactly (the umask does not narrow it); an existing file keeps its
+  // own.
+  explicit Shared(std::string fileName, std::string rootDir = {},
+                  unsigned fileMode = defaultFileMode);
   ~Shared() override;
 
   std::string name() const override { return path_; }
@@ -133,6 +158,7 @@ class Shared final : public Region {
   void unguard() noexcept;
 
   std::string path_;
+  unsigned fileMode_;
   bool readOnly_ = false;
   int fd_ = -1;
   int guard_ = -1;  // entry in the truncation registry, -1 when none

@@ -2,12 +2,16 @@
 
 #include <ostream>
 
+#include "Kiv/ValueText.h"
+
 namespace Routing::Pim {
 
+Kiv::String8 valueToStrep(Rpf const& rpf) {
+  return Kiv::valueTypeToStrep(rpf);
+}
+
 std::ostream& operator<<(std::ostream& os, Rpf const& rpf) {
-  return os << "Rpf(intf=" << rpf.intfId << ", neighbor=" << rpf.neighbor << ", addr=" << rpf.addr
-            << ", prefix=" << rpf.prefix << ", metric=" << rpf.metric
-            << ", metricPreference=" << rpf.metricPreference << ")";
+  return os << valueToStrep(rpf);
 }
 
 }  // namespace Routing::Pim

@@ -10,12 +10,13 @@
 namespace Quarn {
 
 ConquerReader::ConquerReader(Jorv::DebugHandler& dh, std::string rootPath, Kiv::Activity* activity,
-                             std::function<void()> onNotify)
+                             std::function<void()> onNotify, double pollInterval)
     : dh_(dh),
       rootPath_(std::move(rootPath)),
       activity_(activity),
       onNotify_(std::move(onNotify)),
-      mem_{Mem::Shared("conquer.1", rootPath_), Mem::Shared("conquer.2", rootPath_)} {}
+      mem_{Mem::Shared("conquer.1", rootPath_), Mem::Shared("conquer.2", rootPath_)},
+      pollInterval_(activity != nullptr ? pollInterval : 0) {}
 
 ConquerReader::~ConquerReader() = default;
 
@@ -58,7 +59,16 @@ bool ConquerReader::initialize(std::uint32_t fenix, std::string& error) {
     break;
   }
   drained_ = sleeping_ = outOfSync_ = false;
-  if (activity_ != nullptr) {
+  if (polling()) {
+    // Re-armed before the owner runs: the owner may detach (and so destroy the timer) inside.
+    poll_ = std::make_unique<Kiv::Timer>(
+        [this] {
+          poll_->armIn(pollInterval_);
+          if (onNotify_) onNotify_();
+        },
+        *activity_);
+    poll_->armIn(pollInterval_);
+  } else if (activity_ != nullptr) {
     kick_ = std::make_unique<ReaderKickSm>(
         rootPath_,
         ReaderKickSm::Handlers{[this](bool c, std::uint32_t n) { handleConnected(c, n); },
@@ -77,6 +87,7 @@ bool ConquerReader::initialize(std::uint32_t fenix, std::string& error) {
 
 void ConquerReader::detach() {
   kick_.reset();
+  poll_.reset();
   mem_[0].detach();
   mem_[1].detach();
 }

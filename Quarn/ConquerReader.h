@@ -25,6 +25,11 @@
 // Wake-up: with an activity, the reader connects a ReaderKickSm; `conquer()` acknowledges its
 // position, and announces sleep when it has drained the queue, so the writer kicks it (the
 // `onNotify` handler) after its next append.
+//
+// Polling instead (`pollInterval` > 0, with an activity): no wake-up channel; `onNotify` runs
+// every `pollInterval` seconds while attached. Such a reader is invisible to the writer: not
+// counted, acknowledging nothing, holding back no prune, so it may find the queue pruned past
+// it (outOfSync) and its owner re-reads the table. Nothing it does changes the table's files.
 
 #include <cstdint>
 #include <functional>
@@ -33,6 +38,7 @@
 
 #include "Jorv/Platform.h"
 #include "Kiv/Activity.h"
+#include "Kiv/Timer.h"
 #include "Mem/Shared.h"
 #include "Quarn/ConquerTable.h"
 #include "Quarn/ReaderKickSm.h"
@@ -47,7 +53,7 @@ class ConquerReader {
 
   // `activity` nullptr: no wake-up channel (the owner polls or is driven otherwise).
   ConquerReader(Jorv::DebugHandler& dh, std::string rootPath, Kiv::Activity* activity,
-                std::function<void()> onNotify = {});
+                std::function<void()> onNotify = {}, double pollInterval = 0);
   ~ConquerReader();
 
   // Maps and validates both tables against `fenix`, positions at the end of the queue (the
@@ -76,6 +82,7 @@ class ConquerReader {
   bool outOfSync() const noexcept { return outOfSync_; }
   void outOfSyncIs(bool v) noexcept { outOfSync_ = v; }
   ReaderKickSm* kick() const noexcept { return kick_.get(); }
+  bool polling() const noexcept { return pollInterval_ > 0; }
 
  private:
   ConquerTable::Header const* header(std::uint32_t t) const noexcept {
@@ -106,7 +113,9 @@ class ConquerReader {
   bool drained_ = false;
   bool sleeping_ = false;
   bool outOfSync_ = false;
+  double pollInterval_;
   std::unique_ptr<ReaderKickSm> kick_;
+  std::unique_ptr<Kiv::Timer> poll_;  // while attached and polling
 };
 
 }  // namespace Quarn

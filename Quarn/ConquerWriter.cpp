@@ -102,6 +102,11 @@ void ConquerWriter::prepare(std::uint32_t s) {
   ConquerTable::setEntry(ConquerTable::entry(base(current_), e.pos), sequence_ + 1, s);
 }
 
+void ConquerWriter::makeRoom() {
+  Extent const e = extent(current_, "prepare");
+  if (e.pos >= e.capacity) compact();
+}
+
 bool ConquerWriter::announcePrepared() {
   Extent const e = extent(current_, "announcePrepared");
   if (e.pos >= e.capacity) return false;
@@ -162,6 +167,15 @@ void ConquerWriter::notify(std::uint32_t s) {
 }
 
 std::uint64_t ConquerWriter::prune() {
+  std::uint64_t const next = pruneTarget();
+  if (next > minSeq()) {
+    Mem::Atomics::store64Release(&header(0)->minSeq, next);
+    ++counters_.prunes;
+  }
+  return next;
+}
+
+std::uint64_t ConquerWriter::pruneTarget() const {
   std::uint64_t const old = minSeq();
   if (waitingForReaders_) {
     KIV_TRACE(dh_, 5, "ConquerWriter::prune() cannot prune, waiting for readers");
@@ -177,8 +191,6 @@ std::uint64_t ConquerWriter::prune() {
   if (next <= old) return old;
   KIV_TRACE(dh_, 5, "ConquerWriter::prune() pruning up to minSeq:", next, " (old minSeq:", old,
             ") current sequence: ", sequence_);
-  Mem::Atomics::store64Release(&header(0)->minSeq, next);
-  ++counters_.prunes;
   return next;
 }
 
@@ -202,8 +214,17 @@ std::uint32_t ConquerWriter::prunePosition(std::uint64_t min, std::uint32_t end)
 void ConquerWriter::compact() {
   KIV_TRACE(dh_, 5, "ConquerWriter::compact() compacting ", tableWord(current_), " table");
   std::uint32_t const end = extent(current_, "compact").pos;
-  std::uint64_t const min = prune();
+  std::uint64_t const min = pruneTarget();
   std::uint32_t const cut = prunePosition(min, end);
+  // The other table grows before anything changes: a growth that cannot get its space leaves
+  // both tables, minSeq and every conquerSlot as they were (the change that needed the room
+  // fails, the table stays valid).
+  std::uint32_t pruned = 0;
+  for (std::uint32_t p = 0; p < cut; ++p) pruned += entrySlot(p) != noIndex;
+  std::uint32_t const other = 1 - current_;
+  std::uint32_t const live = liveCount_ - std::min(pruned, liveCount_);
+  if (extent(other, "compact").capacity < 2 * std::uint64_t(live)) grow(other, live);
+  prune();
   for (std::uint32_t p = 0; p < cut; ++p) {
     std::uint32_t const s = entrySlot(p);
     if (s == noIndex) continue;
@@ -211,8 +232,6 @@ void ConquerWriter::compact() {
     slots_.conquerSlotIs(s, noIndex);  // range-checks s
     --liveCount_;
   }
-  std::uint32_t const other = 1 - current_;
-  if (extent(other, "compact").capacity < 2 * std::uint64_t(liveCount_)) grow(other);
   std::uint32_t const room = extent(other, "compact").capacity;
   Mem::Atomics::store32Release(&header(other)->currentPos, 0);
   char* const from = base(current_);
@@ -239,21 +258,27 @@ void ConquerWriter::compact() {
   ++counters_.compactions;
 }
 
-void ConquerWriter::grow(std::uint32_t t) {
+void ConquerWriter::grow(std::uint32_t t, std::uint32_t live) {
   std::uint32_t const old = extent(t, "grow").capacity;
-  std::size_t const bytes = ConquerTable::headerSize + 24 * std::size_t(liveCount_);
-  std::size_t const wanted =
-      2 * std::size_t(liveCount_) + (Mem::roundUpToWholePage(bytes) - bytes) / 12;
+  std::size_t const bytes = ConquerTable::headerSize + 24 * std::size_t(live);
+  std::size_t const wanted = 2 * std::size_t(live) + (Mem::roundUpToWholePage(bytes) - bytes) / 12;
   if (wanted <= old) return;
   auto const capacity = static_cast<std::uint32_t>(wanted);
   std::size_t const size = ConquerTable::fileSize(capacity);
   char* const oldBase = mem_[t].base();
   if (!mem_[t].resize(size)) {
+    std::string const cause = Mem::errorText(errno);
+    // An error once per incident: while growth keeps failing, each retry is a warning.
+    KIV_TRACE(dh_, growFailing_ ? 1 : 0,
+              "ConquerWriter::grow() failed to resize shared memory to size ", size,
+              " - the system may be out of memory. ", mem_[t].name(), ": ", cause);
+    growFailing_ = true;
     std::ostringstream os;
-    os << "ConquerWriter::grow() failed to resize shared memory to size " << size;
-    KIV_TRACE(dh_, 0, os.str());
-    throw Jorv::MemoryResourceException(os.str());
+    os << "ConquerWriter::grow() Quarn table full (live notifications:" << live
+       << " capacity:" << old << ") " << mem_[t].name() << ": " << cause;
+    throw TableFullException(os.str());
   }
+  growFailing_ = false;
   if (mem_[t].base() != oldBase) {
     KIV_TRACE(dh_, 5, "ConquerWriter::grow() remap base address changed from ",
               static_cast<void*>(oldBase), " to ", static_cast<void*>(mem_[t].base()));

@@ -46,6 +46,12 @@ class ConquerWriter {
   // Maps table `tableId` (0 or 1), keeping it when its fenix matches and `force` is false.
   // Returns true when kept.
   bool attachConquer(std::uint32_t tableId, std::uint32_t fenix, bool force);
+  // Maps table `tableId` read-only, as it is (see QuarnWriter::inspect). False when it is
+  // missing or cannot be mapped.
+  bool inspect(std::uint32_t tableId, std::uint32_t fenix) {
+    fenix_ = fenix;
+    return mem_[tableId].attachReadOnly();
+  }
   // After both tables were attached: take over the current table, sequence and live count that
   // the files hold (fresh values for fresh files).
   void restore();
@@ -60,17 +66,27 @@ class ConquerWriter {
   // announces that slot (`announcePrepared`): readers that stay attached across the restart
   // would otherwise never hear of the change.
   void prepare(std::uint32_t slotIndex);
+  // Room for one more entry in the current table, compacting first when it is full. Called
+  // before a change takes a new slot, so that a compaction that fails (TableFullException) has
+  // touched nothing of the slot table either.
+  void makeRoom();
   // Records a change of slot `slotIndex`. Throws CorruptionDetectedException when the slot's
   // conquerSlot contradicts the table.
   void notify(std::uint32_t slotIndex);
   // On files kept from a writer that ended: announces the slot of an entry it prepared and did
   // not publish. True when there was one.
   bool announcePrepared();
+  // Copies the live entries the readers still need into the other table and makes it current.
+  // Throws TableFullException, with nothing changed, when the other table cannot grow to hold
+  // them.
   void compact();
   // Raises minSeq as far as the readers allow; returns it.
   std::uint64_t prune();
-  // Makes table `tableId` hold at least twice the live entries, in whole pages.
-  void grow(std::uint32_t tableId);
+  // Makes table `tableId` hold at least twice `live` entries (by default the live ones), in
+  // whole pages. Throws TableFullException when the file cannot grow (no space left on the file
+  // system, say); the table is unchanged then.
+  void grow(std::uint32_t tableId) { grow(tableId, liveCount_); }
+  void grow(std::uint32_t tableId, std::uint32_t live);
 
   void updateNumReaders();
   std::uint32_t numReaders() const;
@@ -116,6 +132,10 @@ class ConquerWriter {
   std::uint32_t liveCount() const noexcept { return liveCount_; }
   ConquerCounters const& counters() const noexcept { return counters_; }
   QuarnMem const& mem(std::uint32_t tableId) const noexcept { return mem_[tableId]; }
+  // The mode of the files created from now on (QuarnMem::fileModeIs).
+  void fileModeIs(unsigned mode) {
+    for (QuarnMem& mem : mem_) mem.fileModeIs(mode);
+  }
 
  private:
   // A table's capacity and currentPos, checked against its mapping; throws
@@ -126,6 +146,8 @@ class ConquerWriter {
   };
   Extent extent(std::uint32_t tableId, char const* op) const;
   bool validateHeader(std::uint32_t tableId, std::uint32_t fenix, std::string& error) const;
+  // The minSeq that `prune` would store now.
+  std::uint64_t pruneTarget() const;
   std::uint32_t prunePosition(std::uint64_t minSeq, std::uint32_t end) const;
   [[noreturn]] void corruption(std::string const& text) const;
 
@@ -138,6 +160,7 @@ class ConquerWriter {
   std::uint64_t sequence_ = 0;
   std::uint32_t liveCount_ = 0;
   bool waitingForReaders_ = false;
+  bool growFailing_ = false;  // the last growth failed
   ConquerCounters counters_;
 };
 

@@ -31,12 +31,14 @@
 #include "Mem/Shared.h"
 #include "Quarn/ConquerReader.h"
 #include "Quarn/Exceptions.h"
+#include "Quarn/Fenix.h"
 #include "Quarn/QuarnBase.h"
 #include "Quarn/QuarnReader.h"
 #include "Quarn/QuarnShadow.h"
 #include "Quarn/QuarnWriter.h"
-#include "Quarn/Util.h"
+#include "Quarn/RootPath.h"
 #include "Quarn/WriterKickSm.h"
+#include "Quarn/WriterLock.h"
 
 namespace Quarn {
 
@@ -46,25 +48,28 @@ using CorruptionHandler = std::function<void(std::string const& text)>;
 template <class Key, class Wrapper>
 class WriterBackend final : public QuarnBase<Key, Wrapper> {
  public:
-  // A shared writer creates its root directory and listens for readers at once; raises
-  // Jorv::Exception when that fails.
+  // A shared writer takes the table's writer lock first (a second writer of the table is refused
+  // before it touches anything, its wake-up socket included), then creates its root directory
+  // and listens for readers; raises Jorv::Exception when any of that fails. Files it creates get
+  // `fileMode`.
   WriterBackend(Jorv::DebugHandler& dh, std::string const& name, std::uint32_t size, bool isLocal,
-                std::string const& className, std::string const& rootDir, Kiv::Activity& activity)
-      : dh_(dh),
+                std::string const& className, std::string const& rootDir, Kiv::Activity& activity,
+                unsigned fileMode = Mem::defaultFileMode)
+      : lock_(isLocal ? Util::AutoLock()
+                      : Util::AutoLock(RootPath(name, rootDir).str(), fileMode)),
         kick_(isLocal ? nullptr : makeKick(RootPath(name, rootDir).str(), activity)),
-        writer_(dh, name, size, isLocal, className, kick_.get(), rootDir) {}
+        writer_(dh, name, size, isLocal, className, kick_.get(), rootDir, fileMode) {
+    writer_.writerLockIs(std::move(lock_));
+  }
 
   QuarnWriter<Key, Wrapper>& writer() noexcept { return writer_; }
 
   QuarnType type() const override { return QuarnType::writer; }
+  // Attaches the writer; its failures (another live writer, no space for the files) pass to the
+  // caller with their cause.
   bool initialize() override {
-    try {
-      writer_.attach();
-      return true;
-    } catch (Jorv::Exception const& e) {
-      KIV_TRACE(dh_, 0, "QuarnWriter::attach() failed: ", e.what());
-      return false;
-    }
+    writer_.attach();
+    return true;
   }
   // The files stay for the next writer; this object is dropped by its front.
   void detach() override {}
@@ -106,7 +111,7 @@ class WriterBackend final : public QuarnBase<Key, Wrapper> {
         [this](std::uint32_t) { writer_.conquer().updateNumReaders(); }, activity);
   }
 
-  Jorv::DebugHandler& dh_;
+  Util::AutoLock lock_;  // until the writer takes it
   std::unique_ptr<WriterKickSm> kick_;
   mutable QuarnWriter<Key, Wrapper> writer_;  // its read accessors are not const
 };
@@ -114,13 +119,15 @@ class WriterBackend final : public QuarnBase<Key, Wrapper> {
 template <class Key, class Wrapper>
 class ReaderBackend final : public QuarnBase<Key, Wrapper> {
  public:
+  // `pollInterval` > 0: the queue is polled instead of followed through the writer's wake-ups
+  // (see ConquerReader).
   ReaderBackend(Jorv::DebugHandler& dh, std::string const& rootPath, KeyNotifier<Key>& notifier,
-                CorruptionHandler onCorruption, Kiv::Activity& activity)
+                CorruptionHandler onCorruption, Kiv::Activity& activity, double pollInterval = 0)
       : dh_(dh),
         notifier_(notifier),
         onCorruption_(std::move(onCorruption)),
         reader_(dh, rootPath),
-        conquer_(dh, rootPath, &activity, [this] { drain(); }),
+        conquer_(dh, rootPath, &activity, [this] { drain(); }, pollInterval),
         more_([this] { drain(); }, activity),
         release_([this] { conquer_.detach(); }, activity) {}
 

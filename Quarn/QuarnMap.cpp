@@ -3,6 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "Quarn/Files.h"
+#include "Quarn/Hash.h"
+
 namespace Quarn {
 
 std::string quarnDebugHandlerName(std::string_view name, QuarnType mode) {

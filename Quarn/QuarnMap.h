@@ -21,6 +21,11 @@
 //   reading table's report goes to the writer through the corruption file.
 // - Operations that change or check the files are refused on a reading table; every refusal and
 //   every failed `init` leaves the map as it was.
+// - A passive reading table (`passiveIs`, before `init`) changes nothing under the root: its back
+//   end never connects to the writer (which neither counts it nor waits for it before pruning
+//   the notification queue) and polls the queue instead, re-reading the table when the writer
+//   pruned past it; corruption it meets is traced, not recorded in the corruption file. For
+//   tools that must leave a table exactly as they found it.
 //
 // `Notifier` is a KeyNotifier<Key> or any type with `onKey(Key const&)`; it hears the keys that
 // a reading back end reports as changed. Single-threaded: the map, its mounters and its back end
@@ -36,12 +41,14 @@
 #include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
 #include "Kiv/Activity.h"
+#include "Mem/Shared.h"
 #include "Quarn/Exceptions.h"
+#include "Quarn/Files.h"
 #include "Quarn/QuarnBackends.h"
 #include "Quarn/QuarnBase.h"
 #include "Quarn/QuarnBaseDummy.h"
 #include "Quarn/ReaderMounter.h"
-#include "Quarn/Util.h"
+#include "Quarn/RootPath.h"
 #include "Quarn/WriterMounter.h"
 
 namespace Quarn {
@@ -79,6 +86,11 @@ class QuarnMap {
     if (mode_ != QuarnType::writer) throw Jorv::Exception("writerCounters() not implemented");
     return backend_->writerCounters();
   }
+  // Mounts the table once in `mode` (see the class comment); a shared writer takes the table's
+  // writer lock and creates or attaches its files. Failures raise exceptions and leave the map
+  // uninitialised; a writer that cannot attach raises Jorv::RuntimeException "QuarnMap::init()
+  // failed to initialize collection <name>: " followed by the cause: another live writer of the
+  // table (naming its pid), no space left on device (naming the file and the size asked), ...
   virtual void init(QuarnType mode, bool isLocal, unsigned size);
   // Removes the table's files; the writer goes with them (later writes are refused).
   virtual void cleanup() {
@@ -210,6 +222,24 @@ class QuarnMap {
   }
   // The remount timer's interval for mounters created from now on (tests shorten it).
   void remountIntervalIs(double seconds) noexcept { remountInterval_ = seconds; }
+  // Makes a reading table passive (see above), polling the queue every `pollInterval` seconds
+  // (> 0). Refused once initialised.
+  void passiveIs(double pollInterval) {
+    if (initialized_ || !(pollInterval > 0)) {
+      throw Jorv::InvalidInitializeException("QuarnMap::passiveIs() " + name_ +
+                                             (initialized_ ? " already initialized"
+                                                           : " needs a poll interval above 0"));
+    }
+    pollInterval_ = pollInterval;
+  }
+  bool passive() const noexcept { return pollInterval_ > 0; }
+  // The mode of the files a writer creates for this table ("slots", "buckets", the notification
+  // tables, "fenix", "last-owner"), applied exactly: set it before `init` in writer mode. The
+  // default, Mem::defaultFileMode (0644), lets every user read the table and only the owner
+  // write it; 0640 limits the readers to the owner's group, 0600 to the owner. Readers need read
+  // access to every file. Files that already exist keep their mode.
+  void fileModeIs(unsigned mode) noexcept { fileMode_ = mode; }
+  unsigned fileMode() const noexcept { return fileMode_; }
 
  protected:
   // Until `init`, the front writes to and reads from `writer`, an in-process (local) table of the
@@ -315,11 +345,13 @@ class QuarnMap {
   QuarnType mode_ = QuarnType::writer;
   bool local_ = false;
   std::uint32_t size_ = 0;
+  unsigned fileMode_ = Mem::defaultFileMode;
   bool mounted_ = false;
   mutable bool notifying_ = true;
   mutable double yieldTime_ = -1;  // < 0: the back end's default
   mutable std::uint32_t sample_ = 0;
   double remountInterval_ = ReaderMounter::defaultRemountInterval;
+  double pollInterval_ = 0;  // > 0: passive (see passiveIs)
   // Why the last attach failed, or the last corruption met since; empty after a mount.
   mutable std::string attachFailure_;
   mutable std::string lastReport_;  // the last corruption report, traced and written once
@@ -385,16 +417,20 @@ void QuarnMap<Key, Wrapper, Notifier>::init(QuarnType mode, bool isLocal, unsign
     return;
   }
   std::unique_ptr<WriterBackend<Key, Wrapper>> writer;
+  std::string cause;
   try {
     writer = std::make_unique<WriterBackend<Key, Wrapper>>(
-        dh, name_, size, isLocal, Jorv::typeName<Wrapper>(), rootDir_, activity_);
-    if (!writer->initialize()) writer.reset();
+        dh, name_, size, isLocal, Jorv::typeName<Wrapper>(), rootDir_, activity_, fileMode_);
+    writer->initialize();
   } catch (Jorv::Exception const& e) {
-    KIV_TRACE(dh, 0, "QuarnMap::init() ", name_, ": ", e.what());
+    cause = e.what();
     writer.reset();
   }
-  if (writer == nullptr)
-    throw Jorv::RuntimeException("QuarnMap::init() failed to initialize collection");
+  // The caller learns why (another live writer, no space left on device, ...) and decides.
+  if (writer == nullptr) {
+    throw Jorv::RuntimeException("QuarnMap::init() failed to initialize collection " + name_ +
+                                 ": " + cause);
+  }
   std::unique_ptr<WriterMounter> mounter;
   if (!isLocal) {
     auto* w = &writer->writer();
@@ -402,7 +438,7 @@ void QuarnMap<Key, Wrapper, Notifier>::init(QuarnType mode, bool isLocal, unsign
       mounter = std::make_unique<WriterMounter>(
           dh, root_.str(), [w] { return w->validate(); },
           [this](std::string const& why) { recoverWriter(why); }, [w] { return w->fenix(); },
-          activity_);
+          activity_, fileMode_);
     } catch (Jorv::Exception const& e) {
       KIV_TRACE(dh, 0, "WriterMounter::WriterMounter() ", e.what());
       throw Jorv::RuntimeException(
@@ -439,11 +475,11 @@ void QuarnMap<Key, Wrapper, Notifier>::attach() {
   CorruptionHandler report = [this](std::string const& text) { corruptionDetected(text); };
   std::unique_ptr<Base> backend;
   if (mode_ == QuarnType::reader) {
-    backend = std::make_unique<ReaderBackend<Key, Wrapper>>(*dh_, root_.str(), forward_,
-                                                            std::move(report), activity_);
+    backend = std::make_unique<ReaderBackend<Key, Wrapper>>(
+        *dh_, root_.str(), forward_, std::move(report), activity_, pollInterval_);
   } else {
     backend = makeQuarnShadow<Key, Wrapper>(*dh_, root_.str(), mode_, forward_, activity_,
-                                            std::move(report));
+                                            std::move(report), pollInterval_);
   }
   KIV_TRACE(*dh_, 3, "QuarnMap::attach() attempting to attach ", name_, " as ",
             quarnTypeWord(mode_));
@@ -530,10 +566,11 @@ void QuarnMap<Key, Wrapper, Notifier>::corruptionDetected(std::string const& tex
     return;
   }
   lastReport_ = report;
-  KIV_TRACE(*dh_, 0, "QuarnMap::corruptionDetected() ", text);
+  // A passive table belongs to a tool that reports what it finds itself.
+  KIV_TRACE(*dh_, passive() ? 1 : 0, "QuarnMap::corruptionDetected() ", text);
   if (reading) {
     attachFailure_ = report;
-    Util::writeCorruptionFile(root_.str(), report);
+    if (!passive()) Util::writeCorruptionFile(root_.str(), report);
   }
 }
 

@@ -6,9 +6,9 @@ namespace Quarn {
 namespace {
 
 std::unique_ptr<Mem::Region> makeRegion(std::string const& rootPath, std::string const& fileName,
-                                        bool local) {
+                                        bool local, unsigned fileMode = Mem::defaultFileMode) {
   if (local) return std::make_unique<Mem::Local>();
-  return std::make_unique<Mem::Shared>(fileName, rootPath);
+  return std::make_unique<Mem::Shared>(fileName, rootPath, fileMode);
 }
 
 }  // namespace
@@ -23,13 +23,23 @@ QuarnMem::QuarnMem(Jorv::DebugHandler& dh, std::string const& rootPath, std::str
             region_->name());
 }
 
+bool QuarnMem::attachReadOnly() {
+  auto* const shared = local_ ? nullptr : dynamic_cast<Mem::Shared*>(region_.get());
+  return shared != nullptr && shared->attachReadOnly();
+}
+
+void QuarnMem::fileModeIs(unsigned mode) {
+  fileMode_ = mode;
+  if (!local_ && !region_->attached()) region_ = makeRegion(rootPath_, fileName_, false, mode);
+}
+
 std::string QuarnMem::stagedName() const {
   return fileName_ + ".new";
 }
 
 bool QuarnMem::stageReplacement(std::size_t bytes) {
   if (local_) return region_->resize(bytes);
-  auto fresh = std::make_unique<Mem::Shared>(stagedName(), rootPath_);
+  auto fresh = std::make_unique<Mem::Shared>(stagedName(), rootPath_, fileMode_);
   fresh->remove();  // a leftover of a writer that died between stage and commit
   if (!fresh->attach(bytes)) return false;
   region_ = std::move(fresh);  // unmaps the old file; its other mappings stay as they are
@@ -40,7 +50,7 @@ bool QuarnMem::stageReplacement(std::size_t bytes) {
 bool QuarnMem::commitReplacement() {
   if (!staged_) return true;
   std::string const from = region_->name();
-  auto final = std::make_unique<Mem::Shared>(fileName_, rootPath_);
+  auto final = std::make_unique<Mem::Shared>(fileName_, rootPath_, fileMode_);
   if (::rename(from.c_str(), final->path().c_str()) != 0) return false;
   staged_ = false;
   // The same inode under its final name: the formatted contents are already there.

@@ -16,11 +16,17 @@ class QuarnMem {
   QuarnMem(Jorv::DebugHandler& dh, std::string const& rootPath, std::string const& fileName,
            bool local);
 
+  // The mode of the files this object creates from now on (Mem::Shared); ignored when local.
+  void fileModeIs(unsigned mode);
+
   // File path, or "[ANONYMOUS]".
   std::string name() const { return region_->name(); }
   bool local() const noexcept { return local_; }
   std::size_t sizeOnDisk() const { return region_->sizeOnDisk(); }
   bool attach(std::size_t bytes) { return region_->attach(bytes); }
+  // Maps the existing file read-only at its current size (never for a local region, which has
+  // no file). False when it is missing, empty or cannot be mapped (errno kept).
+  bool attachReadOnly();
   bool resize(std::size_t bytes) { return region_->resize(bytes); }
   // Replacing a shared file instead of resizing it under readers that map it (a reader touching
   // a page beyond a shrunk file's end dies of SIGBUS): `stageReplacement` maps a fresh file of
@@ -47,6 +53,7 @@ class QuarnMem {
   std::string stagedName() const;
 
   bool local_;
+  unsigned fileMode_ = Mem::defaultFileMode;
   std::string rootPath_;
   std::string fileName_;
   bool staged_ = false;

@@ -50,10 +50,10 @@
 #include "Kiv/Timer.h"
 #include "Quarn/ConquerReader.h"
 #include "Quarn/Exceptions.h"
+#include "Quarn/Fenix.h"
 #include "Quarn/QuarnBase.h"
 #include "Quarn/QuarnReader.h"
 #include "Quarn/ShadowStore.h"
-#include "Quarn/Util.h"
 
 namespace Quarn {
 
@@ -108,16 +108,18 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
   using CorruptionHandler = std::function<void(std::string const& text)>;
 
   // `mode` is QuarnType::shadow or QuarnType::keyshadow (any other fails `initialize`);
-  // `rootPath` is the table's directory.
+  // `rootPath` is the table's directory. `pollInterval` > 0: the queue is polled instead of
+  // followed through the writer's wake-ups (see ConquerReader).
   QuarnShadow(Jorv::DebugHandler& dh, std::string const& rootPath, QuarnType mode,
               KeyNotifier<Key>& notifier, Kiv::Activity& activity,
-              CorruptionHandler onCorruption = {})
+              CorruptionHandler onCorruption = {}, double pollInterval = 0)
       : dh_(dh),
         mode_(mode),
         notifier_(notifier),
         onCorruption_(std::move(onCorruption)),
         reader_(dh, rootPath),
-        conquer_(dh, rootPath, &activity, [this] { drain(); }),
+        conquer_(
+            dh, rootPath, &activity, [this] { drain(); }, pollInterval),
         syncer_(dh,
                 {[this](std::uint32_t i, bool resync) { store_->doSlot(i, resync, false); },
                  [this](bool resync) { syncComplete(resync); },
@@ -233,9 +235,10 @@ template <class Key, class Wrapper>
 std::unique_ptr<QuarnBase<Key, Wrapper>> makeQuarnShadow(
     Jorv::DebugHandler& dh, std::string const& rootPath, QuarnType mode, KeyNotifier<Key>& notifier,
     Kiv::Activity& activity,
-    typename QuarnShadow<Key, Wrapper>::CorruptionHandler onCorruption = {}) {
+    typename QuarnShadow<Key, Wrapper>::CorruptionHandler onCorruption = {},
+    double pollInterval = 0) {
   return std::make_unique<QuarnShadow<Key, Wrapper>>(dh, rootPath, mode, notifier, activity,
-                                                     std::move(onCorruption));
+                                                     std::move(onCorruption), pollInterval);
 }
 
 // ---- implementation

@@ -16,11 +16,20 @@
 // holds zeros, and what was written there never reached the readers). Nothing is repaired in
 // place: `recover` starts a new incarnation with the records that can still be trusted.
 //
+// Lack of space is a clean failure: every file's bytes are reserved when it is created or grows
+// (Mem/Shared.h), and a change that needs a file to grow grows it before it changes anything, so
+// a growth that cannot get its space ends the change with TableFullException and the table
+// exactly as it was, every record kept. Space freed later lets the next change succeed.
+//
+// One live writer per table: a shared writer holds the table's writer lock (Quarn/WriterLock.h)
+// from `attach` until it is destroyed or removes the files; a second one is refused.
+//
 // No heap allocation on write, remove and lookup once the table has grown to its working size.
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ostream>
 #include <sstream>
@@ -30,12 +39,15 @@
 
 #include "Jorv/Exception.h"
 #include "Jorv/Platform.h"
+#include "Mem/Shared.h"
 #include "Quarn/ConquerWriter.h"
 #include "Quarn/Exceptions.h"
+#include "Quarn/Fenix.h"
 #include "Quarn/IterHint.h"
-#include "Quarn/Util.h"
+#include "Quarn/RootPath.h"
 #include "Quarn/Validator.h"
 #include "Quarn/WriterKick.h"
+#include "Quarn/WriterLock.h"
 #include "Quarn/WriterTables.h"
 
 namespace Quarn {
@@ -65,26 +77,46 @@ class QuarnWriter {
 
   // `kick` wakes this table's readers; nullptr means none (always the case for a local table).
   // `rootDir` is the directory that holds the table directories (empty: Mem::defaultRootDir()).
+  // `fileMode` is the mode of the files the writer creates (Mem::defaultFileMode: readable by
+  // all, writable by the owner); readers need read access to every file of the table.
   QuarnWriter(Jorv::DebugHandler& dh, std::string const& tableName, std::uint32_t size,
               bool isLocal, std::string const& className, WriterKick* kick = nullptr,
-              std::string const& rootDir = {})
+              std::string const& rootDir = {}, unsigned fileMode = Mem::defaultFileMode)
       : dh_(dh),
         root_(tableName, rootDir),
         local_(isLocal),
+        fileMode_(fileMode),
         kick_(kick != nullptr && !isLocal ? kick : &noReaders_),
         slots_(dh, root_.str(), isLocal, Jorv::typeName<Wrapper>(), className, sizeof(Wrapper),
                size),
         buckets_(dh, root_.str(), isLocal, size),
         conquer_(dh, root_.str(), isLocal, slots_, *kick_) {
     if (size == 0) throw Jorv::InvalidInitializeException("QuarnWriter() table size 0");
+    slots_.mem().fileModeIs(fileMode);
+    buckets_.mem().fileModeIs(fileMode);
+    conquer_.fileModeIs(fileMode);
   }
 
-  // Maps the files and keeps their entries when all four belong to this incarnation and
-  // validate, announcing a change the last writer made but did not (ConquerWriter::prepare).
-  // When they belong to it but fail validation (the last writer was killed inside a change),
-  // keeps the records that can be trusted under fenix + 1 (`recover`); otherwise re-formats
-  // every file under fenix + 1.
+  // Takes the table's writer lock (unless `writerLockIs` gave it), then maps the files and keeps
+  // their entries when all four belong to this incarnation and validate, announcing a change the
+  // last writer made but did not (ConquerWriter::prepare). When they belong to it but fail
+  // validation (the last writer was killed inside a change), keeps the records that can be
+  // trusted under fenix + 1 (`recover`); otherwise re-formats every file under fenix + 1. Throws
+  // Jorv::RuntimeException when another writer of the table is alive (naming its pid) or the lock
+  // cannot be taken, Jorv::MemoryResourceException when a file cannot be made (with the path, the
+  // size asked and the cause, such as "no space left on device").
   void attach();
+  // Maps the table's existing files read-only, as they are, so that a process that is not the
+  // writer (a tool) can `validate` a live or abandoned table: no lock is taken and no file is
+  // created, formatted or written; the incarnation checked is the "fenix" file's, or the slot
+  // header's when that file is gone. Afterwards only `validate`, lookups, iteration and the
+  // accessors may be used: every changing operation raises Jorv::RuntimeException. False with
+  // the reason in `error` when a file is missing or cannot be mapped.
+  bool inspect(std::string& error);
+  bool inspecting() const noexcept { return inspecting_; }
+  // The writer lock of this table taken by the writer's owner before anything of the table was
+  // touched; the writer holds it from now on.
+  void writerLockIs(Util::AutoLock lock) noexcept { lock_ = std::move(lock); }
 
   // Inserts or updates the entry of value.key; returns its value area in the slot.
   Wrapper const* write(Wrapper const& value, bool safe = true);
@@ -111,7 +143,17 @@ class QuarnWriter {
   void directCommit();
   bool directPending() const noexcept { return pending_ != noIndex; }
 
-  bool validate() { return Validator<Key, Wrapper>(dh_, *this).validate(fenix_); }
+  bool validate() {
+    std::string error;
+    return validate(error);
+  }
+  // The same, with the first failing check's message in `error` (empty when valid).
+  bool validate(std::string& error) {
+    Validator<Key, Wrapper> validator(dh_, *this);
+    bool const valid = validator.validate(fenix_);
+    error = valid ? std::string() : validator.error();
+    return valid;
+  }
   // The headers and file sizes alone, a file grown beyond its header allowed (see
   // ValidatorBase::checkHeaders); never throws.
   bool headersValid() noexcept;
@@ -207,10 +249,19 @@ class QuarnWriter {
     KIV_TRACE(dh_, 0, text);
     throw CorruptionDetectedException(text);
   }
+  // The mappings of an inspection are read-only: a change would fault, so it is refused first.
+  void refuseWhileInspecting(char const* op) const {
+    if (inspecting_) {
+      throw Jorv::RuntimeException(std::string("QuarnWriter::") + op +
+                                   "() on a table inspected read-only: " + root_.str());
+    }
+  }
 
   Jorv::DebugHandler& dh_;
   RootPath root_;
   bool local_;
+  unsigned fileMode_;
+  Util::AutoLock lock_;  // held by a shared writer from attach on
   NoReaderKick noReaders_;
   WriterKick* kick_;
   SlotWriterTable slots_;
@@ -219,6 +270,7 @@ class QuarnWriter {
   std::uint32_t fenix_ = 0;
   std::uint32_t pending_ = noIndex;
   bool pendingNew_ = false;
+  bool inspecting_ = false;
   std::uint64_t damageSeen_ = Mem::damageCount();
   Key pendingKey_{};
 };
@@ -238,12 +290,16 @@ bool QuarnWriter<Key, Wrapper>::attachAll(std::uint32_t fenix, bool force) {
 
 template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::attach() {
+  bool fresh = local_;
   if (local_) {
     fenix_ = static_cast<std::uint32_t>(::getpid());
   } else {
+    // Before anything of the table is read: a second writer must not touch it.
+    if (!lock_.locked()) lock_ = Util::AutoLock(root_.str(), fileMode_);
     fenix_ = FenixFile::read(root_.str());
     if (fenix_ == 0) fenix_ = Util::encodeFenix(::getpid() & 0xffff, Util::nextInstanceId());
-    Util::AutoLock lock(root_.str());  // records this process as the table's owner
+    fresh = slots_.mem().sizeOnDisk() == 0 && buckets_.mem().sizeOnDisk() == 0 &&
+            conquer_.mem(0).sizeOnDisk() == 0 && conquer_.mem(1).sizeOnDisk() == 0;
   }
   // A local table is always new and nothing of it can survive: it keeps the pid as its fenix.
   bool const kept = attachAll(fenix_, false) || local_;
@@ -251,8 +307,13 @@ void QuarnWriter<Key, Wrapper>::attach() {
   bool valid = intact;
   if (kept && !valid && !local_ && headersValid()) valid = recoverInterrupted();
   if (!valid) {
-    KIV_TRACE(dh_, 3, "QuarnWriter::attach() failed, all entries from ", root_.str(),
-              " will be lost");
+    // New files hold nothing to lose; files of another incarnation or record type do.
+    if (fresh) {
+      KIV_TRACE(dh_, 3, "QuarnWriter::attach() new files in ", root_.str());
+    } else {
+      KIV_TRACE(dh_, 1, "QuarnWriter::attach() failed, all entries from ", root_.str(),
+                " will be lost");
+    }
     fenix_ = nextFenix(fenix_);
     attachAll(fenix_, true);
     if (!validate()) {
@@ -261,12 +322,48 @@ void QuarnWriter<Key, Wrapper>::attach() {
     }
     KIV_TRACE(dh_, 3, "QuarnWriter::attach(): re-formatted successfully");
   }
-  if (!local_ && !FenixFile::write(root_.str(), fenix_)) {
-    throw Jorv::RuntimeException("QuarnWriter::attach() cannot write fenix file in " + root_.str());
+  if (!local_ && !FenixFile::write(root_.str(), fenix_, fileMode_)) {
+    throw Jorv::RuntimeException("QuarnWriter::attach() cannot write fenix file in " +
+                                 root_.str() + ": " + Mem::errorText(errno));
   }
   if (intact && !local_) conquer_.announcePrepared();
   KIV_TRACE(dh_, 3, "QuarnWriter::attach() success ", root_.str(), " capacity: ", capacity(),
             " fenixId: ", fenix_);
+}
+
+template <class Key, class Wrapper>
+bool QuarnWriter<Key, Wrapper>::inspect(std::string& error) {
+  pending_ = noIndex;
+  inspecting_ = true;
+  if (local_) {
+    error = "QuarnWriter::inspect() a local table has no files";
+    return false;
+  }
+  fenix_ = FenixFile::read(root_.str());
+  char const* failed = nullptr;
+  if (!slots_.inspect()) {
+    failed = "slots";
+  } else if (!buckets_.inspect()) {
+    failed = "buckets";
+  } else {
+    if (fenix_ == 0 && slots_.mem().mappedSize() >= SlotTable::headerSize) {
+      fenix_ = Mem::Atomics::load32Acquire(&slots_.header()->fenix);
+    }
+    if (!conquer_.inspect(0, fenix_)) {
+      failed = "conquer.1";
+    } else if (!conquer_.inspect(1, fenix_)) {
+      failed = "conquer.2";
+    }
+  }
+  if (failed != nullptr) {
+    error = "QuarnWriter::inspect() cannot map " + root_.file(failed) + " read-only: " +
+            std::strerror(errno);
+    return false;
+  }
+  conquer_.restore();
+  KIV_TRACE(dh_, 3, "QuarnWriter::inspect() ", root_.str(), " fenixId: ", fenix_,
+            " slots: ", capacity());
+  return true;
 }
 
 template <class Key, class Wrapper>
@@ -342,6 +439,7 @@ std::vector<Wrapper> QuarnWriter<Key, Wrapper>::trustedRecords() const {
 
 template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::recover(std::string const& why) {
+  refuseWhileInspecting("recover");
   KIV_TRACE(dh_, 0, "QuarnWriter::recover() ", root_.str(), " fenixId: ", fenix_, ": ", why);
   std::vector<Wrapper> const kept = trustedRecords();
   std::uint64_t const sequence = conquer_.sequence();
@@ -354,9 +452,9 @@ void QuarnWriter<Key, Wrapper>::recover(std::string const& why) {
     KIV_TRACE(dh_, 0, "QuarnWriter::recover() failed validation");
     throw Jorv::RuntimeException("QuarnWriter::recover() failed validation");
   }
-  if (!local_ && !FenixFile::write(root_.str(), fenix_)) {
+  if (!local_ && !FenixFile::write(root_.str(), fenix_, fileMode_)) {
     throw Jorv::RuntimeException("QuarnWriter::recover() cannot write fenix file in " +
-                                 root_.str());
+                                 root_.str() + ": " + Mem::errorText(errno));
   }
   if (kept.empty()) {
     KIV_TRACE(dh_, 0, "QuarnWriter::recover() no record of ", root_.str(),
@@ -413,12 +511,15 @@ typename QuarnWriter<Key, Wrapper>::Found QuarnWriter<Key, Wrapper>::walk(Key co
 
 template <class Key, class Wrapper>
 std::uint32_t QuarnWriter<Key, Wrapper>::allocOrThrow() {
+  conquer_.makeRoom();  // a compaction that fails must find the slot table untouched
   std::uint32_t const i = slots_.alloc();
   if (i != noIndex) return i;
   std::ostringstream os;
   os << "SlotWriter::alloc() Quarn table full (occupancy:" << slots_.occupiedSlots()
      << " tableSize:" << slots_.tableSize() << ") " << root_.str();
-  KIV_TRACE(dh_, 0, os.str());
+  if (slots_.growError() != 0) os << ": " << Mem::errorText(slots_.growError());
+  // Raised to the caller, who reports it; the cause was traced by the growth that failed.
+  KIV_TRACE(dh_, 1, os.str());
   throw TableFullException(os.str());
 }
 
@@ -440,6 +541,7 @@ void QuarnWriter<Key, Wrapper>::writeValue(char* s, void const* value) {
 
 template <class Key, class Wrapper>
 Wrapper const* QuarnWriter<Key, Wrapper>::write(Wrapper const& value, bool /*safe*/) {
+  refuseWhileInspecting("write");
   Key const& key = value.key;
   std::uint32_t const b = bucketOf(key);
   Found const f = find(key, b);
@@ -463,6 +565,7 @@ Wrapper const* QuarnWriter<Key, Wrapper>::write(Wrapper const& value, bool /*saf
 
 template <class Key, class Wrapper>
 bool QuarnWriter<Key, Wrapper>::remove(Key const& key, Wrapper& out) {
+  refuseWhileInspecting("remove");
   std::uint32_t const b = bucketOf(key);
   Found const f = find(key, b);
   if (!f.found) {
@@ -579,6 +682,7 @@ bool QuarnWriter<Key, Wrapper>::slotNext(Key const& key, Wrapper& out, IterHint&
 
 template <class Key, class Wrapper>
 Wrapper* QuarnWriter<Key, Wrapper>::directWrite(Key const& key) {
+  refuseWhileInspecting("directWrite");
   if (pending_ != noIndex) {
     throw Jorv::RuntimeException("QuarnWriter::directWrite() a direct write is already pending");
   }
@@ -614,7 +718,13 @@ void QuarnWriter<Key, Wrapper>::directCommit() {
   std::uint32_t const i = pending_;
   pending_ = noIndex;
   KIV_TRACE(dh_, 8, "QuarnWriter::directCommit() slot: ", i);
-  conquer_.prepare(i);
+  try {
+    conquer_.prepare(i);
+  } catch (TableFullException const&) {
+    // Writes in between used the room directWrite made: a new slot goes back unpublished.
+    if (pendingNew_) slots_.release(i);
+    throw;
+  }
   std::uint32_t const b = bucketOf(pendingKey_);
   Found f{noIndex, noIndex, false};
   char* const s = slots_.slot(i);
@@ -646,6 +756,7 @@ bool QuarnWriter<Key, Wrapper>::validateFiles() const {
 
 template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::cleanup() {
+  refuseWhileInspecting("cleanup");
   KIV_TRACE(dh_, 3, "QuarnWriter::cleanup() removing Quarn files ", root_.str());
   pending_ = noIndex;
   if (local_) {
@@ -654,12 +765,15 @@ void QuarnWriter<Key, Wrapper>::cleanup() {
     conquer_.cleanup();
     return;
   }
-  Util::AutoLock lock(root_.str());
+  // Only the table's writer removes its files: one that has not attached takes the lock first,
+  // and is refused while another writer lives. The lock goes with the files.
+  if (!lock_.locked()) lock_ = Util::AutoLock(root_.str(), fileMode_);
   buckets_.cleanup();
   slots_.cleanup();
   conquer_.cleanup();
   ::unlink(root_.file("fenix").c_str());
   ::unlink(root_.file("last-owner").c_str());
+  lock_ = Util::AutoLock();
 }
 
 template <class Key, class Wrapper>

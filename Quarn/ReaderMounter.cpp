@@ -6,8 +6,9 @@
 
 #include <cerrno>
 
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 #include "Quarn/QuarnMap.h"
-#include "Quarn/Util.h"
 
 namespace Quarn {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "Jorv/Exception.h"
 #include "Mem/Shared.h"
-#include "Quarn/Util.h"
+#include "Quarn/Hash.h"
 
 namespace Quarn {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "Mem/Shared.h"
 #include "Quarn/ConquerWriter.h"
-#include "Quarn/Util.h"
+#include "Quarn/Files.h"
 #include "Quarn/WriterTables.h"
 
 namespace Quarn {

@@ -1,15 +1,20 @@
 #include "Quarn/WriterMounter.h"
 
+#include <cerrno>
 #include <exception>
 
-#include "Quarn/Util.h"
+#include "Mem/Shared.h"
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 
 namespace Quarn {
 
 WriterMounter::WriterMounter(Jorv::DebugHandler& dh, std::string rootPath, Validate validate,
-                             Recover recover, Fenix fenix, Kiv::Activity& activity)
+                             Recover recover, Fenix fenix, Kiv::Activity& activity,
+                             unsigned fileMode)
     : dh_(dh),
       rootPath_(std::move(rootPath)),
+      fileMode_(fileMode),
       validate_(std::move(validate)),
       recover_(std::move(recover)),
       fenix_(std::move(fenix)),
@@ -23,7 +28,7 @@ void WriterMounter::notify(std::string const& eventName) {
   if (std::uint32_t const fenix = fenix_(); FenixFile::read(rootPath_) != fenix) {
     KIV_TRACE(dh_, 0, "WriterMounter::notify() fenix file of ", rootPath_,
               " damaged or missing, writing fenixId ", fenix, " again");
-    FenixFile::write(rootPath_, fenix);
+    writeFenix(fenix);
   }
   std::string const report = Util::fileRead(rootPath_ + "/corruption-detected");
   if (report.empty() || report == lastReport_) return;
@@ -38,8 +43,15 @@ void WriterMounter::notify(std::string const& eventName) {
     }
     return;
   }
-  FenixFile::write(rootPath_, fenix_());
+  writeFenix(fenix_());
   KIV_TRACE(dh_, 3, "WriterMounter::notify() quarn validation ok");
+}
+
+void WriterMounter::writeFenix(std::uint32_t fenix) {
+  if (!FenixFile::write(rootPath_, fenix, fileMode_)) {
+    KIV_TRACE(dh_, 0, "WriterMounter::notify() cannot write the fenix file of ", rootPath_, ": ",
+              Mem::errorText(errno));
+  }
 }
 
 }  // namespace Quarn

@@ -16,6 +16,7 @@
 
 #include "Jorv/Platform.h"
 #include "Kiv/Activity.h"
+#include "Mem/Shared.h"
 #include "Quarn/MounterSm.h"
 
 namespace Quarn {
@@ -26,16 +27,21 @@ class WriterMounter {
   using Fenix = std::function<std::uint32_t()>;
   using Recover = std::function<void(std::string const& why)>;
 
-  // Raises Jorv::Exception when the root directory cannot be watched.
+  // Raises Jorv::Exception when the root directory cannot be watched. The fenix file is written
+  // with `fileMode` (the writer's).
   WriterMounter(Jorv::DebugHandler& dh, std::string rootPath, Validate validate, Recover recover,
-                Fenix fenix, Kiv::Activity& activity);
+                Fenix fenix, Kiv::Activity& activity,
+                unsigned fileMode = Mem::defaultFileMode);
 
   void notify(std::string const& eventName);
   std::string const& lastReport() const noexcept { return lastReport_; }
 
  private:
   Jorv::DebugHandler& dh_;
+  void writeFenix(std::uint32_t fenix);
+
   std::string rootPath_;
+  unsigned fileMode_;
   Validate validate_;
   Recover recover_;
   Fenix fenix_;

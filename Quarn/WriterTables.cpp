@@ -32,35 +32,38 @@ std::string SlotCounters::str() const {
   return os.str();
 }
 
+Jorv::MemoryResourceException resizeFailure(AttachTexts const& texts, QuarnMem const& mem,
+                                            std::size_t size) {
+  std::string const cause = Mem::errorText(errno);
+  std::ostringstream os;
+  os << texts.prefix << texts.resizeFailure << size << " " << mem.name() << ": " << cause;
+  return Jorv::MemoryResourceException(os.str());
+}
+
 bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t initialSize,
                          std::uint32_t fenix, bool force, AttachTexts const& texts) {
   std::size_t const existing = mem.sizeOnDisk();
+  auto const mapFailure = [&](std::size_t size) {
+    std::string const cause = Mem::errorText(errno);
+    std::ostringstream os;
+    os << texts.prefix << texts.mapFailure << mem.name() << texts.mapFailureSize << size << ": "
+       << cause;
+    return Jorv::MemoryResourceException(os.str());
+  };
   if (existing == 0) {
     KIV_TRACE(dh, 5, texts.prefix, "to new file ", mem.name());
-    if (!mem.attach(initialSize)) {
-      std::ostringstream os;
-      os << texts.prefix << texts.mapFailure << mem.name() << texts.mapFailureSize << initialSize;
-      throw Jorv::MemoryResourceException(os.str());
-    }
+    if (!mem.attach(initialSize)) throw mapFailure(initialSize);
     return false;
   }
   KIV_TRACE(dh, 5, texts.prefix, "to existing ", mem.name(), " size:", existing);
-  if (!mem.attach(existing)) {
-    std::ostringstream os;
-    os << texts.prefix << texts.mapFailure << mem.name() << texts.mapFailureSize << existing;
-    throw Jorv::MemoryResourceException(os.str());
-  }
+  if (!mem.attach(existing)) throw mapFailure(existing);
   // Every table file carries its fenix at offset 12.
   if (!force && existing >= 16 && Mem::Atomics::load32Acquire(mem.base() + 12) == fenix) return true;
   if (existing != initialSize) {
     // Readers may still map the old file: a new file takes its name once formatted
     // (attachTableFile commits it), so no reader's page vanishes under it.
     KIV_TRACE(dh, 5, texts.prefix, "resize from ", existing, " to ", initialSize, " bytes");
-    if (!mem.stageReplacement(initialSize)) {
-      std::ostringstream os;
-      os << texts.prefix << texts.resizeFailure << initialSize;
-      throw Jorv::MemoryResourceException(os.str());
-    }
+    if (!mem.stageReplacement(initialSize)) throw resizeFailure(texts, mem, initialSize);
   }
   KIV_TRACE(dh, 5, texts.prefix, "re-formatted ", mem.name());
   return false;
@@ -94,16 +97,22 @@ bool SlotWriterTable::attach(std::uint32_t fenix, bool force) {
         addFreeSlots(0, initial);
       });
   if (kept && !sameRecordLayout()) return attach(fenix, true);  // another record type's file
-  if (kept) {
-    // Trust the header only as far as the mapping reaches; validation reports the rest.
-    std::uint32_t const n = Mem::Atomics::highWord(header()->numSlotsUnit());
-    std::size_t const mapped = mem_.mappedSize();
-    numSlots_ =
-        mapped < SlotTable::fileSize(slotSize_, 0)
-            ? 0
-            : std::min<std::size_t>(n, (mapped - SlotTable::fileSize(slotSize_, 0)) / slotSize_);
-  }
+  if (kept) numSlots_ = mappedNumSlots();
   return kept;
+}
+
+bool SlotWriterTable::inspect() {
+  if (!mem_.attachReadOnly()) return false;
+  numSlots_ = mem_.mappedSize() < SlotTable::headerSize ? 0 : mappedNumSlots();
+  return true;
+}
+
+std::uint32_t SlotWriterTable::mappedNumSlots() const {
+  std::uint32_t const n = Mem::Atomics::highWord(header()->numSlotsUnit());
+  std::size_t const mapped = mem_.mappedSize();
+  return mapped < SlotTable::fileSize(slotSize_, 0)
+             ? 0
+             : std::min<std::size_t>(n, (mapped - SlotTable::fileSize(slotSize_, 0)) / slotSize_);
 }
 
 bool SlotWriterTable::sameRecordLayout() const {
@@ -160,6 +169,7 @@ bool SlotWriterTable::grow() {
   target += (Mem::roundUpToWholePage(bytes) - bytes) / slotSize_;
   if (target >= noIndex) target = noIndex - 1;
   if (target <= n) {
+    growError_ = 0;
     ++counters_.growFailures;
     return false;
   }
@@ -170,8 +180,12 @@ bool SlotWriterTable::grow() {
   bytes = SlotTable::fileSize(slotSize_, grown);
   char* const oldBase = mem_.base();
   if (!mem_.resize(bytes)) {
-    KIV_TRACE(dh_, 0, "SlotWriter::grow() failed to resize shared memory to size ", bytes,
-              " - the system may be out of memory.");
+    // An error once per incident: while growth keeps failing, each retry is a warning.
+    int const level = growError_ == 0 ? 0 : 1;
+    growError_ = errno;
+    KIV_TRACE(dh_, level, "SlotWriter::grow() failed to resize shared memory to size ", bytes,
+              " - the system may be out of memory. ", mem_.name(), ": ",
+              Mem::errorText(growError_));
     ++counters_.growFailures;
     return false;
   }
@@ -179,6 +193,7 @@ bool SlotWriterTable::grow() {
     KIV_TRACE(dh_, 5, "SlotWriter::grow() remap base address changed from ",
               static_cast<void*>(oldBase), " to ", static_cast<void*>(mem_.base()));
   }
+  growError_ = 0;
   for (std::uint32_t i = n; i < grown; ++i) SlotTable::initSlot(slotUnchecked(i), slotSize_);
   // Readers learn of the new slots only through this store, after they were initialised.
   std::uint32_t const version = header()->load(header()->numSlotsVersion);
@@ -207,6 +222,12 @@ void SlotWriterTable::pushFree(std::uint32_t i) noexcept {
   std::uint32_t const previous = h->load(h->freeSlots);
   Mem::Atomics::store32Release(&h->freeSlots, i);
   publishLink(slotUnchecked(i), previous);
+}
+
+void SlotWriterTable::release(std::uint32_t i) noexcept {
+  pushFree(i);
+  SlotTable::Header* const h = header();
+  Mem::Atomics::store32Release(&h->occupiedSlots, h->load(h->occupiedSlots) - 1);
 }
 
 void SlotWriterTable::cleanup() {

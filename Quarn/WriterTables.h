@@ -76,12 +76,16 @@ struct AttachTexts {
 // created at `initialSize` and formatted; an existing one is kept when its header's fenix (offset
 // 12 of every table file) equals `fenix` and `force` is false, else re-formatted at `initialSize`
 // (a file of another size is replaced by a new one, see QuarnMem::stageReplacement).
-// Returns true when the contents were kept. Throws Jorv::MemoryResourceException.
+// Returns true when the contents were kept. Throws Jorv::MemoryResourceException naming the
+// file, the size asked and the cause ("no space left on device" when the file system is full).
 template <class Format>
 bool attachTableFile(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t initialSize,
                      std::uint32_t fenix, bool force, AttachTexts const& texts, Format&& format);
 bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t initialSize,
                          std::uint32_t fenix, bool force, AttachTexts const& texts);
+// The failed resize of `mem` to `size` bytes, with the cause that errno holds.
+Jorv::MemoryResourceException resizeFailure(AttachTexts const& texts, QuarnMem const& mem,
+                                            std::size_t size);
 
 class SlotWriterTable {
  public:
@@ -91,13 +95,22 @@ class SlotWriterTable {
 
   // Returns true when existing contents were kept. Formats and fills the free list otherwise.
   bool attach(std::uint32_t fenix, bool force);
+  // Maps the existing file read-only, as it is (see QuarnWriter::inspect). False when it is
+  // missing or cannot be mapped.
+  bool inspect();
   // Doubles up to tableSize, then adds 10%, in whole pages; links the new slots into the (empty)
-  // free list. False when the file cannot be resized (nothing changed then).
+  // free list. False when the file cannot be resized or its space cannot be had (nothing changed
+  // then; `growError` holds the cause).
   bool grow();
+  // The errno of the last failed growth (0: none, or the slot count cannot grow further).
+  int growError() const noexcept { return growError_; }
   // Takes the first free slot (growing when none is left); noIndex when the table cannot grow.
   std::uint32_t alloc();
   // Pushes a slot that no link reaches any more onto the free list (last in, first out).
   void pushFree(std::uint32_t i) noexcept;
+  // Gives back a slot that `alloc` took and no link reaches (a change that failed before
+  // publishing it): on the free list again, not counted as occupied.
+  void release(std::uint32_t i) noexcept;
   // Links slots [start, end) into the free list in ascending order; the list must be empty.
   void addFreeSlots(std::uint32_t start, std::uint32_t end);
   void cleanup();
@@ -141,6 +154,9 @@ class SlotWriterTable {
  private:
   // The mapped header describes this writer's record type and configured size.
   bool sameRecordLayout() const;
+  // The header's slot count, trusted only as far as the mapping reaches (validation reports
+  // the rest).
+  std::uint32_t mappedNumSlots() const;
 
   Jorv::DebugHandler& dh_;
   QuarnMem mem_;
@@ -150,6 +166,7 @@ class SlotWriterTable {
   std::uint32_t slotSize_;
   std::uint32_t tableSize_;
   std::uint32_t numSlots_ = 0;
+  int growError_ = 0;
   SlotCounters counters_;
 };
 
@@ -159,6 +176,8 @@ class BucketWriterTable {
                     std::uint32_t tableSize);
 
   bool attach(std::uint32_t fenix, bool force);
+  // Maps the existing file read-only, as it is (see QuarnWriter::inspect).
+  bool inspect() { return mem_.attachReadOnly(); }
   void cleanup();
 
   // Range-checked address of a bucket's link unit; throws CorruptionDetectedException.
@@ -179,10 +198,7 @@ bool attachTableFile(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t initialS
                      std::uint32_t fenix, bool force, AttachTexts const& texts, Format&& format) {
   if (attachTableFileImpl(dh, mem, initialSize, fenix, force, texts)) return true;
   format();
-  if (!mem.commitReplacement()) {
-    throw Jorv::MemoryResourceException(std::string(texts.prefix) + texts.resizeFailure +
-                                        std::to_string(initialSize));
-  }
+  if (!mem.commitReplacement()) throw resizeFailure(texts, mem, initialSize);
   return false;
 }
 

@@ -30,6 +30,7 @@
 #include "KivQuarn/KivQuarnMapValueWrapper.h"
 #include "Mem/Shared.h"
 #include "Quarn/ConquerReader.h"
+#include "Quarn/Fenix.h"
 #include "Quarn/QuarnReader.h"
 #include "Quarn/QuarnWriter.h"
 #include "Quarn/WriterKickSm.h"

@@ -162,6 +162,7 @@ struct Report {
   std::uint64_t malformed = 0;  // reader: copies that failed the record's consistency check
   Digest digest;
   double lagP50 = 0, lagP99 = 0, lagMax = 0;
+  std::uint64_t lagSamples = 0;  // reader: writes timed, from the write to the notification
   char text[96] = {};
 };
 static_assert(sizeof(Report) < PIPE_BUF);
@@ -229,8 +230,8 @@ class WriterProcess final : public ChildBody {
 
  private:
   void onCommand(Command const* command) override {
-    if (command == nullptr) activity_.stop();
-    if (command == nullptr || command->op == Command::stop) stopped_ = true;
+    if (command == nullptr) DemoSupport::supervisorGone();
+    if (command->op == Command::stop) stopped_ = true;
   }
   Report report(Report::Kind kind) const { return ChildBody::report(kind, updates_); }
   void churn();
@@ -324,7 +325,7 @@ class ReaderProcess final : public ChildBody, public Quarn::KeyNotifier<Key> {
  private:
   void onCommand(Command const* command) override {
     if (command == nullptr) {
-      done_ = true;
+      DemoSupport::supervisorGone();
     } else if (command->op == Command::verify) {
       verify_ = true;
       target_ = command->digest;
@@ -337,6 +338,7 @@ class ReaderProcess final : public ChildBody, public Quarn::KeyNotifier<Key> {
     r.lagP50 = lag_.percentile(0.5);
     r.lagP99 = lag_.percentile(0.99);
     r.lagMax = lag_.max();
+    r.lagSamples = lag_.total();
     return r;
   }
   void lookups();
@@ -349,7 +351,6 @@ class ReaderProcess final : public ChildBody, public Quarn::KeyNotifier<Key> {
   std::uint64_t lookups_ = 0;
   std::uint64_t notifications_ = 0;
   std::uint64_t malformed_ = 0;
-  bool done_ = false;
   bool verify_ = false;
   Digest target_;
 };
@@ -359,7 +360,7 @@ void ReaderProcess::run() {
   std::uint32_t reportedFenix = 0;
   bool reportedAttached = false;
   double const start = monotonic();
-  while (!done_ && !verify_) {
+  while (!verify_) {
     // Lookups at the configured rate; the rest of the time waits for notifications.
     bool const due =
         options_.lookupRate <= 0 || double(lookups_) < (monotonic() - start) * options_.lookupRate;
@@ -402,12 +403,12 @@ void ReaderProcess::finish() {
   do {
     activity_.runOnce(0.01);
     seen = digestOf(table_);
-  } while (!(seen == target_) && monotonic() < deadline && !done_);
+  } while (!(seen == target_) && monotonic() < deadline);
   Report r = report(Report::finished);
   r.digest = seen;
   r.valid = seen == target_;
   sendReport(r);
-  while (!done_) activity_.runOnce(-1);
+  for (;;) activity_.runOnce(-1);  // until the supervisor stops it
 }
 
 // ---- the parent: starts, watches, restarts and stops the children
@@ -428,7 +429,8 @@ class Demo : DemoSupport::Supervisor<Role, Report> {
   void progress() override;
   void restart() override;  // the writer, killed with SIGKILL
   void stop() override;     // the writer's churn
-  void summary() const;
+  bool summary() const;
+  std::string notFollowed(int reader) const;
 
   std::string root_;
   Options options_;
@@ -445,12 +447,14 @@ class Demo : DemoSupport::Supervisor<Role, Report> {
   std::uint64_t updatesBefore_ = 0;
   Report writerFinal_;
   Report readerFinal_[3];
+  std::uint64_t mostRecords_[3] = {0, 0, 0};  // readers: the most records they showed
   int finals_ = 0;
 };
 
 Demo::Child& Demo::start(Role role) {
   return spawn(role, [&](int reportFd, int commandFd) {
     try {
+      DemoSupport::dieWithSupervisor(root_);
       if (role == Role::writer) {
         WriterProcess(root_, options_, reportFd, commandFd).run();
       } else {
@@ -466,6 +470,7 @@ Demo::Child& Demo::start(Role role) {
 void Demo::onReport(Child& child, Report const& r) {
   child.last = r;
   int const index = int(r.role);
+  mostRecords_[index] = std::max(mostRecords_[index], r.records);
   switch (r.kind) {
     case Report::failed:  // taken by dispatch()
       break;
@@ -568,13 +573,25 @@ int Demo::run() {
   stop_.armIn(options_.seconds);
   giveUp_.armIn(options_.seconds + 60);
   if (int const status = runToEnd(); status != 0) return status;
-  summary();
-  bool const ok = writerFinal_.valid && readerFinal_[1].valid && readerFinal_[2].valid &&
-                  readerFinal_[1].malformed == 0 && readerFinal_[2].malformed == 0;
-  return ok ? 0 : 1;
+  return summary() ? 0 : 1;
 }
 
-void Demo::summary() const {
+// Why a reader did not follow the writer through the run, or "" when it did: it must have
+// shown records, timed writes made while it was attached, attached to the restarted writer's
+// files, and end with the writer's final table and no torn copy.
+std::string Demo::notFollowed(int reader) const {
+  Report const& r = readerFinal_[reader];
+  if (mostRecords_[reader] == 0) return "it showed no records during the run";
+  if (r.lagSamples == 0)
+    return "it timed no write (no lag sample): it heard of none while attached";
+  if (r.fenix != writerFinal_.fenix) return "it did not attach to the restarted writer's files";
+  if (r.malformed != 0) return "it read " + std::to_string(r.malformed) + " torn copies";
+  if (!r.valid) return "its table differs from the writer's final one";
+  return "";
+}
+
+// Prints the figures; false when the writer's files did not validate or a reader did not follow.
+bool Demo::summary() const {
   double const churnSeconds = options_.seconds - 2;  // roughly: fill and restart excluded
   std::uint64_t const updates = updatesBefore_ + writerFinal_.operations;
   std::printf("\n==== summary ====\n");
@@ -616,6 +633,15 @@ void Demo::summary() const {
                 readerFinal_[i].valid ? "matches" : "DIFFERS FROM",
                 static_cast<unsigned long long>(readerFinal_[i].digest.count));
   }
+  bool ok = writerFinal_.valid;
+  for (int i = 1; i <= 2; ++i) {
+    if (std::string const why = notFollowed(i); !why.empty()) {
+      std::printf("FAILED: the %s did not follow the writer: %s\n", roleName(Role(i)), why.c_str());
+      ok = false;
+    }
+  }
+  if (!writerFinal_.valid) std::printf("FAILED: the writer's files did not validate\n");
+  return ok;
 }
 
 bool parse(int argc, char** argv, Options& options) {

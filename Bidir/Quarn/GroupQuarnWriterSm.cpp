@@ -33,6 +33,18 @@ constexpr Kiv::AttributeTable kTable{GroupQuarnWriterSm::typeName, kAttributes,
 
 }  // namespace
 
+template <class Op, class... Key>
+void GroupQuarnWriterSm::tableOp(char const* function, char const* table, Op&& op,
+                                 Key const&... key) {
+  try {
+    op();
+  } catch (std::exception const& e) {
+    ++tableFailures_;
+    KIV_TRACE(trace(), 0, kSource, function, "(", key..., ") table ", table, ": ", e.what());
+    throw;
+  }
+}
+
 // ---- KivStatus
 
 GroupQuarnWriterSm::KivStatus::KivStatus(GroupQuarnWriterSm* sm,
@@ -140,7 +152,7 @@ void GroupQuarnWriterSm::KivGroup::doUpdateGroup() {
   record.creationTime = group->creationTime();
   record.upJoinState = group->upJoinState();
   record.inactive = group->inactive();
-  sm->quarnStatus_->groupIs(record);
+  sm->tableOp("doUpdateGroup", "group", [&] { sm->quarnStatus_->groupIs(record); }, groupAddr_);
 }
 
 void GroupQuarnWriterSm::KivGroup::handleDelete() {
@@ -152,7 +164,20 @@ void GroupQuarnWriterSm::KivGroup::handleDelete() {
   // Runs from the removal of this reactor, whose holder keeps the state machine alive; this
   // reactor is a zombie by now, so its interface reactors do not change under the walk.
   for (KivIntf& intf : intfs_.range()) intf.handleDelete();
-  if (auto const quarnStatus = sm->quarnStatus_) quarnStatus->groupDel(groupAddr_);
+  if (auto const quarnStatus = sm->quarnStatus_) {
+    sm->tableOp("handleDelete", "group", [&] { quarnStatus->groupDel(groupAddr_); }, groupAddr_);
+  }
+}
+
+void GroupQuarnWriterSm::KivGroup::resync() {
+  onGroupIntfkivImmediate();
+  std::vector<Lanx::IntfId> present;
+  present.reserve(intfs_.size());
+  for (KivIntf const& intf : intfs_.range()) present.push_back(intf.intfId());
+  for (Lanx::IntfId const& intfId : present) {
+    if (auto const intf = intfs_.member(intfId)) intf->doUpdateGroupIntf();
+  }
+  doUpdateGroup();
 }
 
 // ---- KivIntf
@@ -192,7 +217,8 @@ void GroupQuarnWriterSm::KivGroup::KivIntf::doUpdateGroupIntf() {
   record.lastJoinReceived = groupIntf->lastJoinReceived();
   record.localReceiverInclude = groupIntf->localReceiverInclude();
   record.iAmDf = groupIntf->iAmDf();
-  sm->quarnStatus_->groupIntfIs(record);
+  sm->tableOp("doUpdateGroupIntf", "groupIntf", [&] { sm->quarnStatus_->groupIntfIs(record); },
+              key_.groupAddr(), "::", key_.intfId());
 }
 
 void GroupQuarnWriterSm::KivGroup::KivIntf::handleDelete() {
@@ -202,7 +228,10 @@ void GroupQuarnWriterSm::KivGroup::KivIntf::handleDelete() {
                       "::", key_.intfId())) {
     return;
   }
-  if (auto const quarnStatus = sm->quarnStatus_) quarnStatus->groupIntfDel(key_);
+  if (auto const quarnStatus = sm->quarnStatus_) {
+    sm->tableOp("handleDelete", "groupIntf", [&] { quarnStatus->groupIntfDel(key_); },
+                key_.groupAddr(), "::", key_.intfId());
+  }
 }
 
 // ---- GroupQuarnWriterSm
@@ -260,6 +289,39 @@ Kiv::Ptr<GroupQuarnWriterSm::KivGroup> GroupQuarnWriterSm::newGroup(
 void GroupQuarnWriterSm::groupNotify(Lanx::IpGenAddr const& address) const {
   using OnGroup = void (NotifieeConst::*)(Lanx::IpGenAddr const&);
   notify(Attr::group, OnGroup(&NotifieeConst::onGroup), address);
+}
+
+void GroupQuarnWriterSm::resync() {
+  auto const keep = Kiv::liveRef(this);
+  KIV_TRACE(trace(), 3, kSource, "resync() after ", tableFailures_, " table failures");
+  if (!statusInitialized() || !quarnStatus_) return;
+  std::uint64_t const failures = tableFailures_;
+  if (auto const reactor = kivStatus_.reactor()) reactor->onGroupkivImmediate();
+  std::vector<Lanx::IpGenAddr> present;
+  present.reserve(groups_.size());
+  for (KivGroup const& group : groups_.range()) present.push_back(group.groupAddr());
+  for (Lanx::IpGenAddr const& address : present) {
+    if (auto const group = groups_.member(address)) group->resync();
+  }
+  // What no reactor stands for any more: records that a failed removal left behind.
+  std::vector<GroupIntfKey> staleIntfs;
+  for (auto it = quarnStatus_->groupIntfIterator(); it; ++it) {
+    auto const group = groups_.member(it.key().groupAddr());
+    if (!group || !group->intf(it.key().intfId())) staleIntfs.push_back(it.key());
+  }
+  for (GroupIntfKey const& key : staleIntfs) {
+    tableOp("resync", "groupIntf", [&] { quarnStatus_->groupIntfDel(key); }, key.groupAddr(),
+            "::", key.intfId());
+  }
+  std::vector<Lanx::IpGenAddr> staleGroups;
+  for (auto it = quarnStatus_->groupIterator(); it; ++it) {
+    if (!groups_.member(it.key())) staleGroups.push_back(it.key());
+  }
+  for (Lanx::IpGenAddr const& address : staleGroups) {
+    tableOp("resync", "group", [&] { quarnStatus_->groupDel(address); }, address);
+  }
+  // Failures during this walk raised out of it; those before it are repaired now.
+  tableFailures_ -= failures;
 }
 
 void GroupQuarnWriterSm::handleInitialized() {

@@ -13,7 +13,12 @@
 //   records are written by the restart review or by the next change.
 // - Destroying the state machine leaves every record in the tables (a restarted agent finds them):
 //   its reactors become zombies and are released without running their delete hooks.
-// Table failures (corruption, a full table) pass out of the handler as the table raises them.
+// Table failures (corruption, a full table) pass out of the handler as the table raises them, to
+// the notification walk that delivered the change, after an error-level trace line naming the
+// table, the key and the cause; `tableFailures` counts them. A failed change is not retried: the
+// table keeps what it held before it. What an agent does about it, once the cause is gone (for
+// Quarn::TableFullException, space freed on the file system that holds the tables): `resync`,
+// which brings both tables back to the agent's Status.
 //
 // Trace handle "PimBidir::QuarnWriter": level 8 on entry ("GroupQuarnWriterSm::doUpdateGroup(
 // 239.1.1.1)"), level 7 when the uninitialised guard stops an update or a removal.
@@ -142,6 +147,9 @@ class GroupQuarnWriterSm : public Kiv::StateMachine {
     void doUpdateGroup();
     // Removes the records of this group's interfaces, then its own (subject to the guard).
     void handleDelete();
+    // A reactor for every interface of the group and none for one that is gone, then every
+    // interface record and the group record rewritten.
+    void resync();
 
    private:
     void onChange() {
@@ -189,6 +197,16 @@ class GroupQuarnWriterSm : public Kiv::StateMachine {
   bool initialized() const noexcept { return initialized_; }
   void handleInitialized();
 
+  // Full resynchronisation of the tables with the agent's Status, for use after table failures:
+  // reactors as by onGroupkivImmediate (one per group and interface present, none for what is
+  // gone), every record rewritten, and every record of a key the Status no longer holds removed
+  // (a removal that failed leaves one). Raises what the tables raise while the cause persists
+  // (it can be called again); on success `tableFailures` is 0 again. Does nothing while the
+  // Status is not initialised.
+  void resync();
+  // Table operations that failed since construction or the last successful `resync`.
+  std::uint64_t tableFailures() const noexcept { return tableFailures_; }
+
   // The attribute declaration; attributeString, introspection and the generic attribute
   // operation follow it.
   static constexpr auto attributes() {
@@ -218,6 +236,10 @@ class GroupQuarnWriterSm : public Kiv::StateMachine {
  private:
   // The guard of every write and removal: the agent's Status is there and initialised.
   bool statusInitialized() const noexcept { return status_ && status_->initialized(); }
+  // Runs `op`, one operation on `table` for the update or removal `function` of `key`; a failure
+  // is counted and traced at error level, then passes on unchanged.
+  template <class Op, class... Key>
+  void tableOp(char const* function, char const* table, Op&& op, Key const&... key);
   void kiv_handleGroup(KivGroup& group) { group.handleDelete(); }
 
   Kiv::Ptr<Bidir::Status const> status_;
@@ -225,6 +247,7 @@ class GroupQuarnWriterSm : public Kiv::StateMachine {
   Kiv::ReactorPtr<KivStatus> kivStatus_{*this};
   GroupColl groups_{*this, &GroupQuarnWriterSm::kiv_handleGroup, &GroupQuarnWriterSm::groupNotify};
   bool initialized_ = false;
+  std::uint64_t tableFailures_ = 0;
 };
 
 Kiv::Ptr<GroupQuarnWriterSm> groupQuarnWriterSmFactory(Kiv::Ptr<Bidir::Status const> const& status,

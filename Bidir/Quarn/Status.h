@@ -121,7 +121,9 @@ class Status : public Kiv::Entity {
 
   // "group" -> 5000 and "groupIntf" -> 500000: what a writer sizes the tables for.
   KivQuarn::MountInfo writerMountInfo() const;
-  // Mounts both tables in `mode` (shared), sized by writerMountInfo().
+  // Mounts both tables in `mode` (shared), sized by writerMountInfo(). A writer creates their
+  // files with the mode its control handles give (QuarnMap::fileModeIs, before mounting; by
+  // default readable by all, writable by the owner).
   void mount(::Quarn::QuarnType mode);
   // The reading mode of consumers that must see every removal: keys kept privately, values
   // read from the shared table (lookups see the writer's current records).

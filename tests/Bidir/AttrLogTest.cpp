@@ -1,22 +1,32 @@
 // Replication of configuration and clear requests over the attribute log: in one process over a
 // socket pair (flow control, resumption, echo), and between real processes over a Unix socket
-// (random changes, a stopped reader, restarts of either side).
+// (random changes, a stopped reader, restarts of either side, peers that write what they may
+// not or have no access).
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Bidir/AttrLog.h"
 #include "support/ActivityWait.h"
+#include "support/AttrLogRecords.h"
 #include "support/Children.h"
 
 namespace Bidir = Routing::Pim::Bidir;
@@ -170,8 +180,13 @@ TEST(AttrLog, AppliesChangesOnceAndNeverEchoes) {
   Pair p;
   TreeWatch wWatch(p.writer.cfg, p.writer.clr), rWatch(p.reader.cfg, p.reader.clr);
   p.writer.clr->vrfClearConfigIs("red")->countersCountIs(7);
-  p.wEnd.adopt(p.fds[0], "writer");
   // The reader serves its own tree back on the same channel: what it applies must not return.
+  // Its records go to a tree of their own on the writer's side (the writer's own tree is not
+  // the peer's to write).
+  Tree mirror;
+  p.wEnd.read(mirror.cfg);
+  p.wEnd.read(mirror.clr);
+  p.wEnd.adopt(p.fds[0], "writer");
   p.rEnd.serve(p.reader.cfg);
   p.rEnd.serve(p.reader.clr);
   Log::Channel& back = p.rEnd.adopt(p.fds[1], "reader");
@@ -438,6 +453,138 @@ TEST_F(AttrLogProcs, StoppedReaderCoalescesAndRestartsResynchronise) {
   server = Bidir::configurationServe(act, dir + "/writer", writer.cfg, writer.clr);
   ASSERT_TRUE(converge());
   EXPECT_EQ(seen.clr->vrfClearConfigCount(), 18u);
+}
+
+// ---- peers of the configuration socket that it must not trust ----
+
+constexpr char const* kPeerRole = "ATTRLOG_PEER_ROLE";
+constexpr int kFloodMembers = 40000;
+
+int connectTo(std::string const& path) {
+  sockaddr_un a{};
+  a.sun_family = AF_UNIX;
+  std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+  int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) std::_Exit(3);
+  return fd;
+}
+
+// Three connections open at once, each writing 40,000 member records: into the served clear
+// requests, into a collection of its own, and into one inside a transaction that never ends.
+// Each sends until the serving side closes it or all is sent.
+int flood(std::string const& path) {
+  using Records = TestSupport::AttrLogRecords;
+  std::vector<Records> streams(3);
+  streams[0].create("Routing::Pim::Bidir::ClearConfigColl", "clr", 1);
+  streams[1].create("Routing::Pim::Bidir::ClearConfigColl", "flood", 1);
+  streams[2].marker(0, 0, 1).create("Routing::Pim::Bidir::ConfigColl", "flood", 1);
+  for (auto& s : streams) {
+    for (std::uint32_t i = 0; i < kFloodMembers; ++i) {
+      s.record(258, 1, 0, [&](Records& x) { x.str("vrf" + std::to_string(i)).u32(i + 2); });
+    }
+  }
+  int fds[3];
+  std::size_t sent[3] = {};
+  for (int& fd : fds) fd = connectTo(path);
+  for (bool more = true; more;) {
+    more = false;
+    for (int k = 0; k < 3; ++k) {
+      std::size_t const left = streams[k].b.size() - sent[k];
+      if (fds[k] < 0 || left == 0) continue;
+      ssize_t const n = ::send(fds[k], streams[k].b.data() + sent[k],
+                               std::min<std::size_t>(left, 65536), MSG_NOSIGNAL);
+      if (n > 0) {
+        sent[k] += std::size_t(n);
+      } else if (errno != EINTR) {
+        ::close(std::exchange(fds[k], -1));  // refused: the serving side closed it
+      }
+      more = true;
+    }
+  }
+  return 0;
+}
+
+// Takes the identity "<uid>:<gid>" when it may, attaches to the path and exits 0 once it has the
+// served state, 2 when the connection is refused with "permission denied", 1 otherwise.
+int attachAs(std::string const& who) {
+  unsigned uid = 0, gid = 0;
+  int pathAt = 0;
+  if (std::sscanf(who.c_str(), "%u:%u:%n", &uid, &gid, &pathAt) != 2) return 1;
+  if (::geteuid() == 0 &&
+      (::setgroups(0, nullptr) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0)) {
+    return 1;
+  }
+  Kiv::Activity act;
+  Tree t;
+  auto client = Bidir::configurationAttach(act, who.substr(std::size_t(pathAt)), t.cfg, t.clr);
+  runUntil(act, [&] { return client->synced() || client->errors() > 0; });
+  if (client->synced()) return 0;
+  if (client->lastError().ends_with("permission denied")) return 2;
+  std::fprintf(stderr, "attach: %s\n", client->waitReason().c_str());
+  return 1;
+}
+
+int peerRole(std::string const& value) {
+  if (value.starts_with("flood:")) return flood(value.substr(6));
+  if (value.starts_with("attach:")) return attachAs(value.substr(7));
+  return 1;
+}
+[[maybe_unused]] bool const isPeer = TestSupport::childRole(kPeerRole, peerRole);
+
+struct AttrLogPeers : AttrLogProcs {
+  TestSupport::Children peers{kPeerRole};
+  // Runs the peer to its end; its exit status, or -1 if it did not end in time.
+  int run(std::string const& value) {
+    pid_t const pid = peers.spawn(value);
+    int status = 0;
+    if (!runUntil(act, [&] { return peers.exited(pid, &status); }, 60)) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+};
+
+TEST_F(AttrLogPeers, AFloodOfPeerWritesIsRefusedAndLeavesNothingBehind) {
+  for (int i = 0; i < 5; ++i) writer.clr->vrfClearConfigIs(vrf(i))->groupsCountIs(1);
+  std::string const before = dump(writer);
+  ASSERT_EQ(run("flood:" + dir + "/writer"), 0);
+  ASSERT_TRUE(
+      runUntil(act, [&] { return server->connections() == 3 && server->channels().empty(); }));
+  EXPECT_EQ(dump(writer), before);
+  EXPECT_TRUE(server->created().empty());
+  EXPECT_EQ(server->errors(), 3u) << server->lastError();
+  // The most one connection held: the read-only binding of "clr", and one read from the socket
+  // beside the rest of a record.
+  EXPECT_LE(server->peakEntities(), 1u);
+  EXPECT_LE(server->peakBytesHeld(),
+            Log::Channel::readChunk + Log::MsgHeader::wireSize + Log::kMaxRecordBytes);
+}
+
+TEST_F(AttrLogPeers, TheSocketIsTheOwnersAndOthersAreToldTheyHaveNoAccess) {
+  std::string const path = dir + "/writer";
+  struct stat st{};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  // Others may reach the socket, so that only its own mode keeps them out. Without the right to
+  // take another identity, the owner itself is shut out to play the stranger.
+  ASSERT_EQ(::chmod(dir.c_str(), 0711), 0);
+  if (::geteuid() != 0) {
+    ASSERT_EQ(::chmod(path.c_str(), 0), 0);
+  }
+  EXPECT_EQ(run("attach:65534:65534:" + path), 2);
+}
+
+TEST_F(AttrLogPeers, AGroupGivenToTheServingSideMayConnect) {
+  std::string const path = dir + "/writer";
+  gid_t const group = ::geteuid() == 0 ? 65534 : ::getgid();
+  Log::Endpoint::Options options;
+  options.group = group;
+  server.reset();
+  server = Bidir::configurationServe(act, path, writer.cfg, writer.clr, options);
+  struct stat st{};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0660u);
+  EXPECT_EQ(st.st_gid, group);
+  ASSERT_EQ(::chmod(dir.c_str(), 0711), 0);
+  EXPECT_EQ(run("attach:65534:" + std::to_string(group) + ":" + path), 0);
 }
 
 }  // namespace

@@ -4,56 +4,32 @@
 #include "Kiv/NboAttrLog.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <exception>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Bidir/AttrLog.h"
 #include "Jorv/Exception.h"
+#include "support/ActivityWait.h"
+#include "support/AttrLogRecords.h"
 
 namespace Bidir = Routing::Pim::Bidir;
 namespace Log = Kiv::NboAttrLog;
 
 namespace {
 
-// Hand-built records, in the layout the header of Kiv/NboAttrLog.h describes.
-struct Bytes {
-  std::vector<std::uint8_t> b;
-  Bytes& u8(std::uint8_t v) {
-    b.push_back(v);
-    return *this;
-  }
-  Bytes& u32(std::uint32_t v) {
-    for (int s = 24; s >= 0; s -= 8) b.push_back(std::uint8_t(v >> s));
-    return *this;
-  }
-  Bytes& str(std::string const& s) {
-    u32(std::uint32_t(s.size()));
-    b.insert(b.end(), s.begin(), s.end());
-    return *this;
-  }
-  Bytes& record(std::int32_t attr, std::uint32_t id, std::uint32_t parent,
-                std::function<void(Bytes&)> const& body, std::uint8_t flags = 1) {
-    Bytes inner;
-    if (flags == 1) inner.u8(1);
-    body(inner);
-    if (flags == 1) inner.u8(3);
-    u32(std::uint32_t(inner.b.size())).u32(std::uint32_t(attr)).u32(id).u32(parent).u8(flags);
-    u8(0).u8(0).u8(0);
-    b.insert(b.end(), inner.b.begin(), inner.b.end());
-    return *this;
-  }
-  Bytes& create(std::string const& type, std::string const& arg, std::uint32_t id) {
-    return record(136, id, 0, [&](Bytes& x) {
-      x.u8(2).u8(1).str(type).u8(2).u8(3).str(arg).u8(2).u8(4).u32(id);
-    });
-  }
-  Bytes& marker(std::int32_t attr, std::uint32_t id, std::uint8_t token) {
-    return record(attr, id, 0, [&](Bytes& x) { x.u8(token).u32(0); }, 2);
-  }
-};
+using Bytes = TestSupport::AttrLogRecords;
+
+// In puts the header of the record in front of the errors found in it: compare the end.
+::testing::AssertionResult endsWith(std::string const& text, std::string const& tail) {
+  if (text.ends_with(tail)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "\"" << text << "\" does not end with \"" << tail << "\"";
+}
 
 // A clear-request collection "clr" (id 1) with member "red" (id 2).
 Bytes base() {
@@ -110,24 +86,28 @@ TEST_F(NboAttrLogReader, RefusesEachKindOfBadRecordWithoutApplyingIt) {
             "MrouteClearFlags::value > 0x3 not allowed");
   EXPECT_EQ(clr->vrfClearConfig("red")->groupKey(), Bidir::ClearConfig::GroupKey());
   // An identifier nobody announced, and one announced under another parent.
-  EXPECT_EQ(feed(more([](Bytes& s) { s.record(261, 99, 1, [](Bytes& x) { x.u32(6); }); }), false),
-            "entity identifier out of range: 99");
-  EXPECT_EQ(feed(more([](Bytes& s) { s.record(261, 2, 7, [](Bytes& x) { x.u32(6); }); }), false),
-            "entity identifier out of range: 2");
+  EXPECT_TRUE(endsWith(
+      feed(more([](Bytes& s) { s.record(261, 99, 1, [](Bytes& x) { x.u32(6); }); }), false),
+      "entity identifier out of range: 99"));
+  EXPECT_TRUE(endsWith(
+      feed(more([](Bytes& s) { s.record(261, 2, 7, [](Bytes& x) { x.u32(6); }); }), false),
+      "entity identifier out of range: 2"));
   // A deletion whose key is longer than a VRF name may be.
   EXPECT_EQ(feed(more([](Bytes& s) {
               s.record(-258, 1, 0, [](Bytes& x) { x.str(std::string(101, 'v')); });
             }), false),
             "VrfName::bytes > 100 not allowed");
-  // A value cut short inside its record, and a record with bytes left over.
+  // A value cut short inside its record, and a record with bytes left over: the error names the
+  // record it was found in.
   EXPECT_EQ(feed(more([](Bytes& s) { s.record(261, 2, 1, [](Bytes& x) { x.u8(0).u8(6); }); }),
                  false),
-            "truncated record");
-  EXPECT_EQ(feed(more([](Bytes& s) { s.record(260, 2, 1, [](Bytes& x) { x.u8(1).u8(0); }); }),
-                 false),
-            "bad token, expected 3");
-  EXPECT_EQ(feed(more([](Bytes& s) { s.create("Routing::Pim::Bidir::Nothing", "x", 9); }), false),
-            "unknown type name: Routing::Pim::Bidir::Nothing");
+            "record (entity 2, parent 1, attribute 261, length 4): truncated record");
+  EXPECT_TRUE(endsWith(
+      feed(more([](Bytes& s) { s.record(260, 2, 1, [](Bytes& x) { x.u8(1).u8(0); }); }), false),
+      "attribute 260, length 4): bad token, expected 3"));
+  EXPECT_TRUE(endsWith(
+      feed(more([](Bytes& s) { s.create("Routing::Pim::Bidir::Nothing", "x", 9); }), false),
+      "unknown type name: Routing::Pim::Bidir::Nothing"));
   EXPECT_EQ(counters(), 5u);
   EXPECT_EQ(clr->vrfClearConfigCount(), 1u);
 }
@@ -181,6 +161,192 @@ TEST_F(NboAttrLogReader, GuardsAgainstReentryAndRemoteWritesToReadOnlyProxies) {
   t.record(261, 2, 1, [](Bytes& x) { x.u32(4); });
   EXPECT_EQ(feed(t, false), "write-update from readonly proxy: clr/red");
   EXPECT_EQ(counters(), 3u);
+}
+
+// A peer of an endpoint that serves "cfg" (member "blue") and "clr": a channel whose far end is
+// closed, fed by hand.
+struct ServingEndpoint : ::testing::Test {
+  Kiv::Activity act;
+  Kiv::Ptr<Bidir::ConfigColl> cfg = Bidir::configCollFactory("cfg");
+  Kiv::Ptr<Bidir::ClearConfigColl> clr = Bidir::clearConfigCollFactory("clr");
+  std::unique_ptr<Log::Endpoint> end;
+  void SetUp() override {
+    Bidir::attrLogTypesRegister();
+    cfg->vrfConfigIs("blue")->groupExpiryIntervalIs(30);
+    start(Log::Endpoint::Options{});
+  }
+  void start(Log::Endpoint::Options options) {
+    end = std::make_unique<Log::Endpoint>(act, options);
+    end->serve(cfg);
+    end->serve(clr);
+  }
+  // Feeds `s` to a new channel; the error text, or "" when all was accepted.
+  std::string feed(Bytes const& s) {
+    int fds[2];
+    Log::socketPair(fds);
+    ::close(fds[1]);
+    Log::Channel& ch = end->adopt(fds[0], "peer");
+    try {
+      ch.in().feed(s.b);
+    } catch (std::exception const& e) {
+      return e.what();
+    }
+    return "";
+  }
+  std::string state() {
+    std::string s;
+    for (auto const& c : cfg->vrfConfigIter()) {
+      s += c.vrfName().toString() + "=" + std::to_string(c.groupExpiryInterval()) + ";";
+    }
+    return s + std::to_string(clr->vrfClearConfigCount());
+  }
+};
+
+TEST_F(ServingEndpoint, PeerWritesToServedEntitiesAreRefusedWithNothingApplied) {
+  std::string const before = state();
+  auto served = [](auto const& add) {
+    Bytes s;
+    s.create("Routing::Pim::Bidir::ConfigColl", "cfg", 1);
+    add(s);
+    return s;
+  };
+  // A new member, a member's removal, an attribute of the collection, and the same inside a
+  // transaction: each is a write to the served collection.
+  EXPECT_EQ(
+      feed(served([](Bytes& s) { s.record(258, 1, 0, [](Bytes& x) { x.str("red").u32(2); }); })),
+      "write-update from readonly proxy: cfg");
+  EXPECT_EQ(feed(served([](Bytes& s) { s.record(-258, 1, 0, [](Bytes& x) { x.str("blue"); }); })),
+            "write-update from readonly proxy: cfg");
+  EXPECT_EQ(feed(served([](Bytes& s) { s.record(6, 1, 0, [](Bytes& x) { x.u8(1); }); })),
+            "write-update from readonly proxy: cfg");
+  EXPECT_EQ(feed(served([](Bytes& s) {
+              s.marker(258, 1, 1);
+              s.record(258, 1, 0, [](Bytes& x) { x.str("blue").u32(2); });
+              s.record(259, 2, 1, [](Bytes& x) { x.u8(0).u8(9); });
+              s.marker(258, 1, 3);
+            })),
+            "write-update from readonly proxy: cfg");
+  EXPECT_EQ(state(), before);
+  EXPECT_TRUE(end->created().empty());
+}
+
+TEST_F(ServingEndpoint, ReadingPeersMaySendSyncModesAndBindWhatIsServedButNothingElse) {
+  start(Log::Endpoint::Options{.peers = Log::Endpoint::Peers::readers});
+  Bytes reader;
+  reader.syncMode(1).create("Routing::Pim::Bidir::ClearConfigColl", "clr", 1).syncMode(2);
+  EXPECT_EQ(feed(reader), "");
+  Bytes other;
+  other.create("Routing::Pim::Bidir::ClearConfigColl", "other", 1);
+  EXPECT_TRUE(endsWith(feed(other),
+                       "create from readonly peer: Routing::Pim::Bidir::ClearConfigColl other"));
+  Bytes transaction;
+  transaction.marker(0, 0, 1);
+  EXPECT_TRUE(endsWith(feed(transaction), "transaction from readonly peer"));
+  EXPECT_TRUE(end->created().empty());
+  EXPECT_EQ(end->peakEntities(), 1u);
+}
+
+TEST_F(ServingEndpoint, WritingPeersAreBoundedPerConnectionAndWhatTheyMadeGoesWithIt) {
+  start(Log::Endpoint::Options{.maxEntities = 50, .maxPendingBytes = 1000});
+  auto collection = [](std::string const& name, int members, bool transaction) {
+    Bytes s;
+    s.create("Routing::Pim::Bidir::ClearConfigColl", name, 1);
+    if (transaction) s.marker(258, 1, 1);
+    for (int i = 0; i < members; ++i) {
+      s.record(258, 1, 0, [&](Bytes& x) { x.str("vrf" + std::to_string(i)).u32(i + 2); });
+    }
+    return s;
+  };
+  EXPECT_EQ(feed(collection("own", 30, false)), "");
+  ASSERT_EQ(end->created().size(), 1u);
+  Kiv::Ptr<Kiv::Entity> const own = end->created().front();
+  EXPECT_TRUE(endsWith(feed(collection("big", 60, false)),
+                       "too many entities on one connection: 50"));
+  EXPECT_TRUE(endsWith(feed(collection("wide", 40, true)), "transaction too large: over 1000"));
+  EXPECT_LE(end->peakEntities(), 50u);
+  EXPECT_LE(end->peakBytesHeld(), 1000u + Log::MsgHeader::wireSize + Log::kMaxRecordBytes);
+  // The peers' far ends are closed: once the channels have gone, so has everything they made.
+  ASSERT_TRUE(TestSupport::runUntil(act, [&] { return end->channels().empty(); }));
+  ASSERT_TRUE(TestSupport::runUntil(act, [&] { return end->created().empty(); }));
+  EXPECT_EQ(own->references(), 1u);
+  EXPECT_EQ(state(), "blue=30;0");
+}
+
+// While it lives, no descriptor can be made. What it catches is looked at only once descriptors
+// are back: a sanitizer's own checks may need one.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    ::getrlimit(RLIMIT_NOFILE, &old_);
+    rlimit none = old_;
+    none.rlim_cur = 0;
+    ok_ = ::setrlimit(RLIMIT_NOFILE, &none) == 0;
+  }
+  ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &old_); }
+  bool ok() const noexcept { return ok_; }
+  template <class F>
+  std::exception_ptr error(F const& f) {
+    try {
+      f();
+    } catch (...) {
+      return std::current_exception();
+    }
+    return nullptr;
+  }
+
+ private:
+  rlimit old_{};
+  bool ok_ = false;
+};
+
+std::string what(std::exception_ptr const& error) {
+  try {
+    if (error) std::rethrow_exception(error);
+  } catch (std::exception const& e) {
+    return e.what();
+  }
+  return "";
+}
+
+// Descriptors run out: the errors carry errno's text.
+TEST(NboAttrLogSockets, ASocketPairThatCannotBeMadeSaysWhy) {
+  std::exception_ptr error;
+  {
+    NoDescriptors none;
+    ASSERT_TRUE(none.ok());
+    error = none.error([] {
+      int fds[2];
+      Log::socketPair(fds);
+    });
+  }
+  EXPECT_EQ(what(error), "NboAttrLog: socketpair failed: Too many open files");
+}
+
+TEST(NboAttrLogSockets, AServerThatCannotMakeItsSocketSaysWhy) {
+#if defined(__SANITIZE_ADDRESS__)
+  // That build carries the undefined-behaviour sanitizer too, whose check of each member access
+  // of a class with virtual functions makes a pipe: without descriptors every one fails.
+  GTEST_SKIP() << "the sanitized build cannot construct a Server without descriptors";
+#endif
+  Kiv::Activity act;
+  std::string const path = "/tmp/attrlog-nofd-" + std::to_string(::getpid());
+  std::exception_ptr error;
+  {
+    NoDescriptors none;
+    ASSERT_TRUE(none.ok());
+    error = none.error([&] { Log::Server server(act, path); });
+  }
+  EXPECT_EQ(what(error), "NboAttrLog::Server: socket failed: Too many open files");
+}
+
+TEST(NboAttrLogSockets, ConnectionsBeyondTheBoundAreClosedAsTheyCome) {
+  Kiv::Activity act;
+  std::string const path = "/tmp/attrlog-bound-" + std::to_string(::getpid());
+  Log::Server server(act, path, Log::Endpoint::Options{.maxConnections = 1});
+  Log::Client first(act, path), second(act, path);
+  ASSERT_TRUE(TestSupport::runUntil(act, [&] { return server.errors() > 0; }));
+  EXPECT_EQ(server.lastError(), "peer of " + path + ": too many connections: 1");
+  EXPECT_EQ(server.channels().size(), 1u);
 }
 
 }  // namespace

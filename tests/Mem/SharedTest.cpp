@@ -13,8 +13,10 @@
 #include <filesystem>
 
 #include "Mem/Shared.h"
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 #include "Quarn/TestRecord.h"
-#include "Quarn/Util.h"
+#include "support/PrivateTmpfs.h"
 
 namespace {
 
@@ -108,6 +110,67 @@ TEST(MemShared, MappingsSurviveTheirFileBeingReplacedOrTruncated) {
       [](int status) { return !(WIFEXITED(status) && WEXITSTATUS(status) == 0); }, "");
 }
 
+// On a file system that finds pages on first touch (tmpfs), the bytes of a mapping are reserved
+// when its file is made or grows: a full file system fails that call with ENOSPC and leaves the
+// file, its mapping and the free space as they were; nothing faults later.
+TEST(MemShared, SpaceIsReservedWhenAFileIsMadeOrGrows) {
+  TestSupport::PrivateTmpfs fs(256 * 1024);
+  if (!fs.available()) GTEST_SKIP() << "no private tmpfs here (" << fs.why() << ")";
+  std::size_t const page = Mem::pageSize();
+  std::size_t const free = fs.freeBytes();
+  Mem::Shared file("data", fs.path());
+  ASSERT_TRUE(file.attach(4 * page));
+  EXPECT_EQ(fs.freeBytes(), free - 4 * page);  // taken now, not on first touch
+  std::strcpy(file.base() + 3 * page, "kept");
+  ASSERT_TRUE(fs.fill(2 * page));
+
+  errno = 0;
+  EXPECT_FALSE(file.resize(8 * page));
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(file.mappedSize(), 4 * page);
+  EXPECT_EQ(file.mappedFileSize(), 4 * page);
+  EXPECT_EQ(fs.freeBytes(), 2 * page);
+  EXPECT_STREQ(file.base() + 3 * page, "kept");
+  ASSERT_TRUE(file.resize(6 * page));  // what fits
+  std::strcpy(file.base() + 5 * page, "tail");
+
+  Mem::Shared other("other", fs.path());
+  errno = 0;
+  EXPECT_FALSE(other.attach(page));
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_FALSE(std::filesystem::exists(other.path()));  // no empty file left behind
+
+  fs.release();
+  ASSERT_TRUE(file.resize(8 * page));
+  EXPECT_STREQ(file.base() + 5 * page, "tail");
+  ASSERT_TRUE(other.attach(page));
+}
+
+// A fault inside the file is not truncation: a page that the full file system cannot supply ends
+// the process (or whatever handled SIGBUS before decides) instead of reading as zeros.
+TEST(MemShared, AFaultInsideTheFileIsNotPaperedOver) {
+  TestSupport::PrivateTmpfs fs(256 * 1024);
+  if (!fs.available()) GTEST_SKIP() << "no private tmpfs here (" << fs.why() << ")";
+  std::size_t const page = Mem::pageSize();
+  Mem::Shared file("data", fs.path());
+  ASSERT_TRUE(file.attach(2 * page));
+  int const fd = ::open(file.path().c_str(), O_RDWR);
+  ASSERT_EQ(::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(page), off_t(page)),
+            0);
+  ::close(fd);
+  ASSERT_TRUE(fs.fill());
+  EXPECT_EXIT(
+      {
+        file.base()[page] = 1;  // a hole with no page left to fill it
+        std::_Exit(file.damaged() ? 2 : 0);
+      },
+      [](int status) {
+        return !(WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 2));
+      },
+      "");
+  EXPECT_FALSE(file.damaged());
+}
+
 TEST(QuarnUtil, FenixFileAndCorruptionMarker) {
   TempDir dir;
   std::string const root = dir.path() + "/t";
@@ -125,29 +188,6 @@ TEST(QuarnUtil, FenixFileAndCorruptionMarker) {
   std::size_t files = 0;
   for ([[maybe_unused]] auto const& e : std::filesystem::directory_iterator(root)) ++files;
   EXPECT_EQ(files, 2u);
-}
-
-TEST(QuarnUtil, WriterLockExcludesAndRecordsOwner) {
-  TempDir dir;
-  std::string const root = dir.path() + "/locked";
-  {
-    Quarn::Util::AutoLock lock(root);
-    ASSERT_TRUE(lock.locked());
-    EXPECT_EQ(Quarn::Util::fileRead(root + "/last-owner"), std::to_string(::getpid()) + "\n");
-    // Another process cannot take the lock while it is held.
-    pid_t const child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      int const fd = ::open((root + "/last-owner").c_str(), O_RDWR);
-      ::_exit(::flock(fd, LOCK_EX | LOCK_NB) == 0 ? 1 : 0);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-  }
-  int const fd = Quarn::Util::acquireWriterLock(root);
-  EXPECT_GE(fd, 0);
-  Quarn::Util::releaseWriterLock(fd);
 }
 
 }  // namespace

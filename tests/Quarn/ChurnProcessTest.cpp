@@ -21,6 +21,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Quarn/Files.h"
 #include "Quarn/QuarnMap.h"
 #include "TestRecord.h"
 #include "support/ActivityWait.h"

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Quarn/Files.h"
 #include "Quarn/QuarnWriter.h"
 #include "TestRecord.h"
 
@@ -10,18 +11,6 @@ using namespace QuarnTest;
 using Writer = Quarn::QuarnWriter<TestKey, TestWrapper>;
 
 namespace {
-
-// Readers as the writer sees them: the lowest acknowledged sequence and the number of wake-ups.
-class TestKick final : public Quarn::WriterKick {
- public:
-  void doKickSleepers() override { ++kicks; }
-  std::uint64_t lowestSequence() const override { return lowest; }
-  std::uint32_t numReaders() const override { return readers; }
-
-  std::uint64_t lowest = noReaders;
-  std::uint32_t readers = 0;
-  std::uint64_t kicks = 0;
-};
 
 struct ConquerFixture : ::testing::Test {
   TempRoot root;

@@ -8,8 +8,8 @@
 #include "Bidir/Quarn/Group.h"
 #include "Bidir/Quarn/GroupIntf.h"
 #include "Mem/Shared.h"
+#include "Quarn/Hash.h"
 #include "Quarn/QuarnWriter.h"
-#include "Quarn/Util.h"
 #include "TestRecord.h"
 
 using namespace QuarnTest;

@@ -15,7 +15,6 @@
 #include <optional>
 #include <sstream>
 
-#include "Quarn/Util.h"
 #include "QuarnMapFixture.h"
 #include "support/Children.h"
 

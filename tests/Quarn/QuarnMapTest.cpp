@@ -8,11 +8,12 @@
 
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 
 #include "Quarn/ConquerTable.h"
+#include "Quarn/Files.h"
 #include "Quarn/SlotTable.h"
-#include "Quarn/Util.h"
 #include "QuarnMapFixture.h"
 
 using namespace QuarnTest;
@@ -209,6 +210,32 @@ TEST_F(QuarnMapFixture, CorruptionReportMakesWriterValidate) {
   EXPECT_TRUE(writer->validate());
   writer->safeWrite(record(3, 4, 4));
   EXPECT_TRUE(runUntil([&] { return recorder.saw(TestKey{4, 3}); }));
+}
+
+// A passive reader (a tool's) follows the table by polling alone: the writer never counts it,
+// and corruption it meets stays with it instead of becoming the writer's corruption report.
+TEST_F(QuarnMapFixture, PassiveReaderIsUnknownToTheWriterAndReportsNothingToIt) {
+  auto writer = map(QuarnType::writer);
+  writer->safeWrite(record(3, 3, 3));
+  Map passive(table, &recorder, tmp.path(), activity);
+  passive.passiveIs(0.01);
+  passive.remountIntervalIs(3600);
+  passive.init(QuarnType::keyshadow, false, 0);
+  ASSERT_TRUE(runUntil([&] { return passive.fullyAttached() && recorder.saw(TestKey{3, 3}); }));
+  writer->safeWrite(record(3, 4, 4));
+  ASSERT_TRUE(runUntil([&] { return recorder.saw(TestKey{4, 3}); }));
+  std::string const queue = Quarn::Util::fileRead(root() + "/conquer.1");
+  std::uint32_t numReaders = 1;
+  std::memcpy(&numReaders, queue.data() + offsetof(Quarn::ConquerTable::Header, numReaders), 4);
+  EXPECT_EQ(numReaders, 0u);
+
+  corruptBucketOf(TestKey{3, 3});
+  bool found = true;
+  passive.safeLookup(TestKey{3, 3}, found);
+  EXPECT_FALSE(found);
+  EXPECT_TRUE(trace.contains("QuarnMap::corruptionDetected()"));
+  EXPECT_EQ(Quarn::Util::memSize(root() + "/corruption-detected"), 0u);
+  EXPECT_EQ(failure([&] { passive.passiveIs(1); }), "QuarnMap::passiveIs() t already initialized");
 }
 
 // A write that meets corruption ends in no man's land; the writer re-formats its table under a
@@ -545,6 +572,28 @@ TEST_F(Consumers, KeyShadowLookupsSeeTheWriterAndReportWhatTheyHandedOut) {
   truth[TestKey{8, 4}] = 80;
   ASSERT_TRUE(
       runUntil([&] { return keys.map->sequence() == writer->sequence() && keys.model == truth; }));
+}
+
+// Every file of a table gets the mode its writer asks for, exactly (the umask narrows nothing):
+// by default readable by all and writable by the owner.
+TEST_F(QuarnMapFixture, TableFilesTakeTheWritersMode) {
+  auto const modes = [&] {
+    std::vector<unsigned> out;
+    for (char const* name : {"slots", "buckets", "conquer.1", "conquer.2", "fenix", "last-owner"}) {
+      struct stat st {};
+      out.push_back(::stat((root() + "/" + name).c_str(), &st) == 0 ? st.st_mode & 07777 : 0);
+    }
+    return out;
+  };
+  mode_t const umask = ::umask(077);
+  auto writer = map(QuarnType::writer);
+  EXPECT_EQ(modes(), std::vector<unsigned>(6, 0644));
+  writer->cleanup();
+  writer = std::make_unique<Map>(table, &recorder, tmp.path(), activity);
+  writer->fileModeIs(0640);
+  writer->init(QuarnType::writer, false, 100);
+  EXPECT_EQ(modes(), std::vector<unsigned>(6, 0640));
+  ::umask(umask);
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <csignal>
 #include <fstream>
 
+#include "Quarn/Fenix.h"
+#include "Quarn/Files.h"
 #include "Quarn/QuarnWriter.h"
 #include "TestRecord.h"
 
@@ -111,6 +113,16 @@ TEST(QuarnRestart, KilledWritersEntriesSurvive) {
   for (char const* name : {"slots", "buckets", "conquer.1", "conquer.2", "fenix", "last-owner"}) {
     EXPECT_EQ(Quarn::Util::memSize(dir + "/" + name), 0u) << name;
   }
+}
+
+// A start on new files loses nothing and does not say it does.
+TEST(QuarnRestart, AFreshStartLosesNothing) {
+  TempRoot root;
+  TraceCapture trace(testHandle);
+  Writer w(dh(), "fresh", 100, false, "TestRecord", nullptr, root.path());
+  w.attach();
+  EXPECT_FALSE(trace.contains("will be lost"));
+  EXPECT_TRUE(trace.contains("QuarnWriter::attach() new files in " + root.path() + "/fresh"));
 }
 
 // Damaged headers, or files of another record type, are re-formatted empty under the next
@@ -234,16 +246,18 @@ TEST(QuarnRestart, ChangeMadeButNotAnnouncedIsAnnouncedByTheNextWriter) {
   writeWord(table, 60 + 12 * pos, 1);
   writeWord(dir + "/slots", 176 + 48 * 2 + 16 + 8, 555);
 
-  Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
-  std::uint32_t const fenix = Quarn::FenixFile::read(dir);
-  w.attach();
-  EXPECT_EQ(w.fenix(), fenix);
-  expectSurvivors(w, 555);
-  EXPECT_EQ(w.conquer().sequence(), last + 1);
-  auto const after = fileBytes(table);
-  EXPECT_EQ(at(after, 48), pos + 1);       // published
-  EXPECT_EQ(at(after, 60 + 12 * pos), 1u);  // naming slot 1
-  EXPECT_TRUE(w.validate());
+  {
+    Writer w(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
+    std::uint32_t const fenix = Quarn::FenixFile::read(dir);
+    w.attach();
+    EXPECT_EQ(w.fenix(), fenix);
+    expectSurvivors(w, 555);
+    EXPECT_EQ(w.conquer().sequence(), last + 1);
+    auto const after = fileBytes(table);
+    EXPECT_EQ(at(after, 48), pos + 1);       // published
+    EXPECT_EQ(at(after, 60 + 12 * pos), 1u);  // naming slot 1
+    EXPECT_TRUE(w.validate());
+  }
   // A restart with nothing prepared announces nothing.
   Writer again(dh(), "restart", 100, false, "TestRecord", nullptr, root.path());
   again.attach();

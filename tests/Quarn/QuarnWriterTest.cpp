@@ -10,6 +10,7 @@
 #include <random>
 #include <set>
 
+#include "Quarn/Files.h"
 #include "Quarn/QuarnWriter.h"
 #include "TestRecord.h"
 

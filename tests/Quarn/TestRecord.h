@@ -94,6 +94,7 @@ class TempRoot {
 #include <vector>
 
 #include "Jorv/Trace.h"
+#include "Quarn/WriterKick.h"
 
 namespace QuarnTest {
 
@@ -145,6 +146,18 @@ class TraceCapture : public Jorv::TraceSink {
   Jorv::TraceSink* previous_;
   std::vector<std::string> lines_;
   std::vector<int> levels_;
+};
+
+// Readers as the writer sees them: the lowest acknowledged sequence and the number of wake-ups.
+class TestKick final : public Quarn::WriterKick {
+ public:
+  void doKickSleepers() override { ++kicks; }
+  std::uint64_t lowestSequence() const override { return lowest; }
+  std::uint32_t numReaders() const override { return readers; }
+
+  std::uint64_t lowest = noReaders;
+  std::uint32_t readers = 0;
+  std::uint64_t kicks = 0;
 };
 
 // Every entry of a table as key -> value, walked with the table's first and `next` (a callable

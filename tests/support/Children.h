@@ -52,6 +52,12 @@ class Children {
     reap(pid);
     std::erase(pids_, pid);
   }
+  // True once `pid` has exited (reaped here, its wait status in `*status`); never blocks.
+  bool exited(pid_t pid, int* status) {
+    if (::waitpid(pid, status, WNOHANG) != pid) return false;
+    std::erase(pids_, pid);
+    return true;
+  }
 
  private:
   static void reap(pid_t pid) {

@@ -12,59 +12,13 @@
 
 namespace BidirAgent {
 
-std::vector<std::string> Options::args() const {
-  auto num = [](double v) {
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%.17g", v);
-    return std::string(buf);
-  };
-  std::vector<std::string> out = {"--groups",   num(groups),     "--intfs",       num(intfs),
-                                  "--rps",      num(rps),        "--seconds",     num(seconds),
-                                  "--restart-at", num(restartAt), "--rate",       num(rate),
-                                  "--df-move-every", num(dfMoveEvery),
-                                  "--config-every", num(configEvery)};
-  if (quiet) out.push_back("--quiet");
-  return out;
-}
-
-bool Options::parse(int argc, char** argv, int first) {
-  for (int i = first; i < argc; ++i) {
-    std::string const arg = argv[i];
-    if (arg == "--short") {
-      shortRun();
-      continue;
-    }
-    if (arg == "--quiet") {
-      quiet = true;
-      continue;
-    }
-    if (i + 1 >= argc) return false;
-    char* end = nullptr;
-    double const v = std::strtod(argv[++i], &end);
-    if (end == argv[i] || *end != '\0' || !std::isfinite(v)) return false;
-    if (arg == "--groups" && v >= 1 && v <= 5000) {
-      groups = std::uint32_t(v);
-    } else if (arg == "--intfs" && v >= 2 && v <= 100 && v * groups <= 500000) {
-      intfs = std::uint32_t(v);
-    } else if (arg == "--rps" && v >= 1 && v <= 16) {
-      rps = std::uint32_t(v);
-    } else if (arg == "--seconds" && v >= 2) {
-      seconds = v;
-      restartAt = v / 2;
-    } else if (arg == "--restart-at" && v > 0) {
-      restartAt = v;
-    } else if (arg == "--rate" && v >= 100) {
-      rate = v;
-    } else if (arg == "--df-move-every" && v > 0) {
-      dfMoveEvery = v;
-    } else if (arg == "--config-every" && v > 0) {
-      configEvery = v;
-    } else {
-      return false;
-    }
-  }
-  // The configuration process makes at least one round while the churn runs.
-  return restartAt < seconds && configEvery < seconds;
+void tellDoing(int reportFd, Role role, char const* what) {
+  Report r;
+  r.kind = Report::doing;
+  r.role = role;
+  r.time = now();
+  std::snprintf(r.text, sizeof r.text, "%s", what);
+  send(reportFd, r);
 }
 
 Lanx::IpGenAddr groupAddr(std::uint32_t i) {

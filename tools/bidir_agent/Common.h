@@ -28,26 +28,22 @@ struct Options {
   std::uint32_t intfs = 100;
   std::uint32_t rps = 4;
   double seconds = 40;    // churn time, restart included
-  double restartAt = 20;  // when the agent is killed
+  double restartAt = 20;  // seconds into the churn when the agent is killed
   double rate = 100000;   // exported changes per second the agent aims at
   double dfMoveEvery = 3; // seconds between two DF elections moving
   double configEvery = 4; // seconds between two rounds of the configuration process
   bool quiet = false;     // no progress lines
+  bool keep = false;      // after the summary, keep processes and root until Ctrl-C
 
   // The short run for CI: a small state, a few seconds.
-  void shortRun() {
-    groups = 200;
-    intfs = 20;
-    seconds = 5;
-    restartAt = 2.5;
-    rate = 20000;
-    dfMoveEvery = 1;
-    configEvery = 1;
-  }
-  // argv form, handed to the child processes.
+  void shortRun();
+  // argv form, handed to the child processes (what they need: not --keep).
   std::vector<std::string> args() const;
-  // false on a malformed command line.
-  bool parse(int argc, char** argv, int first);
+  // Parses argv[first..] over these values. Returns "" on success, else what is wrong, naming
+  // the option and why ("--rate 50: must be at least 100").
+  std::string parse(int argc, char** argv, int first);
+  // The text of --help: every option with its default and range.
+  static std::string help(char const* program);
 };
 
 inline double now() { return Kiv::Activity::now(); }
@@ -72,6 +68,7 @@ struct Report {
     reconciled,  // agent after a restart: the state came back from the tables
     finished,    // rpdf/config: stopped changing; agent/reader: digest written
     failed,
+    doing,       // agent, reader: what it is doing from now on (`text`)
     configured,  // agent: a new group expiry interval applied (`expiry`)
     clearActed,  // agent: a clear request acted on (`clearCount`; `groups` deleted)
     groupCleared,   // agent: group `group` deleted by a clear request, `time` taken just before
@@ -130,6 +127,12 @@ inline std::string configSocket(std::string const& root) { return root + "/confi
 // simulation's time is compressed, as its other protocol timers are): 210 keeps an idle group
 // 2.1 s.
 inline constexpr double kExpiryUnitSeconds = 0.01;
+
+// Tells the supervisor what the process is doing from now on, for its progress lines. The
+// supervisor shows the figures of the two steady states beside them.
+void tellDoing(int reportFd, Role role, char const* what);
+inline constexpr char const* kAgentChurning = "churning";
+inline constexpr char const* kReaderFollowing = "following the tables";
 
 using DemoSupport::LagHistogram;
 using DemoSupport::receive;

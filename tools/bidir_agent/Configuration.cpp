@@ -64,7 +64,7 @@ int runConfig(Options const& options, std::string const& root, int reportFd, int
   bool changing = true;
   Kiv::FdWatch commands(activity, commandFd, EPOLLIN, [&](std::uint32_t) {
     Command c;
-    if (!receive(commandFd, c)) std::_Exit(0);
+    if (!receive(commandFd, c)) DemoSupport::supervisorGone();
     if (c.op == Command::go) round.armIn(options.configEvery);
     if (c.op == Command::round && changing) makeRound();
     if (c.op == Command::stop && changing) {

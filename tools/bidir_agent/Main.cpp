@@ -1,24 +1,14 @@
-// bidir_agent: the library doing its job across real processes, under a private table root.
-//
-//   rp/df   publishes the RP hash and RPA-RPF tables and moves a DF election now and then;
-//   agent   holds the group state (5,000 groups x 100 interfaces by default), churns it and
-//           exports it; killed with SIGKILL halfway and started again, it takes its state back
-//           from the tables before exporting again;
-//   reader  rebuilds its own group state from the tables and evaluates the computations on it;
-//   config  serves the VRF's configuration and clear requests over the attribute log, changing
-//           the group expiry interval and asking for groups to be cleared every few seconds;
-//           the agent follows it and acts on both.
+// bidir_agent: a simulation of the library doing its job across real processes, under a private
+// table root (the help text, Options::help, says what each process does).
 //
 // This process (the supervisor) starts the four (this executable again, with --role), prints
-// a progress line every second, stops the churn at the end, has the agent and the reader each
-// write a digest of their state, and prints a summary. Exit status: 0 when the reader's state
-// equals the agent's and the configuration reached the agent (at least one expiry change and
-// one clear request acted on, every group it cleared seen vanishing from the reader), 1
-// otherwise, 130 when interrupted. The table root, the socket included, is removed at the end,
-// also on SIGINT and SIGTERM.
-//
-// Usage: bidir_agent [--short] [--seconds S] [--restart-at S] [--rate N] [--groups N]
-//                    [--intfs N] [--rps N] [--df-move-every S] [--config-every S] [--quiet]
+// a progress line every second saying what each is doing, stops the churn at the end, has the
+// agent and the reader each write a digest of their state, and prints a summary. Exit status: 0
+// when the reader's state equals the agent's and the configuration reached the agent (at least
+// one expiry change and one clear request acted on, every group it cleared seen vanishing from
+// the reader), 1 otherwise, 2 for a bad command line, 130 when interrupted. The table root, the
+// socket included, is removed at the end, also on SIGINT and SIGTERM; with --keep the processes
+// and the root stay until then.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -56,6 +46,51 @@ struct Life {
   std::uint64_t changesAtReady = 0, changes = 0;
 };
 
+unsigned long long ull(std::uint64_t v) {
+  return static_cast<unsigned long long>(v);
+}
+
+// `text` wrapped at 100 columns under a hanging indent, the label in front of its first line.
+void wrapped(std::string const& label, std::string const& text, std::size_t indent) {
+  constexpr std::size_t width = 100;
+  std::string line = label;
+  line.resize(indent, ' ');
+  std::size_t pos = 0;
+  while (pos < text.size()) {
+    std::size_t end = pos + (width - indent);
+    if (end >= text.size()) {
+      end = text.size();
+    } else {
+      std::size_t const space = text.rfind(' ', end);
+      if (space != std::string::npos && space > pos) end = space;
+    }
+    std::printf("%s%s\n", line.c_str(), text.substr(pos, end - pos).c_str());
+    line.assign(indent, ' ');
+    pos = end;
+    while (pos < text.size() && text[pos] == ' ') ++pos;
+  }
+}
+
+// One summary entry: a label, then what it says.
+void entry(char const* label, std::string const& text) {
+  wrapped(label, text, 17);
+}
+
+std::string format(char const* fmt, auto... args) {
+  char buf[512];
+  std::snprintf(buf, sizeof buf, fmt, args...);
+  return buf;
+}
+
+// "1 slice", "2 slices".
+std::string count(std::uint64_t n, char const* noun) {
+  return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
+}
+
+std::string lagText(double us) {
+  return us < 1000 ? format("%.0f us", us) : format("%.1f ms", us / 1e3);
+}
+
 class Supervisor : DemoSupport::Supervisor<Role, Report> {
  public:
   Supervisor(std::string root, Options const& options)
@@ -69,11 +104,13 @@ class Supervisor : DemoSupport::Supervisor<Role, Report> {
   void onReport(Child& child, Report const& r) override;
   void onFinished(Report const& r);
   void onReady(Child& child, Report const& r);
+  void doing(Role role, std::string what);
   void progress() override;
   void restart() override;  // the agent, killed with SIGKILL
   void stop() override;     // the churn
   bool summary() const;
   bool configSummary() const;
+  void keep();
 
   std::string root_;
   Options options_;
@@ -81,7 +118,12 @@ class Supervisor : DemoSupport::Supervisor<Role, Report> {
   Child* agent_ = nullptr;
   Child* reader_ = nullptr;
   Child* config_ = nullptr;
+  // What each process said it is doing, and since when (seconds since the start).
+  std::string doing_[4];
+  double doingSince_[4] = {};
   std::vector<Life> lives_;
+  bool agentChurning_ = false;  // the current agent life has begun its churn
+  double churnBegan_ = 0;       // seconds since the start
   double killedAt_ = 0;
   Report reconciled_;
   Report readerBeforeRestart_;  // the reader's figures of the steady first half
@@ -101,6 +143,7 @@ class Supervisor : DemoSupport::Supervisor<Role, Report> {
 Supervisor::Child& Supervisor::start(Role role) {
   std::vector<std::string> args = {"bidir_agent", "--role", roleName(role), "--root", root_};
   for (auto const& a : options_.args()) args.push_back(a);
+  doing(role, "starting");
   return spawn(role, [&args](int reportFd, int commandFd) {
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
@@ -113,8 +156,16 @@ Supervisor::Child& Supervisor::start(Role role) {
   });
 }
 
+void Supervisor::doing(Role role, std::string what) {
+  doing_[int(role)] = std::move(what);
+  doingSince_[int(role)] = since();
+}
+
 void Supervisor::onReport(Child& child, Report const& r) {
   switch (r.kind) {
+    case Report::doing:
+      doing(r.role, r.text);
+      return;
     case Report::configured:
       ++configChanges_;
       expiry_ = r.expiry;
@@ -146,28 +197,31 @@ void Supervisor::onReport(Child& child, Report const& r) {
       break;
     case Report::reconciled:
       reconciled_ = r;
-      std::printf("[%5.1fs] agent reconciled from the tables: %llu groups, %llu interfaces in "
-                  "%.3f s, %u slices (longest %.1f ms), %u stale interface records removed\n",
-                  since(), static_cast<unsigned long long>(r.groups),
-                  static_cast<unsigned long long>(r.intfs), r.reconcileSeconds, r.slices,
-                  r.sliceMax * 1e3, r.interfaceRecordsRemoved);
+      std::printf(
+          "[%5.1fs] agent reconciled: took back %llu groups and %llu interfaces from the "
+          "tables in %.3f s (%s, longest %.1f ms), removed %u interface records whose group "
+          "was gone\n",
+          since(), ull(r.groups), ull(r.intfs), r.reconcileSeconds,
+          count(r.slices, "slice").c_str(), r.sliceMax * 1e3, r.interfaceRecordsRemoved);
       break;
     case Report::progress:
-      if (child.role == Role::agent && !lives_.empty()) {
+      if (child.role == Role::agent && agentChurning_) {
         lives_.back().lastAt = r.time;
         lives_.back().changes = r.changes;
       }
       break;
     case Report::finished:
       if (r.role == Role::rpdf || r.role == Role::config) {
+        doing(r.role, "stopped changing, serving");
         onFinished(r);
       } else if (r.role == Role::agent) {
         agentFinal_ = r;
         lives_.back().lastAt = r.time;
         lives_.back().changes = r.changes;
-        std::printf("[%5.1fs] agent stopped: digest written, %llu groups, %llu interfaces\n",
-                    since(), static_cast<unsigned long long>(r.groups),
-                    static_cast<unsigned long long>(r.intfs));
+        std::printf(
+            "[%5.1fs] agent stopped: digest of %llu groups and %llu interfaces written; "
+            "the reader compares\n",
+            since(), ull(r.groups), ull(r.intfs));
         Command verify;
         verify.op = Command::verify;
         verify.digest = r.digest;
@@ -198,20 +252,24 @@ void Supervisor::onFinished(Report const& r) {
 void Supervisor::onReady(Child& child, Report const& r) {
   switch (child.role) {
     case Role::config:
-      std::printf("[%5.1fs] configuration served on %s\n", since(), configSocket(root_).c_str());
+      doing(Role::config, "serving, waiting for the churn");
+      std::printf("[%5.1fs] config serving the VRF's configuration on %s\n", since(),
+                  configSocket(root_).c_str());
       break;
     case Role::rpdf:
+      doing(Role::rpdf, format("moving a DF election every %g s", options_.dfMoveEvery));
       std::printf("[%5.1fs] rp/df published %u RP hash records and %u RPA-RPF records\n", since(),
                   options_.groups, options_.rps);
       agent_ = &start(Role::agent);
       break;
     case Role::agent:
       lives_.push_back({r.time, r.time, r.changes, r.changes});
+      agentChurning_ = true;
       if (killedAt_ == 0) {
-        std::printf("[%5.1fs] agent ready: %llu groups, %llu interfaces, %llu records exported\n",
-                    since(), static_cast<unsigned long long>(r.groups),
-                    static_cast<unsigned long long>(r.intfs),
-                    static_cast<unsigned long long>(r.records));
+        std::printf(
+            "[%5.1fs] agent ready: %llu groups, %llu interfaces, %llu records exported; "
+            "the reader starts\n",
+            since(), ull(r.groups), ull(r.intfs), ull(r.records));
         reader_ = &start(Role::reader);
       } else {
         backAt_ = r.time;
@@ -221,9 +279,13 @@ void Supervisor::onReady(Child& child, Report const& r) {
       }
       break;
     case Role::reader: {
-      std::printf("[%5.1fs] reader attached: %llu groups, %llu interfaces; the churn begins\n",
-                  since(), static_cast<unsigned long long>(r.groups),
-                  static_cast<unsigned long long>(r.intfs));
+      churnBegan_ = since();
+      std::printf(
+          "[%5.1fs] reader attached: %llu groups, %llu interfaces. The churn begins; the "
+          "agent is killed at about %.1f s, the churn ends at about %.1f s\n",
+          since(), ull(r.groups), ull(r.intfs), churnBegan_ + options_.restartAt,
+          churnBegan_ + options_.seconds);
+      doing(Role::config, format("a configuration round every %g s", options_.configEvery));
       Command go;
       go.op = Command::go;
       command(agent_, go);
@@ -236,46 +298,50 @@ void Supervisor::onReady(Child& child, Report const& r) {
   }
 }
 
+// One line a second: what each process is doing, and its figures.
 void Supervisor::progress() {
   progress_.armIn(1);
   if (options_.quiet) return;
-  std::string line;
-  char buf[200];
-  if (agent_ != nullptr && agent_->pid > 0 && agent_->last.time == 0) {
-    line += "agent starting";
-  } else if (agent_ != nullptr && agent_->pid > 0) {
+  auto state = [&](Role role) {
+    return doing_[int(role)] + format(" for %.1f s", since() - doingSince_[int(role)]);
+  };
+  std::string line = "agent ";
+  if (agent_ == nullptr) {
+    line += "not started (rp/df first)";
+  } else if (doing_[int(Role::agent)] == kAgentChurning && !lives_.empty()) {
+    Life const& l = lives_.back();
     Report const& a = agent_->last;
-    double const rate = lives_.empty() || lives_.back().lastAt <= lives_.back().readyAt
-                            ? 0
-                            : double(lives_.back().changes - lives_.back().changesAtReady) /
-                                  (lives_.back().lastAt - lives_.back().readyAt);
-    std::snprintf(buf, sizeof buf, "agent %4llu groups %6llu intfs %9llu changes %6.0f/s",
-                  static_cast<unsigned long long>(a.groups),
-                  static_cast<unsigned long long>(a.intfs),
-                  static_cast<unsigned long long>(a.changes), rate);
-    line += buf;
+    double const rate =
+        l.lastAt <= l.readyAt ? 0 : double(l.changes - l.changesAtReady) / (l.lastAt - l.readyAt);
+    line += format("churning: %llu groups %llu intfs, %llu changes, %.0f/s", ull(a.groups),
+                   ull(a.intfs), ull(a.changes), rate);
   } else {
-    line += "agent down";
+    line += state(Role::agent);
+    if (doing_[int(Role::agent)].rfind("reconciling", 0) == 0) {
+      line += format(": %llu groups %llu intfs", ull(agent_->last.groups), ull(agent_->last.intfs));
+    }
   }
-  std::snprintf(buf, sizeof buf, " | expiry %.2f s, %llu clears (%zu groups)",
-                expiry_ * kExpiryUnitSeconds, static_cast<unsigned long long>(clearsActed_),
-                cleared_.size());
-  line += buf;
-  if (reader_ != nullptr) {
+  line += " | reader ";
+  if (reader_ == nullptr) {
+    line += "starts once the agent is ready";
+  } else if (doing_[int(Role::reader)] == kReaderFollowing) {
     Report const& r = reader_->last;
-    std::snprintf(buf, sizeof buf,
-                  " | reader %4llu groups %6llu intfs, lag p50 %.0f us p99 %.0f us",
-                  static_cast<unsigned long long>(r.groups),
-                  static_cast<unsigned long long>(r.intfs), r.lagP50, r.lagP99);
-    line += buf;
+    line += format("following: %llu groups %llu intfs, lag p50 %s p99 %s", ull(r.groups),
+                   ull(r.intfs), lagText(r.lagP50).c_str(), lagText(r.lagP99).c_str());
+  } else {
+    line += state(Role::reader);
   }
+  line += format(" | config: expiry %.2f s, %llu clear requests acted on (%zu groups)",
+                 expiry_ * kExpiryUnitSeconds, ull(clearsActed_), cleared_.size());
   std::printf("[%5.1fs] %s\n", since(), line.c_str());
   std::fflush(stdout);
 }
 
 void Supervisor::restart() {
-  std::printf("[%5.1fs] killing the agent (SIGKILL) in the middle of its churn\n", since());
+  std::printf("[%5.1fs] killing the agent (SIGKILL) %.1f s into the churn\n", since(),
+              since() - churnBegan_);
   killedAt_ = now();
+  agentChurning_ = false;
   if (reader_ != nullptr) readerBeforeRestart_ = reader_->last;
   // What the agent reported before it died still counts (the clears it made, above all).
   killChild(*agent_);
@@ -291,7 +357,8 @@ void Supervisor::restart() {
 void Supervisor::stop() {
   stopping_ = true;
   if (killedAt_ != 0 && backAt_ == 0) return;  // the restarted agent is not back yet
-  std::printf("[%5.1fs] stopping the churn\n", since());
+  std::printf("[%5.1fs] stopping the churn, %.1f s after it began\n", since(),
+              since() - churnBegan_);
   Command end;
   end.op = Command::stop;
   command(rpdf_, end);
@@ -299,17 +366,42 @@ void Supervisor::stop() {
 }
 
 int Supervisor::run() {
-  std::printf("bidir agent: %u groups x %u interfaces, %u RPs, %.0f s of churn at %.0f changes/s, "
-              "agent restart at %.1f s, root %s\n",
-              options_.groups, options_.intfs, options_.rps, options_.seconds, options_.rate,
-              options_.restartAt, root_.c_str());
+  std::printf("bidir_agent: a simulation, not a routing agent (--help says what it runs)\n");
+  wrapped("",
+          format("%u groups x %u interfaces, %u RPs. The churn begins once the reader has "
+                 "attached and lasts %g s at %.0f changes/s; %g s into it the agent is killed "
+                 "with SIGKILL and started again. Private table root %s",
+                 options_.groups, options_.intfs, options_.rps, options_.seconds, options_.rate,
+                 options_.restartAt, root_.c_str()),
+          2);
   rpdf_ = &start(Role::rpdf);
   config_ = &start(Role::config);
   progress_.armIn(1);
   giveUp_.armIn(options_.seconds + 120);
   if (int const status = runToEnd(); status != 0) return status;
   bool const equal = summary();
-  return configSummary() && equal ? 0 : 1;
+  bool const ok = configSummary() && equal;
+  if (options_.keep) keep();
+  return ok ? 0 : 1;
+}
+
+// The tables stay for an operator's tool to look at: two command lines to try, with the tool
+// where this build puts it (beside this executable, relative to the working directory when
+// below it).
+void Supervisor::keep() {
+  std::error_code ec;
+  auto tool =
+      std::filesystem::read_symlink("/proc/self/exe", ec).parent_path() / "quarnctl" / "quarnctl";
+  auto const relative = std::filesystem::relative(tool, ec);
+  if (!ec && !relative.empty() && relative.native().rfind("..", 0) != 0) tool = relative;
+  std::printf(
+      "\nThe simulation stays alive until Ctrl-C, its tables under %s. Look at them with\n"
+      "  %s --root %s ls\n"
+      "  %s --root %s groups\n",
+      root_.c_str(), tool.c_str(), root_.c_str(), tool.c_str(), root_.c_str());
+  std::fflush(stdout);
+  if (keepUntilInterrupted())
+    std::printf("\nstopped: processes ended, %s removed\n", root_.c_str());
 }
 
 // The first group whose line differs between the two digest files, or "".
@@ -338,41 +430,51 @@ bool Supervisor::summary() const {
   bool const equal = a.digest == r.digest && a.groups == r.groups && a.intfs == r.intfs;
   double load[1] = {0};
   ::getloadavg(load, 1);
-  std::printf("\n==== summary ==== (load average %.1f on %ld processors)\n", load[0],
-              ::sysconf(_SC_NPROCESSORS_ONLN));
-  std::printf("agent state           %llu groups, %llu group interfaces; %llu records in the "
-              "tables\n",
-              static_cast<unsigned long long>(a.groups), static_cast<unsigned long long>(a.intfs),
-              static_cast<unsigned long long>(a.records));
-  std::printf("reader state          %llu groups, %llu group interfaces\n",
-              static_cast<unsigned long long>(r.groups), static_cast<unsigned long long>(r.intfs));
-  std::printf("changes exported      %llu in %.1f s of churn (%.0f per second), %llu DF moves\n",
-              static_cast<unsigned long long>(changes), churnSeconds,
-              churnSeconds > 0 ? double(changes) / churnSeconds : 0.0,
-              static_cast<unsigned long long>(rpdfFinal_.dfMoves));
+  std::printf("\n==== summary of the simulation ==== (load average %.1f on %ld processors)\n",
+              load[0], ::sysconf(_SC_NPROCESSORS_ONLN));
+  entry("agent", format("holds %llu groups with %llu group interfaces; its two tables hold %llu "
+                        "records, one per group and one per group interface",
+                        ull(a.groups), ull(a.intfs), ull(a.records)));
+  entry("reader", format("rebuilt %llu groups with %llu group interfaces from the tables alone",
+                         ull(r.groups), ull(r.intfs)));
+  entry("changes",
+        format("the agent wrote or removed %llu table records in %.1f s of churn, %.0f "
+               "a second; the RP/DF process moved %llu DF elections, each changing "
+               "the interfaces the agent is DF on for every group of that RP",
+               ull(changes), churnSeconds, churnSeconds > 0 ? double(changes) / churnSeconds : 0.0,
+               ull(rpdfFinal_.dfMoves)));
   // From the agent's setter (the join's stamp) to the reader's entity holding it.
   Report const& b = readerBeforeRestart_;
   if (killedAt_ != 0) {
-    std::printf("reader lag, 1st half  p50 %.0f us, p99 %.0f us, max %.1f ms (%llu joins timed, "
-                "up to the restart)\n",
-                b.lagP50, b.lagP99, b.lagMax / 1e3, static_cast<unsigned long long>(b.lagSamples));
+    entry("reader lag", format("from a join set in the agent to the reader's entity holding "
+                               "it, over the %llu joins before the restart: median %s, 99th "
+                               "percentile %s, longest %s",
+                               ull(b.lagSamples), lagText(b.lagP50).c_str(),
+                               lagText(b.lagP99).c_str(), lagText(b.lagMax).c_str()));
   }
-  std::printf("reader lag, whole run p50 %.0f us, p99 %.0f us, max %.1f ms (%llu joins timed, "
-              "the reader's re-attachment to the restarted agent included)\n",
-              r.lagP50, r.lagP99, r.lagMax / 1e3, static_cast<unsigned long long>(r.lagSamples));
+  entry(killedAt_ != 0 ? "" : "reader lag",
+        format("over all %llu joins of the run%s: median %s, 99th percentile %s, longest %s",
+               ull(r.lagSamples),
+               killedAt_ != 0 ? ", the reader re-attaching to the restarted agent included" : "",
+               lagText(r.lagP50).c_str(), lagText(r.lagP99).c_str(), lagText(r.lagMax).c_str()));
   if (killedAt_ != 0) {
-    std::printf("agent restart         back %.3f s after SIGKILL; reconciliation %.3f s in %u "
-                "slices, longest %.1f ms, mean %.1f ms; %u stale interface records removed\n",
-                backAt_ - killedAt_, reconciled_.reconcileSeconds, reconciled_.slices,
-                reconciled_.sliceMax * 1e3, reconciled_.sliceMean * 1e3,
-                reconciled_.interfaceRecordsRemoved);
+    entry("agent restart",
+          format("killed with SIGKILL, churning again %.3f s later: it took back %llu groups "
+                 "and %llu group interfaces from the tables in %.3f s, in %s of the event "
+                 "loop (longest %.1f ms, mean %.1f ms), and removed %u interface records whose "
+                 "group was gone",
+                 backAt_ - killedAt_, ull(reconciled_.groups), ull(reconciled_.intfs),
+                 reconciled_.reconcileSeconds, count(reconciled_.slices, "slice").c_str(),
+                 reconciled_.sliceMax * 1e3, reconciled_.sliceMean * 1e3,
+                 reconciled_.interfaceRecordsRemoved));
   }
-  std::printf("reader == agent       %s (every exported attribute and every computed value of "
-              "%llu groups)\n",
-              equal ? "EQUAL" : "DIFFERENT", static_cast<unsigned long long>(a.groups));
+  entry("reader == agent",
+        format("%s: every attribute the tables carry and every value computed from them, for "
+               "each of %llu groups",
+               equal ? "EQUAL" : "DIFFERENT", ull(a.groups)));
   if (!equal) {
     std::string const diff = firstDifference(root_ + "/agent.digest", root_ + "/reader.digest");
-    if (!diff.empty()) std::printf("first difference      %s\n", diff.c_str());
+    if (!diff.empty()) entry("first difference", diff);
   }
   return equal;
 }
@@ -388,46 +490,50 @@ bool Supervisor::configSummary() const {
     auto const& times = vanished_[g];
     if (std::any_of(times.begin(), times.end(), [t = t](double v) { return v >= t; })) ++seen;
   }
-  std::printf("configuration         %llu rounds: %llu group expiry changes (last %u = %.2f s), "
-              "%llu clear requests (request count %u)\n",
-              static_cast<unsigned long long>(c.configRounds),
-              static_cast<unsigned long long>(c.configChanges), c.expiry,
-              c.expiry * kExpiryUnitSeconds, static_cast<unsigned long long>(c.clearRequests),
-              c.clearCount);
-  std::printf("agent, configuration  %llu expiry changes received (a restart's resync included), "
-              "%llu clear requests acted on and %llu superseded while it was away (%llu resumed "
-              "after the kill), %zu groups cleared; final configuration %s\n",
-              static_cast<unsigned long long>(configChanges_),
-              static_cast<unsigned long long>(clearsActed_),
-              static_cast<unsigned long long>(clearsSuperseded_),
-              static_cast<unsigned long long>(clearsResumed_), cleared_.size(),
-              a.configApplied ? "applied" : "NOT APPLIED");
-  std::printf("cleared groups        %zu of %zu seen vanishing from the reader\n", seen,
-              cleared_.size());
+  entry("configuration",
+        format("the configuration process made %llu rounds: it changed the group expiry "
+               "interval %llu times (last to %.2f s) and made %llu clear requests, each naming "
+               "one group",
+               ull(c.configRounds), ull(c.configChanges), c.expiry * kExpiryUnitSeconds,
+               ull(c.clearRequests)));
+  entry("", format("the agent received %llu expiry changes (the restarted agent is sent the "
+                   "current one again) and %s the final configuration",
+                   ull(configChanges_), a.configApplied ? "applied" : "did NOT apply"));
+  entry("clear requests",
+        format("the agent acted on %llu. Overwritten by the next request before the agent could "
+               "read them (a VRF holds one request at a time; this happens while the agent is "
+               "down or reconciling): %llu. Begun before the kill and finished after it: %llu. "
+               "The requests acted on deleted %s (a request for a group already gone deletes "
+               "nothing)",
+               ull(clearsActed_), ull(clearsSuperseded_), ull(clearsResumed_),
+               count(cleared_.size(), "group").c_str()));
+  entry("cleared groups", format("%zu of the %zu groups deleted were seen vanishing from the "
+                                 "reader",
+                                 seen, cleared_.size()));
   char const* failure =
-      !a.configApplied                    ? "the agent did not apply the final configuration"
-      : configChanges_ == 0               ? "no expiry change reached the agent"
+      !a.configApplied                        ? "the agent did not apply the final configuration"
+      : configChanges_ == 0                   ? "no expiry change reached the agent"
       : clearsActed_ == 0 || cleared_.empty() ? "no clear request cleared a group"
       // Every request issued was acted on once, or overwritten before the agent could read it.
       : clearsActed_ + clearsSuperseded_ != c.clearRequests
-          ? "clear requests acted on plus superseded differ from those issued"
+          ? "clear requests acted on plus overwritten differ from those made"
       : seen != cleared_.size() ? "a cleared group was not seen vanishing from the reader"
                                 : nullptr;
-  if (failure != nullptr) std::printf("configuration         FAILED: %s\n", failure);
+  if (failure != nullptr) entry("configuration", std::string("FAILED: ") + failure);
   return failure == nullptr;
 }
 
 int supervise(Options const& options) {
   // The children inherit $QUARN_ROOT: every table of the run lives in the private root.
-  return DemoSupport::withPrivateRoot("bidir-agent", [&](std::string const& root) {
-    return Supervisor(root, options).run();
-  });
+  return DemoSupport::withPrivateRoot(
+      "bidir-agent", [&](std::string const& root) { return Supervisor(root, options).run(); });
 }
 
 // A child: its role's main, with failures reported to the supervisor.
 int child(Role role, Options const& options, std::string const& root) {
   int const reportFd = 3, commandFd = 4;
   try {
+    DemoSupport::dieWithSupervisor(root);
     switch (role) {
       case Role::rpdf:
         return runRpDf(options, reportFd, commandFd);
@@ -452,17 +558,21 @@ int main(int argc, char** argv) {
   using namespace BidirAgent;
   Options options;
   if (argc >= 5 && std::strcmp(argv[1], "--role") == 0 && std::strcmp(argv[3], "--root") == 0) {
-    if (!options.parse(argc, argv, 5)) return 2;
+    if (!options.parse(argc, argv, 5).empty()) return 2;
     for (Role role : {Role::rpdf, Role::agent, Role::reader, Role::config}) {
       if (std::strcmp(argv[2], roleName(role)) == 0) std::_Exit(child(role, options, argv[4]));
     }
     return 2;
   }
-  if (!options.parse(argc, argv, 1)) {
-    std::fprintf(stderr,
-                 "usage: %s [--short] [--seconds S] [--restart-at S] [--rate N] [--groups N] "
-                 "[--intfs N] [--rps N] [--df-move-every S] [--config-every S] [--quiet]\n",
-                 argv[0]);
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+      std::fputs(Options::help("bidir_agent").c_str(), stdout);
+      return 0;
+    }
+  }
+  if (std::string const error = options.parse(argc, argv, 1); !error.empty()) {
+    std::fprintf(stderr, "bidir_agent: %s\n(bidir_agent --help lists the options)\n",
+                 error.c_str());
     return 2;
   }
   return supervise(options);

@@ -99,7 +99,7 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   Command command;
   bool verify = false;
   Kiv::FdWatch commands(activity, commandFd, EPOLLIN, [&](std::uint32_t) {
-    if (!receive(commandFd, command)) std::_Exit(0);
+    if (!receive(commandFd, command)) DemoSupport::supervisorGone();
     verify = verify || command.op == Command::verify;
   });
   auto report = [&](Report::Kind kind) {
@@ -124,13 +124,16 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   auto& groupIntfs = quarn->groupIntfControl();
   groups.remountIntervalIs(0.05);
   groupIntfs.remountIntervalIs(0.05);
+  tellDoing(reportFd, Role::reader, "attaching to the group table");
   groups.init(Quarn::QuarnType::reader, false, 0);
   waitFor([&] { return groups.fullyAttached(); });
+  tellDoing(reportFd, Role::reader, "attaching to the group-interface table");
   groupIntfs.init(Quarn::QuarnType::reader, false, 0);
   waitFor([&] { return groupIntfs.fullyAttached(); });
   probe->attachedAt = now();
   Report const ready = report(Report::ready);
   send(reportFd, ready);
+  tellDoing(reportFd, Role::reader, kReaderFollowing);
 
   double nextReport = 0;
   while (!verify) {
@@ -143,6 +146,7 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   }
   // The agent has stopped: wait (bounded) until this Status is the agent's. A digest is taken
   // once the tables have been quiet for a moment.
+  tellDoing(reportFd, Role::reader, "catching up with the stopped agent to compare");
   std::string const path = root + "/reader.digest";
   double const deadline = now() + 10;
   std::uint64_t digest = 0;
@@ -155,6 +159,7 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   Report r = report(Report::finished);
   r.digest = digest;
   send(reportFd, r);
+  tellDoing(reportFd, Role::reader, "compared, following the tables");
   for (;;) activity.runOnce(-1);
 }
 

@@ -74,7 +74,7 @@ int runRpDf(Options const& options, int reportFd, int commandFd) {
   move.armIn(options.dfMoveEvery);
   Kiv::FdWatch commands(activity, commandFd, EPOLLIN, [&](std::uint32_t) {
     Command c;
-    if (!receive(commandFd, c)) std::_Exit(0);
+    if (!receive(commandFd, c)) DemoSupport::supervisorGone();
     if (c.op == Command::stop && moving) {
       moving = false;
       move.cancel();

@@ -2,7 +2,8 @@
 // The supervising process of a demonstration: it forks its children, each with a pipe of
 // fixed-size `Report`s to the supervisor and a pipe of `Command`s from it, reads their reports on
 // its activity, fails the run when a child ends unexpectedly or reports a failure, and stops them
-// all at the end (SIGKILL and reap: a child dies with its supervisor in any case).
+// all at the end (SIGKILL and reap). Children also end when the supervisor dies, and the last of
+// them removes the private root (dieWithSupervisor, DemoSupport.h).
 //
 // `Report` has `kind`, `role` and `text`, and a `Report::failed` kind; `roleName(Role)` is found
 // next to `Role`. The derived class handles every other report in `onReport`.
@@ -63,8 +64,9 @@ class Supervisor {
 
  protected:
   // Forks a child for `role`; it runs `body(reportFd, commandFd)` and exits with what that
-  // returns. The child dies with the supervisor and leaves Ctrl-C (sent to the whole group) to it;
-  // it holds no other child's pipe ends.
+  // returns. The child leaves Ctrl-C (sent to the whole group) to the supervisor, holds no other
+  // child's pipe ends, and hears of the supervisor's death: its body (or the program it execs)
+  // calls dieWithSupervisor(root) first.
   template <class Body>
   Child& spawn(Role role, Body&& body) {
     int reports[2], commands[2];
@@ -76,7 +78,7 @@ class Supervisor {
     pid_t const pid = ::fork();
     if (pid < 0) throw Jorv::RuntimeException("fork() failed");
     if (pid == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      armSupervisorDeath();
       ::signal(SIGINT, SIG_IGN);
       ::signal(SIGTERM, SIG_DFL);
       ::close(reports[0]);
@@ -116,6 +118,7 @@ class Supervisor {
       fail(std::string(roleName(r.role)) + " failed: " + r.text);
     } else {
       onReport(child, r);
+      std::fflush(stdout);  // its lines as they come, also into a pipe or a file
     }
   }
   virtual void onReport(Child& child, Report const& r) = 0;
@@ -148,24 +151,41 @@ class Supervisor {
     }
   }
 
-  // Runs the activity until the run ends (stop, failure, SIGINT/SIGTERM) and stops every child.
-  // Returns 130 when interrupted and 1 on a failure, each said on stdout; 0 when the derived
-  // class goes on to its summary.
+  // Runs the activity until the run ends (stop, failure, SIGINT/SIGTERM). Returns 130 when
+  // interrupted and 1 on a failure, each said on stdout, with every child stopped; 0 when the
+  // derived class goes on to its summary, the children still running (they serve their tables
+  // until keepUntilInterrupted() or the destructor stops them).
   int runToEnd() {
     loopForSignals = &loop_;
     loop_.run();
     loopForSignals = nullptr;
     double const elapsed = since();
-    stopAll();
+    progress_.cancel();
+    giveUp_.cancel();
     if (interrupted) {
+      stopAll();
       std::printf("\ninterrupted after %.1f s: processes stopped, files removed\n", elapsed);
       return 130;
     }
     if (!error_.empty()) {
+      stopAll();
       std::printf("FAILED: %s\n", error_.c_str());
       return 1;
     }
     return 0;
+  }
+  // After the summary: the children go on serving until SIGINT/SIGTERM, then stop. Returns
+  // false, having said why, when a child ended or failed meanwhile.
+  bool keepUntilInterrupted() {
+    loopForSignals = &loop_;
+    if (!interrupted) loop_.run();
+    loopForSignals = nullptr;
+    stopAll();
+    if (!error_.empty()) {
+      std::printf("FAILED while kept: %s\n", error_.c_str());
+      return false;
+    }
+    return true;
   }
   double since() const { return Kiv::Activity::now() - start_; }
 

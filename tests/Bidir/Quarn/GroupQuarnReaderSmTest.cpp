@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "Mirror.h"
+#include "Quarn/Files.h"
 #include "Quarn/QuarnMapFixture.h"
-#include "Quarn/Util.h"
 #include "support/ActivityWait.h"
 #include "support/QuarnRoot.h"
 

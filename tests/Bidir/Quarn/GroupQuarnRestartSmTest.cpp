@@ -17,8 +17,8 @@
 
 #include "Bidir/Quarn/GroupQuarnWriterSm.h"
 #include "Mirror.h"
+#include "Quarn/Files.h"
 #include "Quarn/TestRecord.h"
-#include "Quarn/Util.h"
 #include "support/ActivityWait.h"
 #include "support/Children.h"
 #include "support/QuarnRoot.h"

@@ -1,7 +1,7 @@
 // The group writer state machine: shared tables equal to the agent's entities after random
 // changes, the order in which records arrive and leave, the initialisation guard and its trace
-// lines, teardown leaving the records, resynchronisation after notifications were off, null
-// arguments, and table handlers dropping the writer.
+// lines, teardown leaving the records, resynchronisation after notifications were off or after
+// the tables' file system was full, null arguments, and table handlers dropping the writer.
 
 #include "Bidir/Quarn/GroupQuarnWriterSm.h"
 
@@ -17,6 +17,7 @@
 #include "Jorv/Trace.h"
 #include "Mirror.h"
 #include "Quarn/TestRecord.h"
+#include "support/PrivateTmpfs.h"
 #include "support/QuarnRoot.h"
 
 namespace {
@@ -244,6 +245,44 @@ TEST_F(GroupQuarnWriterSmTest, TeardownLeavesEveryRecordAndResyncFollowsMissedCh
   status->groupDel(addr(2));
   status->group(addr(3))->inactiveIs(true);
   EXPECT_EQ(records(*tables), before);
+}
+
+// Tables on a file system that fills up: the changes that need them to grow fail, each traced at
+// error level with the table, the key and the cause, while the agent's own calls go on; once
+// space is freed, resync brings both tables back to the agent's state.
+TEST_F(GroupQuarnWriterSmTest, TableFailuresAreTracedAndResyncRestoresTheTables) {
+  TestSupport::PrivateTmpfs fs(16 << 20);  // the group interface table's buckets take 8 MB
+  if (!fs.available()) GTEST_SKIP() << "no private tmpfs here (" << fs.why() << ")";
+  ::setenv("QUARN_ROOT", fs.path().c_str(), 1);  // the fixture's root unsets it
+  auto const full = BQ::statusFactory("quarn");
+  full->mount(Quarn::QuarnType::writer);
+  groupWith(1, 3);
+  auto sm = BQ::groupQuarnWriterSmFactory(status, full);
+  ASSERT_TRUE(fs.fill());
+  TraceLog trace;
+  for (int i = 2; sm->tableFailures() == 0 && i < 100; ++i) groupWith(i, 10);
+  ASSERT_GT(sm->tableFailures(), 0u);
+  status->groupDel(addr(1));
+  status->group(addr(2))->groupIntfIs(intf(1))->iAmDfIs(true);
+  std::size_t errors = 0;
+  for (std::string const& line : trace.lines) {
+    if (line.rfind("0 ", 0) != 0) continue;
+    ++errors;
+    EXPECT_EQ(line.rfind("0 GroupQuarnWriterSm::doUpdateGroupIntf(239.1.1.", 0), 0u) << line;
+    EXPECT_NE(line.find(") table groupIntf: SlotWriter::alloc() Quarn table full"),
+              std::string::npos)
+        << line;
+    EXPECT_NE(line.find("no space left on device"), std::string::npos) << line;
+  }
+  EXPECT_EQ(errors, sm->tableFailures());
+  EXPECT_NE(records(*full), expected(*status));
+
+  fs.release();
+  sm->resync();
+  EXPECT_EQ(records(*full), expected(*status));
+  EXPECT_EQ(sm->tableFailures(), 0u);
+  groupWith(200, 2);
+  EXPECT_EQ(records(*full), expected(*status));
 }
 
 TEST_F(GroupQuarnWriterSmTest, TableHandlersMayDropTheLastReferenceToTheWriter) {

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "Quarn/Files.h"
 #include "Quarn/QuarnMapFixture.h"
-#include "Quarn/Util.h"
 #include "support/ActivityWait.h"
 #include "support/Children.h"
 #include "support/QuarnRoot.h"

@@ -1,0 +1,104 @@
+// The agent simulation's clear-request record: what a restarted agent reads back, and that a
+// record it cannot trust, or one it cannot write, stops it with the path and the cause instead
+// of being taken for "nothing acted on".
+
+#include "tools/bidir_agent/ClearLog.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "Quarn/TestRecord.h"
+
+namespace {
+
+using BidirAgent::ClearLog;
+using Routing::Pim::Bidir::ClearConfig;
+using Routing::Pim::Bidir::MrouteClearFlags;
+
+ClearConfig::GroupKey groupKey(std::uint32_t addr) {
+  return ClearConfig::GroupKey(MrouteClearFlags::clearGroup_, Lanx::IpGenAddr::ipv4Addr(addr));
+}
+
+void put(std::string const& path, std::string const& text) { std::ofstream(path) << text; }
+
+// The message of the exception `f` throws, "" when it throws none.
+template <class F>
+std::string failure(F&& f) {
+  try {
+    f();
+  } catch (Jorv::RuntimeException const& e) {
+    return e.what();
+  }
+  return "";
+}
+
+TEST(ClearLog, ReadsBackTheLastRecordWrittenAndNothingBeforeTheFirst) {
+  QuarnTest::TempRoot root;
+  ClearLog const log(root.path() + "/agent.clear");
+  EXPECT_FALSE(log.read().has_value());
+
+  log.write({7, false, groupKey(0xef010005)});
+  auto started = log.read();
+  ASSERT_TRUE(started.has_value());
+  EXPECT_EQ(7, started->count);
+  EXPECT_FALSE(started->done);
+  EXPECT_EQ(groupKey(0xef010005), started->key);
+
+  log.write({255, true, groupKey(0xef010006)});
+  auto done = log.read();
+  ASSERT_TRUE(done.has_value());
+  EXPECT_EQ(255, done->count);
+  EXPECT_TRUE(done->done);
+  EXPECT_EQ(groupKey(0xef010006), done->key);
+  EXPECT_FALSE(std::filesystem::exists(log.path() + ".new"));
+}
+
+TEST(ClearLog, AnUntrustedRecordStopsTheReadNamingThePathAndWhatIsWrong) {
+  QuarnTest::TempRoot root;
+  ClearLog const log(root.path() + "/agent.clear");
+  std::ostringstream key;
+  key << groupKey(0xef010005);
+  struct Case {
+    std::string text, cause;
+  };
+  for (Case const& c : {
+           Case{"", "malformed record ''"},
+           Case{"7 done\n7 done\n", "holds more than one record"},
+           Case{"300 done " + key.str() + "\n", "malformed record '300 done"},
+           Case{"7 finished " + key.str() + "\n", "malformed record '7 finished"},
+           Case{"seven done " + key.str() + "\n", "malformed record 'seven done"},
+           Case{"7 done Value('nothing')\n", "malformed record '7 done Value('nothing')'"},
+       }) {
+    put(log.path(), c.text);
+    std::string const what = failure([&] { (void)log.read(); });
+    EXPECT_EQ(0u, what.rfind("clear-request log " + log.path() + ": " + c.cause, 0))
+        << "record '" << c.text << "' gave '" << what << "'";
+  }
+}
+
+TEST(ClearLog, AWriteThatCannotLandStopsNamingThePathAndTheCause) {
+  QuarnTest::TempRoot root;
+  // The rename fails: the record's path is a directory that is not empty.
+  ClearLog const blocked(root.path() + "/agent.clear");
+  std::filesystem::create_directory(blocked.path());
+  put(blocked.path() + "/inside", "x");
+  std::string what = failure([&] { blocked.write({1, false, groupKey(0xef010001)}); });
+  EXPECT_EQ(0u, what.rfind("clear-request log " + blocked.path() + ": cannot be replaced by " +
+                               blocked.path() + ".new: ",
+                           0))
+      << what;
+  EXPECT_NE(std::string::npos, what.find("directory")) << what;
+
+  // The record cannot be written aside: its directory is gone.
+  ClearLog const orphan(root.path() + "/gone/agent.clear");
+  what = failure([&] { orphan.write({1, false, groupKey(0xef010001)}); });
+  EXPECT_EQ("clear-request log " + orphan.path() + ": cannot be written at " + orphan.path() +
+                ".new: No such file or directory",
+            what);
+}
+
+}  // namespace

@@ -1,0 +1,13 @@
+#!/bin/sh
+# The command line: --help exits 0 and says first that this is a simulation; a bad value exits
+# 2, naming the option and why.
+agent=$1
+help=$("$agent" --help) || { echo "FAILED: --help exited $?"; exit 1; }
+echo "$help" | head -1 | grep -q "a simulation, not a routing agent" ||
+  { echo "$help"; echo "FAILED: the help's first line"; exit 1; }
+out=$("$agent" --seconds 10 --rate 50 2>&1)
+rc=$?
+[ "$rc" -eq 2 ] || { echo "$out"; echo "FAILED: a bad value exited $rc"; exit 1; }
+echo "$out" | grep -q -- "--rate 50: must be at least 100" ||
+  { echo "$out"; echo "FAILED: the message"; exit 1; }
+exit 0
