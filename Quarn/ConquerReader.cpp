@@ -1,6 +1,8 @@
 #include "Quarn/ConquerReader.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <sstream>
 
 #include "Quarn/Exceptions.h"
@@ -19,7 +21,7 @@ ConquerReader::ConquerReader(Jorv::DebugHandler& dh, std::string rootPath, Kiv::
 ConquerReader::~ConquerReader() = default;
 
 void ConquerReader::corruption(std::string const& text) const {
-  KIV_TRACE(dh_, 0, text);
+  KIV_TRACE(dh_, 1, text);  // the table front reports it once per incident
   throw CorruptionDetectedException(text);
 }
 
@@ -27,7 +29,8 @@ bool ConquerReader::initialize(std::uint32_t fenix, std::string& error) {
   for (std::uint32_t t = 0; t < 2; ++t) {
     std::string why;
     if (!mem_[t].attachReadOnly()) {
-      why = "ConquerReader::attach() cannot attach to file " + mem_[t].path();
+      why = "ConquerReader::attach() cannot attach to file " + mem_[t].path() + ": " +
+            std::strerror(errno);
     } else if (!header(t)->validate(mem_[t].mappedSize(), fenix, why)) {
       why = "ConquerReader::attach() " + why;
     } else {

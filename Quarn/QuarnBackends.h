@@ -2,17 +2,17 @@
 // The back ends a table front creates for its mode (see Quarn/QuarnBase.h):
 // - `WriterBackend`: the table's single writer; a shared one also owns the writer's end of the
 //   wake-up channel, whose reader count it feeds to the notification queue.
-// - `ReaderBackend`: a direct, lock-free reader of the shared files plus the notification queue
-//   reader. Contract: it reports the key each notified slot holds when it reads the slot, so
-//   every key whose slot changed is reported, and a notifier that looks each reported key up
-//   ends equal to the table. It does NOT report every removal: a notification names a slot, and
-//   a key removed and its slot reused for another key before the reader reads it is never
-//   reported (only the new key is). Consumers that need every removal use "keyshadow" or
-//   "shadow". To make remounts and resyncs safe it remembers the keys it reported present (one
-//   private set of keys, no values): after a full pass (resync after a prune, remount on a new
-//   incarnation, a re-format in place, corruption) every remembered key the table no longer
-//   holds is reported, so such a key is reported at the latest then. A full pass also runs when
-//   the set outgrows twice the table, which bounds it.
+// - `ReaderBackend`: the lean reading mode, a direct, lock-free reader of the shared files plus
+//   the notification queue reader; it keeps no copy of the table and no set of keys (its private
+//   memory does not grow with the table). Contract: it reports the key a notified slot holds
+//   when it reads the slot (a freed slot still holds the key removed from it), and on attach and
+//   after falling behind the queue every key the table holds. So every key the table holds is
+//   reported after its last change, and lookups answer the writer's current records. It CANNOT
+//   report every removal: a notification names a slot, not a key, and a key removed and its
+//   slot reused for another key before the reader reads the slot is never reported (only the
+//   new key is); nor is a key removed while the reader was behind the queue. A consumer that
+//   must see every removal (a show command, a forwarding-plane programmer) uses "keyshadow" or
+//   "shadow".
 // The private shadow copy ("shadow", "keyshadow") is Quarn/QuarnShadow.h.
 //
 // All run on the owning activity's thread. A notifier must not destroy the table front from
@@ -22,7 +22,6 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "Jorv/Exception.h"
@@ -137,6 +136,7 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   // Attaches to the incarnation named by the fenix file, reports every key it holds (a
   // re-attach may follow a new writer whose entries differ), then follows the queue.
   bool initialize() override {
+    this->initFailure_.clear();
     std::string const& root = reader_.rootPath();
     std::uint32_t const fenix = FenixFile::read(root);
     std::string error;
@@ -153,6 +153,7 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
       }
     }
     KIV_TRACE(dh_, 3, error);
+    this->initFailure_ = error;
     detach();
     return false;
   }
@@ -164,7 +165,6 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   }
   bool fullyAttached() const override { return reader_.attached(); }
   std::uint32_t fenixId() const override { return reader_.attached() ? reader_.fenix() : 0; }
-  void heldKeys(std::vector<Key>& out) override { out.insert(out.end(), held_.begin(), held_.end()); }
   Wrapper lookup(Key const& key, bool& found) override {
     return guarded([&] { return reader_.doLookup(key, found); });
   }
@@ -209,28 +209,12 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
     return h->load(h->*field);
   }
 
-  struct KeyHash {
-    std::size_t operator()(Key const& k) const noexcept { return k.hash(); }
-  };
-  struct KeyEqual {
-    bool operator()(Key const& a, Key const& b) const noexcept { return !(a < b) && !(b < a); }
-  };
-  using KeySet = std::unordered_set<Key, KeyHash, KeyEqual>;
-
-  // Reports every key of the table, then every remembered key it no longer holds.
+  // Reports every key of the table.
   void reportAll() {
-    KeySet now;
     Wrapper w;
     IterHint hint;
     for (bool more = reader_.first(0, w, hint); more; more = reader_.doNext(w.key, w, hint)) {
-      now.insert(w.key);
       notifier_.onKey(w.key);
-    }
-    KeySet before;
-    before.swap(held_);
-    held_ = std::move(now);
-    for (Key const& key : before) {
-      if (held_.count(key) == 0) notifier_.onKey(key);
     }
   }
 
@@ -240,13 +224,8 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
     SlotReader& slots = reader_.slots();
     if (i >= slots.numSlots() && !slots.doResize()) return;
     Wrapper w;
-    std::uint32_t const flags = slots.readValue(slots.slot(i), &w, sizeof w);
+    slots.readValue(slots.slot(i), &w, sizeof w);
     reader_.checkIntact();
-    if (flags & SlotTable::OCCUPIED) {
-      held_.insert(w.key);
-    } else {
-      held_.erase(w.key);
-    }
     ++notified_;
     notifier_.onKey(w.key);
   }
@@ -262,12 +241,6 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
         ++resyncs_;
         KIV_TRACE(dh_, 3, "QuarnReader out of sync with the notification queue, re-reporting ",
                   reader_.rootPath());
-        reportAll();
-      } else if (held_.size() > 2 * std::size_t(members()) + 1024) {
-        // Keys removed while their slots were reused stay remembered (and held by the notifier)
-        // until a full pass: one now bounds the set by the table's size.
-        KIV_TRACE(dh_, 3, "QuarnReader remembers ", held_.size(), " keys for ", members(),
-                  " entries, re-reporting ", reader_.rootPath());
         reportAll();
       }
       if (!conquer_.drained() && !more_.armed()) more_.armIn(0);
@@ -293,11 +266,10 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   }
 
   // The queue or the files cannot be followed any more: stop (not fully attached, so the
-  // mounter attaches afresh once the writer answers the report) and report. The remembered keys
-  // stay for that remount. The queue reader goes later, outside the wake-up channel's handler
-  // that may be running now.
+  // mounter attaches afresh once the writer answers the report) and report. The queue reader
+  // goes later, outside the wake-up channel's handler that may be running now.
   void stop(std::string const& text) {
-    KIV_TRACE(dh_, 0, "QuarnReader stopping ", reader_.rootPath(), ": ", text);
+    KIV_TRACE(dh_, 1, "QuarnReader stopping ", reader_.rootPath(), ": ", text);
     more_.cancel();
     reader_.detach();
     release_.armIn(0);
@@ -313,7 +285,6 @@ class ReaderBackend final : public QuarnBase<Key, Wrapper> {
   Kiv::Timer release_;
   std::uint64_t notified_ = 0;
   std::uint64_t resyncs_ = 0;
-  KeySet held_;  // the keys reported present and not reported absent since
 };
 
 }  // namespace Quarn

@@ -39,8 +39,11 @@ class QuarnBase {
 
   virtual QuarnType type() const = 0;
 
-  // Attaches to the table's files (a writer maps or formats them). False with a trace on failure.
+  // Attaches to the table's files (a writer maps or formats them). False with a trace on failure,
+  // and the reason in `initFailure()`.
   virtual bool initialize() = 0;
+  // Why the last `initialize` failed, in words; empty when it did not.
+  std::string const& initFailure() const noexcept { return initFailure_; }
   virtual void detach() = 0;
   // Attached and, for a shadow, connected: the state the reader mounter waits for.
   virtual bool fullyAttached() const = 0;
@@ -105,6 +108,9 @@ class QuarnBase {
   virtual void notifying(bool) {}
   virtual void yieldTimeIs(double) {}
   virtual void sampleIs(std::uint32_t) {}
+
+ protected:
+  std::string initFailure_;
 };
 
 }  // namespace Quarn

@@ -109,9 +109,15 @@ class QuarnMap {
     refuseUnlessWriter("validateFiles to read-only Quarn table");
     return backend_->validateFiles();
   }
+  // The mode, whether mounted, the back end's own status, and for a reading table that is not
+  // fully attached, why it waits (" waiting: " and the reason, see ReaderMounter::waitReason).
   virtual std::string mountStatus() const {
-    return "QuarnMap " + name_ + " " + quarnTypeWord(mode_) + (mounted_ ? " " : " unmounted ") +
-           backend_->mountStatus();
+    std::string status = "QuarnMap " + name_ + " " + quarnTypeWord(mode_) +
+                         (mounted_ ? " " : " unmounted ") + backend_->mountStatus();
+    if (readerMounter_ != nullptr && !fullyAttached()) {
+      status += " waiting: " + readerMounter_->waitReason();
+    }
+    return status;
   }
   virtual std::uint64_t sequence() const { return backend_->sequence(); }
   virtual std::uint32_t fenixId() const { return backend_->fenixId(); }
@@ -184,7 +190,11 @@ class QuarnMap {
   }
   std::uint32_t members() const { return backend_->members(); }
 
-  // Reports corruption met while using the table; a reading table records it for the writer.
+  // Reports corruption met while using the table: traced at error level, and a reading table
+  // records it for the writer in the corruption file, followed by " (fenixId:<id>)", the
+  // incarnation the fenix file names (the writer validates each report that differs from the
+  // last one it handled, so the same damage met again in a later incarnation is heard again).
+  // Once per incident: a report equal to the last one is neither traced nor written again.
   void corruptionDetected(std::string const& text) const;
 
   bool initialized() const noexcept { return initialized_; }
@@ -263,6 +273,7 @@ class QuarnMap {
     bool fullyAttached() const override { return map.fullyAttached(); }
     void remount() override { map.remount(); }
     void wake() override { map.backend_->connectNow(); }
+    std::string attachFailure() const override { return map.attachFailure_; }
     QuarnMap& map;
   };
 
@@ -341,6 +352,9 @@ class QuarnMap {
   mutable std::uint32_t sample_ = 0;
   double remountInterval_ = ReaderMounter::defaultRemountInterval;
   double pollInterval_ = 0;  // > 0: passive (see passiveIs)
+  // Why the last attach failed, or the last corruption met since; empty after a mount.
+  mutable std::string attachFailure_;
+  mutable std::string lastReport_;  // the last corruption report, traced and written once
   std::unique_ptr<Base> backend_;
   WriterBackend<Key, Wrapper>* writer_ = nullptr;  // backend_ while it is the writer
   std::unique_ptr<WriterMounter> writerMounter_;
@@ -454,6 +468,7 @@ void QuarnMap<Key, Wrapper, Notifier>::attach() {
   }
   if (mode_ != QuarnType::reader && notifier_ == nullptr) {
     KIV_TRACE(*dh_, 1, "QuarnMap::attach() notify not set");
+    attachFailure_ = "QuarnMap::attach() notify not set";
     return;
   }
   if (mounted_) detach();
@@ -470,22 +485,29 @@ void QuarnMap<Key, Wrapper, Notifier>::attach() {
             quarnTypeWord(mode_));
   if (backend == nullptr) {
     KIV_TRACE(*dh_, 1, "QuarnMap::attach() initialize failed for ", name_);
+    attachFailure_ = "QuarnMap::attach() initialize failed for " + name_;
     return;
   }
   // Installed before it initialises: the keys it reports during its first pass are looked up
   // by the notifier through this map, so they must already find this back end.
   install(std::move(backend), true);
   bool ok = false;
+  std::string failure;
   try {
     ok = backend_->initialize();
+    failure = backend_->initFailure();
   } catch (Jorv::Exception const& e) {
     KIV_TRACE(*dh_, 1, "QuarnMap::attach() ", name_, ": ", e.what());
+    failure = e.what();
   }
   if (!ok) {
     KIV_TRACE(*dh_, 1, "QuarnMap::attach() initialize failed for ", name_);
     install(std::make_unique<Dummy>(*dh_, mode_), false);
+    attachFailure_ =
+        failure.empty() ? "QuarnMap::attach() initialize failed for " + name_ : failure;
     return;
   }
+  attachFailure_.clear();
   KIV_TRACE(*dh_, 3, "QuarnMap::attach() successful");
 }
 
@@ -536,9 +558,19 @@ void QuarnMap<Key, Wrapper, Notifier>::handleDisconnect() {
 
 template <class Key, class Wrapper, class Notifier>
 void QuarnMap<Key, Wrapper, Notifier>::corruptionDetected(std::string const& text) const {
-  KIV_TRACE(*dh_, 1, "QuarnMap::corruptionDetected() ", text);
-  if (initialized_ && mode_ != QuarnType::writer && !passive()) {
-    Util::writeCorruptionFile(root_.str(), text);
+  bool const reading = initialized_ && mode_ != QuarnType::writer;
+  std::uint32_t const fenix = reading ? FenixFile::read(root_.str()) : backend_->fenixId();
+  std::string const report = text + " (fenixId:" + std::to_string(fenix) + ")";
+  if (report == lastReport_) {
+    KIV_TRACE(*dh_, 5, "QuarnMap::corruptionDetected() again ", text);
+    return;
+  }
+  lastReport_ = report;
+  // A passive table belongs to a tool that reports what it finds itself.
+  KIV_TRACE(*dh_, passive() ? 1 : 0, "QuarnMap::corruptionDetected() ", text);
+  if (reading) {
+    attachFailure_ = report;
+    if (!passive()) Util::writeCorruptionFile(root_.str(), report);
   }
 }
 

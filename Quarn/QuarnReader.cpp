@@ -13,8 +13,9 @@ bool attachWholeFile(Mem::Shared& mem, char const* who, std::string& error) {
     return false;
   }
   if (!mem.attachReadOnly()) {
+    int const cause = errno;
     error = std::string(who) + "cannot attach to shmem size:" + std::to_string(mem.sizeOnDisk()) +
-            " " + mem.path();
+            " " + mem.path() + ": " + std::strerror(cause);
     return false;
   }
   return true;
@@ -40,7 +41,7 @@ bool BucketReader::validate(std::uint32_t fenix, std::string& error) {
 void BucketReader::outOfRange(std::uint32_t b) const {
   std::ostringstream os;
   os << "BucketReader::getRef() out-of-range, index:" << b << " max:" << numBuckets_;
-  KIV_TRACE(dh_, 0, os.str());
+  KIV_TRACE(dh_, 1, os.str());
   throw CorruptionDetectedException(os.str());
 }
 
@@ -90,13 +91,19 @@ bool SlotReader::doResize() {
     if (!h->validate(mem_.mappedSize(), fenix_, error)) {
       if (Mem::Atomics::highWord(h->numSlotsUnit()) != n && attempt < 64) continue;
       std::string text = "SlotReader::doResize() header corruption, " + error;
-      KIV_TRACE(dh_, 0, text);
+      KIV_TRACE(dh_, 1, text);
       throw CorruptionDetectedException(text);
     }
     numSlots_ = n;
     KIV_TRACE(dh_, 5, "SlotReader::doResize() successful");
     return true;
   }
+}
+
+std::string SlotReader::valueTypeName() const {
+  char name[SlotTable::nameSize];
+  Mem::Atomics::copyFromShared(name, header()->valueTypeName, sizeof name);
+  return std::string(name, strnlen(name, sizeof name));
 }
 
 void SlotReader::detach() noexcept {
@@ -108,7 +115,7 @@ void SlotReader::outOfRange(std::uint32_t i) const {
   std::ostringstream os;
   os << "SlotReader::Slots::operator[] out-of-range index:" << i
      << " max:" << std::int64_t(numSlots_) - 1;
-  KIV_TRACE(dh_, 0, os.str());
+  KIV_TRACE(dh_, 1, os.str());
   throw CorruptionDetectedException(os.str());
 }
 

@@ -79,6 +79,8 @@ class SlotReader {
   std::uint32_t slotSize() const noexcept { return slotSize_; }
   std::uint32_t valueSize() const noexcept { return valueSize_; }
   std::uint32_t fenix() const noexcept { return fenix_; }
+  // The value type name the header records (the writer's record type); only while attached.
+  std::string valueTypeName() const;
   std::uint64_t lookasideReads() const noexcept { return lookasideReads_; }
   // The mapped header (occupancy and configured size); only while attached.
   SlotTable::Header const* header() const noexcept { return SlotTable::header(mem_.base()); }
@@ -129,7 +131,8 @@ class QuarnReader {
   void detach();
   bool attached() const noexcept { return slots_.attached() && buckets_.attached(); }
 
-  Wrapper doLookup(Key const& key, bool& found);
+  // The value of `key`; with `slotIndex`, also the slot it was found in.
+  Wrapper doLookup(Key const& key, bool& found, std::uint32_t* slotIndex = nullptr);
   // The first entry in bucket order from `bucket` on.
   bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint);
   // The entry after `key` in iteration order (`key` may have been removed meanwhile).
@@ -162,8 +165,10 @@ class QuarnReader {
   bool walk(std::uint32_t b, Key const* key, Want want, Wrapper& out, std::uint32_t& slot,
             Texts const& texts);
   std::uint32_t bucketOf(Key const& key) const noexcept { return key.hash() % numBuckets(); }
+  // The table front reports corruption once per incident at error level; a reader may meet the
+  // same damage on every lookup and retry.
   [[noreturn]] void corruption(std::string const& text) const {
-    KIV_TRACE(dh_, 0, text);
+    KIV_TRACE(dh_, 1, text);
     throw CorruptionDetectedException(text);
   }
 
@@ -191,6 +196,11 @@ bool QuarnReader<Key, Wrapper>::initialize(std::uint32_t fenix, std::string& err
     error = "QuarnReader::initialize() slots validate() failed valueSize:" +
             std::to_string(slots_.valueSize()) + " slotSize:" + std::to_string(slots_.slotSize()) +
             " wanted valueSize:" + std::to_string(sizeof(Wrapper));
+  } else if (std::string const stored = slots_.valueTypeName(), wanted = Jorv::typeName<Wrapper>();
+             stored != wanted.substr(0, SlotTable::nameSize - 1)) {
+    // Of the same size but another record: its fields would be read as this one's.
+    error = "QuarnReader::initialize() slots validate() failed value typename:" + stored +
+            " wanted:" + wanted;
   } else {
     KIV_TRACE(dh_, 3, "QuarnReader::initialize() success ", rootPath_, " slots:", numSlots(),
               " buckets:", numBuckets(), " fenix:", slots_.fenix());
@@ -268,7 +278,8 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
 }
 
 template <class Key, class Wrapper>
-Wrapper QuarnReader<Key, Wrapper>::doLookup(Key const& key, bool& found) {
+Wrapper QuarnReader<Key, Wrapper>::doLookup(Key const& key, bool& found,
+                                            std::uint32_t* slotIndex) {
   Wrapper out{};
   found = false;
   if (!buckets_.attached()) {
@@ -281,6 +292,7 @@ Wrapper QuarnReader<Key, Wrapper>::doLookup(Key const& key, bool& found) {
                 "QuarnReader::doLookup() corrupt key detected, key:"});
   checkIntact();
   if (!found) out = Wrapper{};
+  if (found && slotIndex != nullptr) *slotIndex = slot;
   return out;
 }
 

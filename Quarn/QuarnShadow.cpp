@@ -62,7 +62,7 @@ void Syncer::doSync() {
       }
     }
   } catch (CorruptionDetectedException const& e) {
-    KIV_TRACE(dh_, 0, "Syncer::doSync() corruption detected: ", e.what());
+    KIV_TRACE(dh_, 1, "Syncer::doSync() corruption detected: ", e.what());
     stop();
     hooks_.corrupted(e.what());
     return;

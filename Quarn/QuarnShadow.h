@@ -20,6 +20,16 @@
 // pass is done. With notifications off (`notifying(false)`) both pause; switching them on again
 // resumes where they stopped.
 //
+// Lookups. "shadow" answers from the store: the values reported so far, never the shared
+// files. "keyshadow" keeps keys only and answers from the shared table, so a lookup sees the
+// writer's current record even before its notification arrives (a group looked up for an
+// interface reported by another table is found if the writer wrote it first). Every key such a
+// lookup finds is then held by the store: when the store had not yet learned of it in its slot,
+// the slot is brought in line at once (`adopt`), and what that changes, with the key itself, is
+// reported from the activity shortly after, not from inside the caller's lookup. So the store
+// reports the removal of every key that a lookup ever handed out, however far behind the queue
+// the reader was.
+//
 // Corruption met while reading the shared table stops the shadow (not connected, so the table
 // front's mounter attaches again) and is handed to the corruption handler. The store stays as it
 // was (lookups answer the last consistent state) until the remount, which reports every key it
@@ -33,6 +43,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "Jorv/Platform.h"
 #include "Kiv/Activity.h"
@@ -104,6 +115,7 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
               CorruptionHandler onCorruption = {}, double pollInterval = 0)
       : dh_(dh),
         mode_(mode),
+        notifier_(notifier),
         onCorruption_(std::move(onCorruption)),
         reader_(dh, rootPath),
         conquer_(
@@ -114,7 +126,8 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
                  [this](std::string const& text) { corruption(text); }},
                 activity),
         more_([this] { drain(); }, activity),
-        release_([this] { conquer_.detach(); }, activity) {
+        release_([this] { conquer_.detach(); }, activity),
+        deferredTimer_([this] { reportDeferred(); }, activity) {
     if (mode == QuarnType::shadow) {
       store_ = std::make_unique<Shadow::ShadowStore<Key, Wrapper>>(dh, reader_, notifier);
     } else if (mode == QuarnType::keyshadow) {
@@ -142,11 +155,9 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
   }
   std::uint32_t fenixId() const override { return fullyAttached() ? reader_.fenix() : 0; }
 
-  Wrapper lookup(Key const& key, bool& found) override {
-    found = false;
-    return store_ != nullptr ? store_->lookup(key, found) : Wrapper{};
-  }
-  // The same as `lookup`: a shadow never needs the shared table to answer.
+  // See "Lookups" above.
+  Wrapper lookup(Key const& key, bool& found) override;
+  // The same as `lookup`.
   Wrapper directLookup(Key const& key, bool& found) { return lookup(key, found); }
   bool first(std::uint32_t bucket, Wrapper& out, IterHint& hint) override {
     return store_ != nullptr && store_->first(bucket, out, hint);
@@ -157,6 +168,7 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
   std::uint32_t members() const override { return store_ != nullptr ? store_->occupied() : 0; }
   void heldKeys(std::vector<Key>& out) override {
     if (store_ != nullptr) store_->keys(out);
+    out.insert(out.end(), deferred_.begin(), deferred_.end());
   }
   std::uint32_t maxSize() const override {
     if (!reader_.attached()) return 0;
@@ -188,6 +200,9 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
   void drain();
   void syncComplete(bool resync);
   void corruption(std::string const& text);
+  // Brings store slot `i` in line for `key`, found there by a lookup (see "Lookups").
+  void adopt(std::uint32_t i, Key const& key);
+  void reportDeferred();
   // Stops every activity and releases the shared files; the store is emptied silently.
   void teardown();
   std::uint32_t passLength() {
@@ -197,6 +212,7 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
 
   Jorv::DebugHandler& dh_;
   QuarnType mode_;
+  KeyNotifier<Key>& notifier_;
   CorruptionHandler onCorruption_;
   mutable QuarnReader<Key, Wrapper> reader_;  // its read accessors are not const
   ConquerReader conquer_;
@@ -206,6 +222,9 @@ class QuarnShadow final : public QuarnBase<Key, Wrapper> {
   // Detaches the queue reader after corruption, outside the wake-up channel's handler that may
   // have been running when it was found.
   Kiv::Timer release_;
+  // Keys whose report a lookup's adoption put off, and the timer that reports them.
+  std::vector<Key> deferred_;
+  Kiv::Timer deferredTimer_;
   State state_ = State::notConnected;
   std::uint64_t notified_ = 0;
   std::uint64_t resyncs_ = 0;
@@ -244,21 +263,27 @@ char const* QuarnShadow<Key, Wrapper>::stateWord(State s) noexcept {
 template <class Key, class Wrapper>
 bool QuarnShadow<Key, Wrapper>::initialize() {
   teardown();
+  std::string& why = this->initFailure_;
+  why.clear();
   std::string const& root = reader_.rootPath();
   std::uint32_t const fenix = FenixFile::read(root);
   std::string error;
   if (fenix == 0 || !reader_.initialize(fenix, error)) {
-    KIV_TRACE(dh_, 1, "QuarnShadow::initialize() quarn.initialize() Failed ",
-              fenix == 0 ? "no fenix in " + root : error);
+    why = "QuarnShadow::initialize() quarn.initialize() Failed " +
+          (fenix == 0 ? "no fenix in " + root : error);
   } else if (!conquer_.initialize(fenix, error)) {
-    KIV_TRACE(dh_, 1, "QuarnShadow::initialize() conquer_.initialize() Failed ", error);
+    why = "QuarnShadow::initialize() conquer_.initialize() Failed " + error;
   } else if (store_ != nullptr &&
              !store_->initialize(fenix, reader_.numBuckets(), reader_.numSlots())) {
-    // the store traced why
+    why = std::string(mode_ == QuarnType::shadow ? "ShadowStore" : "KeyShadowStore") +
+          "::initialize() cannot map private memory for " + std::to_string(reader_.numSlots()) +
+          " slots";
   } else {
     KIV_TRACE(dh_, 3, "QuarnShadow::initialize() Synchronizing into local shadow.");
     if (doInitialize()) return true;
+    why = "QuarnShadow::initialize() first pass over " + root + " stopped";
   }
+  KIV_TRACE(dh_, 1, why);
   teardown();
   state_ = State::notConnected;
   return false;
@@ -321,8 +346,37 @@ void QuarnShadow<Key, Wrapper>::drain() {
 }
 
 template <class Key, class Wrapper>
+Wrapper QuarnShadow<Key, Wrapper>::lookup(Key const& key, bool& found) {
+  found = false;
+  if (store_ == nullptr) return Wrapper{};
+  if (mode_ != QuarnType::keyshadow || !reader_.attached()) return store_->lookup(key, found);
+  std::uint32_t slot = noIndex;
+  Wrapper const out = reader_.doLookup(key, found, &slot);
+  if (found && !store_->holds(slot, key)) adopt(slot, key);
+  return out;
+}
+
+template <class Key, class Wrapper>
+void QuarnShadow<Key, Wrapper>::adopt(std::uint32_t i, Key const& key) {
+  KIV_TRACE(dh_, 8, "QuarnShadow::adopt() slot:", i, " ", KeyText<Key>{key});
+  store_->adopt(i, deferred_);
+  // The slot may hold another key by now: the caller's key is reported too, so that it looks
+  // again and learns whichever it is.
+  deferred_.push_back(key);
+  if (!deferredTimer_.armed()) deferredTimer_.armIn(0);
+}
+
+template <class Key, class Wrapper>
+void QuarnShadow<Key, Wrapper>::reportDeferred() {
+  if (!syncer_.notifying()) return;  // notifying(true) comes back for them
+  std::vector<Key> keys;
+  keys.swap(deferred_);
+  for (Key const& key : keys) notifier_.onKey(key);
+}
+
+template <class Key, class Wrapper>
 void QuarnShadow<Key, Wrapper>::corruption(std::string const& text) {
-  KIV_TRACE(dh_, 0, "QuarnShadow::corruption() stopping shadow of ", reader_.rootPath(), ": ",
+  KIV_TRACE(dh_, 1, "QuarnShadow::corruption() stopping shadow of ", reader_.rootPath(), ": ",
             text);
   syncer_.stop();
   more_.cancel();
@@ -339,6 +393,8 @@ void QuarnShadow<Key, Wrapper>::teardown() {
   syncer_.stop();
   more_.cancel();
   release_.cancel();
+  deferredTimer_.cancel();
+  deferred_.clear();
   conquer_.detach();
   reader_.detach();
   if (store_ != nullptr) store_->flush();
@@ -359,6 +415,7 @@ template <class Key, class Wrapper>
 void QuarnShadow<Key, Wrapper>::notifying(bool on) {
   syncer_.notifying(on);  // resumes an interrupted pass
   if (store_ != nullptr) store_->notifying(on);
+  if (on && !deferred_.empty() && !deferredTimer_.armed()) deferredTimer_.armIn(0);
   if (on) drain();
 }
 

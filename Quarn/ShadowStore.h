@@ -14,7 +14,8 @@
 // - The bucket array has as many buckets as the shared table, so iteration order matches.
 // - `doSlot(i)` re-reads shared slot i and turns the difference into at most one removal and
 //   one insertion or change, each reported once to the notifier after the store is consistent
-//   again (the notifier may look keys up; it must not change the store).
+//   again: the notifier may look keys up, and a key store's lookup may itself bring a slot in
+//   line (`adopt`), so nothing is reported half-way through a change.
 // - The store grows only to the shared table's slot count and only for a notified slot beyond
 //   it; once occupancy falls to a quarter it shrinks to the smallest power of two that covers
 //   the highest occupied range of `SlotCounters`.
@@ -116,6 +117,11 @@ class StoreIntf {
   // shrink (a full pass shrinks once at its end instead). Raises CorruptionDetectedException
   // from the reader before the store is changed.
   virtual void doSlot(std::uint32_t slotIndex, bool resync, bool shrink) = 0;
+  // As doSlot, but the keys it would report are appended to `reports` (the caller reports them
+  // later) and it does not shrink.
+  virtual void adopt(std::uint32_t slotIndex, std::vector<Key>& reports) = 0;
+  // Shadow slot `slotIndex` holds `key`.
+  virtual bool holds(std::uint32_t slotIndex, Key const& key) const noexcept = 0;
   virtual bool tryShrink() = 0;
   // Empties the store without notifications.
   virtual void flush() = 0;
@@ -142,10 +148,23 @@ class BasicShadowStore final : public StoreIntf<Key, Wrapper> {
 
   bool initialize(std::uint32_t fenix, std::uint32_t numBuckets, std::uint32_t numSlots) override;
   void doSlot(std::uint32_t slotIndex, bool resync, bool shrink) override;
+  void adopt(std::uint32_t slotIndex, std::vector<Key>& reports) override;
+  bool holds(std::uint32_t slotIndex, Key const& key) const noexcept override {
+    return slotIndex < numSlots_ && slot(slotIndex).prev != freeLink &&
+           equal(slot(slotIndex).key(), key);
+  }
   // Stores shared value `w` into shadow slot `slotIndex` (which the shared table has occupied).
-  void write(std::uint32_t slotIndex, Wrapper const& w, bool notify);
+  void write(std::uint32_t slotIndex, Wrapper const& w, bool notify) {
+    Changed changed;
+    writeSlot(slotIndex, w, notify ? &changed : nullptr);
+    send(changed);
+  }
   // Frees shadow slot `slotIndex`, reporting its key when `notify`.
-  void remove(std::uint32_t slotIndex, bool notify);
+  void remove(std::uint32_t slotIndex, bool notify) {
+    Changed changed;
+    removeSlot(slotIndex, notify ? &changed : nullptr);
+    send(changed);
+  }
   bool grow(std::uint32_t slotIndex);
   bool tryShrink() override;
   bool shrink(std::uint32_t newNumSlots);
@@ -166,6 +185,22 @@ class BasicShadowStore final : public StoreIntf<Key, Wrapper> {
 
  private:
   static constexpr char const* name = Slot::storeName;
+
+  // The keys one change of the store reports (a removal, then an insertion or change).
+  struct Changed {
+    Key keys[2];
+    unsigned count = 0;
+    void add(Key const& key) noexcept { keys[count++] = key; }
+  };
+  // The body of doSlot: brings slot `i` in line, recording what changed in `changed`.
+  void sync(std::uint32_t i, bool resync, Changed& changed);
+  // write and remove, recording what they report into `changed` when it is not null.
+  void writeSlot(std::uint32_t i, Wrapper const& w, Changed* changed);
+  void removeSlot(std::uint32_t i, Changed* changed);
+  // Reports what changed, once the store is consistent again.
+  void send(Changed const& changed) {
+    for (unsigned k = 0; k < changed.count; ++k) report(changed.keys[k]);
+  }
 
   Slot& slot(std::uint32_t i) const noexcept {
     return reinterpret_cast<Slot*>(slotsMem_.base())[i];
@@ -221,11 +256,11 @@ bool BasicShadowStore<Key, Wrapper, Slot>::initialize(std::uint32_t fenix, std::
   if (numBuckets == 0 || !bucketsMem_.attach(std::size_t(numBuckets) * sizeof(std::uint32_t)) ||
       !slotsMem_.attach(std::size_t(numSlots) * sizeof(Slot))) {
     if constexpr (Slot::keepsValue) {
-      KIV_TRACE(dh_, 0,
+      KIV_TRACE(dh_, 1,
                 "ShadowStore::initialize() bucketsMem_.attachAs() Failed buckets:", numBuckets,
                 " slots:", numSlots);
     } else {
-      KIV_TRACE(dh_, 0, "KeyShadowStore::initialize() failed to map fenix: ", fenix,
+      KIV_TRACE(dh_, 1, "KeyShadowStore::initialize() failed to map fenix: ", fenix,
                 " buckets:", numBuckets, " slots:", numSlots);
     }
     bucketsMem_.detach();
@@ -253,6 +288,21 @@ bool BasicShadowStore<Key, Wrapper, Slot>::readShared(std::uint32_t i, Wrapper& 
 
 template <class Key, class Wrapper, class Slot>
 void BasicShadowStore<Key, Wrapper, Slot>::doSlot(std::uint32_t i, bool resync, bool shrink) {
+  Changed changed;
+  sync(i, resync, changed);
+  if (shrink) tryShrink();
+  send(changed);
+}
+
+template <class Key, class Wrapper, class Slot>
+void BasicShadowStore<Key, Wrapper, Slot>::adopt(std::uint32_t i, std::vector<Key>& reports) {
+  Changed changed;
+  sync(i, false, changed);
+  reports.insert(reports.end(), changed.keys, changed.keys + changed.count);
+}
+
+template <class Key, class Wrapper, class Slot>
+void BasicShadowStore<Key, Wrapper, Slot>::sync(std::uint32_t i, bool resync, Changed& changed) {
   if (i >= numSlots_) {
     std::uint32_t const shared = sharedNumSlots();
     if (i >= shared && shared < recordedShared_) {
@@ -283,11 +333,10 @@ void BasicShadowStore<Key, Wrapper, Slot>::doSlot(std::uint32_t i, bool resync, 
             " compare: ", held ? KeyText<Key>{s.key()} : KeyText<Key>{w.key}, held ? "" : " (free)",
             " slotIndex:", i, " resync:", resync, found ? " found" : " not found");
   if (found) {
-    write(i, w, true);
+    writeSlot(i, w, &changed);
   } else if (held) {
-    remove(i, true);
+    removeSlot(i, &changed);
   }
-  if (shrink) tryShrink();
 }
 
 template <class Key, class Wrapper, class Slot>
@@ -345,7 +394,8 @@ void BasicShadowStore<Key, Wrapper, Slot>::unlink(std::uint32_t i) noexcept {
 }
 
 template <class Key, class Wrapper, class Slot>
-void BasicShadowStore<Key, Wrapper, Slot>::write(std::uint32_t i, Wrapper const& w, bool notify) {
+void BasicShadowStore<Key, Wrapper, Slot>::writeSlot(std::uint32_t i, Wrapper const& w,
+                                                     Changed* changed) {
   Slot& s = slot(i);
   if (s.prev != freeLink) {
     if (equal(s.key(), w.key)) {
@@ -355,25 +405,25 @@ void BasicShadowStore<Key, Wrapper, Slot>::write(std::uint32_t i, Wrapper const&
       }
       s.assign(w);
       KIV_TRACE(dh_, 8, name, "::write() value updated slot:", i);
-      if (notify) report(w.key);
+      if (changed != nullptr) changed->add(w.key);
       return;
     }
-    remove(i, notify);  // the writer reused the slot for another key
+    removeSlot(i, changed);  // the writer reused the slot for another key
   }
   // The key may still sit in another shadow slot: the shared table moved it (removed, then
   // inserted elsewhere) and this pass or queue walk has not yet visited its old slot.
-  bool changed = true;
+  bool differs = true;  // false: the same value only moved to this slot
   if (std::uint32_t const j = find(w.key); j != endLink) {
-    changed = !slot(j).sameValue(w);
+    differs = !slot(j).sameValue(w);
     KIV_TRACE(dh_, 8, name, "::write() key moved from slot:", j, " to slot:", i);
     unlink(j);
   }
   link(i, w);
-  if (notify && changed) report(w.key);
+  if (changed != nullptr && differs) changed->add(w.key);
 }
 
 template <class Key, class Wrapper, class Slot>
-void BasicShadowStore<Key, Wrapper, Slot>::remove(std::uint32_t i, bool notify) {
+void BasicShadowStore<Key, Wrapper, Slot>::removeSlot(std::uint32_t i, Changed* changed) {
   Slot const& s = slot(i);
   if (s.prev == freeLink) {
     KIV_TRACE(dh_, 8, name, "::remove() dead slot ", i);
@@ -383,7 +433,7 @@ void BasicShadowStore<Key, Wrapper, Slot>::remove(std::uint32_t i, bool notify) 
             " occupied:", occupied_);
   Key const key = s.key();
   unlink(i);
-  if (notify) report(key);
+  if (changed != nullptr) changed->add(key);
 }
 
 template <class Key, class Wrapper, class Slot>

@@ -141,9 +141,14 @@ bool ValidatorBase::markOccupied(std::uint32_t s) {
   return mark(s);
 }
 
-bool ValidatorBase::stuckLookaside(std::uint32_t flags) {
+bool ValidatorBase::lookasideSet(std::uint32_t s, std::uint32_t flags, bool occupied) {
   std::ostringstream os;
-  os << "Validator::markOccupied() stuck LOOKASIDE bit: 0x" << std::hex << flags;
+  if (occupied) {
+    os << "Validator::markOccupied() stuck LOOKASIDE bit: 0x" << std::hex << flags;
+  } else {
+    os << "Validator::walkFreeSlots() free slot:" << s << " has LOOKASIDE bit: 0x" << std::hex
+       << flags;
+  }
   return fail(os.str());
 }
 

@@ -76,7 +76,7 @@ class ValidatorBase {
   };
 
   // The sequential pass: for every slot, its link and its key's bucket (`bucketOf(slot, index)`
-  // for an occupied one), no LOOKASIDE on an occupied slot, and the claim of its live notification.
+  // for an occupied one), no LOOKASIDE on any slot, and the claim of its live notification.
   template <class BucketOf>
   bool scanSlots(BucketOf&& bucketOf);
   // Follows every chain from its bucket over `links_`, marking each slot reached and checking
@@ -92,7 +92,8 @@ class ValidatorBase {
     (os << ... << args);
     return fail(os.str());
   }
-  bool stuckLookaside(std::uint32_t flags);
+  // A slot with LOOKASIDE set: stuck on an occupied slot, never allowed on a free one.
+  bool lookasideSet(std::uint32_t s, std::uint32_t flags, bool occupied);
   // Records that slot `s` (free or not) holds its live entry at `position` of the current table.
   // That position must lie in the written part of the table (a writer that died between writing
   // an entry and advancing currentPos leaves a claim that the next append overwrites) and be
@@ -145,7 +146,10 @@ bool ValidatorBase::scanSlots(BucketOf&& bucketOf) {
       std::uint32_t const flags = SlotWriterTable::flags(s);
       bool const occupied = flags & SlotTable::OCCUPIED;
       links_[i] = {SlotWriterTable::next(s), occupied ? bucketOf(s, i) : noIndex};
-      if (occupied && (flags & SlotTable::LOOKASIDE)) return stuckLookaside(flags);
+      // LOOKASIDE marks an update in progress on a chained slot. On a free slot it would
+      // survive the slot's reuse (an insert only adds to the flags), and readers would then
+      // read another key's staged value for it.
+      if (flags & SlotTable::LOOKASIDE) return lookasideSet(i, flags, occupied);
       std::uint32_t const c =
           Mem::Atomics::load32Relaxed(s + offsetof(SlotTable::Slot, conquerSlot));
       if (c != noIndex && !claim(i, c, !occupied)) return false;

@@ -14,6 +14,14 @@
 // Corruption met by a lookup is reported once to the table front and the key is then absent, so
 // the local entity goes. Nothing here is raised as an exception.
 //
+// Mounting. The local Status ends equal to the tables only if every removal is reported. Mount
+// the tables with Quarn::Status::mountReader() (key shadows, the default reading mode): they
+// report every removal, also of a key whose slot the writer reused while this process was
+// stopped or behind, and their lookups answer the writer's current records, so the group of a
+// newly reported interface is found when the writer wrote it first. A direct reader ("reader"
+// mode) reports the key a changed slot holds when it reads it and cannot report every removal:
+// a group deleted by the agent may then stay here.
+//
 // Handlers run on the process's activity, synchronously inside the table's notification.
 
 #include "Bidir/GroupIntfKey.h"

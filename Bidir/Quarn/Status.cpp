@@ -113,6 +113,12 @@ void Status::mount(::Quarn::QuarnType mode) {
   group_.mount(mode, info);
 }
 
+void Status::mountReader(::Quarn::QuarnType mode) {
+  KivQuarn::MountInfo const info = writerMountInfo();
+  group_.mount(mode, info);
+  groupIntf_.mount(mode, info);
+}
+
 void Status::handleParent(Kiv::Ptr<Kiv::Entity> const&) {
   groupIntf_.handleParent();
   group_.handleParent();

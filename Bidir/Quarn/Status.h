@@ -5,7 +5,12 @@
 //   groupIntf  (260)  Quarn::GroupIntf records keyed by (group, interface), sized for 500000;
 // with their control handles (259, 261: mounting and validation) and the mount information of a
 // writer (262). The tables work as local writers from construction; `mount` (or `init` on a
-// control handle) puts them in shared memory as writer or reader.
+// control handle) puts them in shared memory as writer or reader. A process that rebuilds the
+// agent's state from the tables (GroupQuarnReaderSm, a show command, a forwarding-plane
+// programmer) mounts them with `mountReader()`: key shadows, which report every removal, even of
+// a key whose slot the writer reused while the reader was stopped or behind.
+// The capacities size the tables when a writer mounts them; the writer grows past them, and
+// "Quarn table full" comes only when growth itself fails.
 //
 // Writes: `newGroup` writes without notifying; `groupIs` writes and then notifies `onGroup(key)`;
 // `groupCommit` publishes a direct write begun on the table and notifies; `groupDel` removes and
@@ -120,6 +125,13 @@ class Status : public Kiv::Entity {
   // files with the mode its control handles give (QuarnMap::fileModeIs, before mounting; by
   // default readable by all, writable by the owner).
   void mount(::Quarn::QuarnType mode);
+  // The reading mode of consumers that must see every removal: keys kept privately, values
+  // read from the shared table (lookups see the writer's current records).
+  static constexpr ::Quarn::QuarnType readingMode = ::Quarn::QuarnType::keyshadow;
+  // Mounts both tables for reading in `mode`, the group table first, so that the interfaces
+  // reported when the tables attach find the groups they belong to. "reader" (the lean direct
+  // reader) is for consumers that can live without every removal (see Quarn/QuarnBackends.h).
+  void mountReader(::Quarn::QuarnType mode = readingMode);
 
   // Passes a change of this entity's parent on to both tables (see KivQuarn::KivQuarnMap); runs
   // on every change of the parent link. The argument is not consulted: the tables read this

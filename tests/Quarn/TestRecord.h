@@ -121,20 +121,31 @@ class TraceCapture : public Jorv::TraceSink {
     Jorv::traceSinkIs(previous_);
     Jorv::traceLevelIs(handle_, -1);
   }
-  void write(std::string_view, int, std::string_view text) override { lines_.emplace_back(text); }
+  void write(std::string_view, int level, std::string_view text) override {
+    lines_.emplace_back(text);
+    levels_.push_back(level);
+  }
   bool contains(std::string_view needle) const { return count(needle) > 0; }
   std::vector<std::string> const& lines() const { return lines_; }
-  void clear() { lines_.clear(); }
-  std::size_t count(std::string_view needle) const {
+  void clear() {
+    lines_.clear();
+    levels_.clear();
+  }
+  std::size_t count(std::string_view needle, int maxLevel = 9) const {
     std::size_t n = 0;
-    for (auto const& line : lines_) n += line.find(needle) != std::string::npos;
+    for (std::size_t i = 0; i < lines_.size(); ++i) {
+      n += levels_[i] <= maxLevel && lines_[i].find(needle) != std::string::npos;
+    }
     return n;
   }
+  // Lines at error level (0) holding `needle`.
+  std::size_t errors(std::string_view needle) const { return count(needle, 0); }
 
  private:
   std::string handle_;
   Jorv::TraceSink* previous_;
   std::vector<std::string> lines_;
+  std::vector<int> levels_;
 };
 
 // Readers as the writer sees them: the lowest acknowledged sequence and the number of wake-ups.

@@ -4,7 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
+#include <string>
+#include <vector>
 
+#include "Quarn/ConquerReader.h"
+#include "Quarn/QuarnReader.h"
 #include "Quarn/QuarnWriter.h"
 #include "TestRecord.h"
 
@@ -68,6 +73,12 @@ TEST(Validator, FindsEveryPlantedDamage) {
          setFlags(s, Quarn::SlotWriterTable::flags(s) | Quarn::SlotTable::LOOKASIDE);
        },
        "Validator::markOccupied() stuck LOOKASIDE bit: 0x7"},
+      {"free slot with LOOKASIDE",
+       [](Writer& w) {
+         char* s = w.slots().slot(w.slots().freeSlots());
+         setFlags(s, Quarn::SlotWriterTable::flags(s) | Quarn::SlotTable::LOOKASIDE);
+       },
+       "Validator::walkFreeSlots() free slot:"},
       {"chained slot without OCCUPIED", [](Writer& w) { setFlags(slotOf(w, 0, 3), 4); },
        "QuarnWriter::"},
       {"free list names a slot twice",
@@ -164,3 +175,263 @@ TEST(Validator, FileSizesOnDisk) {
 }
 
 }  // namespace
+
+// ---- damage that passes validation must not cost a record later
+//
+// One 32-bit word of the files is damaged at a time (every flag and link word of free, chained
+// and lookaside slots, of empty and used buckets, of the slot and bucket headers, of both
+// notification tables' headers and of live, tombstoned, unwritten and spare entries), in a few
+// ways each. Damage the validator finds is fine. Damage it passes must be harmless: a reader
+// mounts the files and reads every record (what makes a reader refuse a table must make the
+// writer's check fail, or the reader's report would never be acted on), and a run of writes
+// (inserts reusing the free slots, growth, updates, removes, compactions of the notification
+// queue) then leaves a table that validates again, as a restart does, and holds exactly what
+// was written.
+
+namespace {
+
+using Site = std::function<std::uint32_t*(Writer&)>;
+
+std::uint32_t* word(char* base, std::size_t offset) {
+  return reinterpret_cast<std::uint32_t*>(base + offset);
+}
+std::uint32_t* slotWord(Writer& w, std::uint32_t slot, std::size_t field) {
+  return word(w.slots().slot(slot), field);
+}
+// The n-th slot of the free list.
+std::uint32_t freeAt(Writer& w, std::uint32_t n) {
+  std::uint32_t i = w.slots().freeSlots();
+  while (n-- > 0) i = Quarn::SlotWriterTable::next(w.slots().slot(i));
+  return i;
+}
+// A position of the current notification table holding a live entry (live) or a tombstone.
+std::uint32_t entryAt(Writer& w, bool live) {
+  for (std::uint32_t p = 0; p < w.conquer().currentPos(w.conquer().currentTable()); ++p) {
+    if ((w.conquer().entrySlot(p) != Quarn::noIndex) == live) return p;
+  }
+  ADD_FAILURE() << "no " << (live ? "live entry" : "tombstone");
+  return 0;
+}
+std::uint32_t* entryWord(Writer& w, std::uint32_t table, std::uint32_t pos, std::size_t field) {
+  return word(Quarn::ConquerTable::entry(w.conquer().base(table), pos), field);
+}
+std::uint32_t* conquerHeader(Writer& w, std::uint32_t table, std::size_t field) {
+  return word(w.conquer().base(table), field);
+}
+
+std::vector<std::pair<std::string, Site>> damagedSites() {
+  using Slot = Quarn::SlotTable::Slot;
+  using SlotHeader = Quarn::SlotTable::Header;
+  using ConquerHeader = Quarn::ConquerTable::Header;
+  std::vector<std::pair<std::string, Site>> sites;
+  std::vector<std::pair<char const*, std::function<std::uint32_t(Writer&)>>> const slots{
+      {"free head", [](Writer& w) { return freeAt(w, 0); }},
+      {"free slot owning its removal entry", [](Writer& w) { return freeAt(w, 1); }},
+      {"free tail", [](Writer& w) { return freeTail(w); }},
+      {"chain head", [](Writer& w) { return indexOf(w, 2, 0); }},
+      {"chain middle", [](Writer& w) { return indexOf(w, 2, 2); }},
+      {"chain tail", [](Writer& w) { return indexOf(w, 2, 4); }},
+  };
+  std::vector<std::pair<char const*, std::size_t>> const slotFields{
+      {"linkVersion", offsetof(Slot, linkVersion)},
+      {"next", offsetof(Slot, next)},
+      {"conquerSlot", offsetof(Slot, conquerSlot)},
+      {"flags", offsetof(Slot, flags)}};
+  for (auto const& [slot, index] : slots) {
+    for (auto const& [field, offset] : slotFields) {
+      sites.emplace_back(std::string(slot) + " " + field,
+                         [index, offset](Writer& w) { return slotWord(w, index(w), offset); });
+    }
+  }
+  for (auto const& [field, offset] : slotFields) {
+    sites.emplace_back(std::string("lookaside ") + field, [offset](Writer& w) {
+      return word(Quarn::SlotTable::lookaside(w.slots().mem().base()), offset);
+    });
+  }
+  for (auto const& [field, offset] :
+       std::vector<std::pair<char const*, std::size_t>>{
+           {"occupiedSlots", offsetof(SlotHeader, occupiedSlots)},
+           {"freeSlots", offsetof(SlotHeader, freeSlots)},
+           {"numSlotsVersion", offsetof(SlotHeader, numSlotsVersion)},
+           {"numSlots", offsetof(SlotHeader, numSlots)}}) {
+    sites.emplace_back(std::string("slot header ") + field,
+                       [offset](Writer& w) { return word(w.slots().mem().base(), offset); });
+  }
+  sites.emplace_back("bucket header numBuckets", [](Writer& w) {
+    return word(w.buckets().mem().base(), offsetof(Quarn::BucketTable::Header, numBuckets));
+  });
+  for (std::size_t const offset : {std::size_t(0), std::size_t(4)}) {
+    std::string const field = offset == 0 ? " linkVersion" : " head";
+    sites.emplace_back("empty bucket" + field, [offset](Writer& w) {
+      return word(w.buckets().bucket(w.bucketOf(TestKey{0, 9})), offset);
+    });
+    sites.emplace_back("used bucket" + field, [offset](Writer& w) {
+      return word(w.buckets().bucket(w.bucketOf(TestKey{0, 1})), offset);
+    });
+  }
+  for (std::uint32_t table = 0; table < 2; ++table) {
+    std::string const name = table == 0 ? "conquer.1 " : "conquer.2 ";
+    for (auto const& [field, offset] : std::vector<std::pair<char const*, std::size_t>>{
+             {"minSeq low", offsetof(ConquerHeader, minSeq)},
+             {"minSeq high", offsetof(ConquerHeader, minSeq) + 4},
+             {"numReaders", offsetof(ConquerHeader, numReaders)},
+             {"reserved", offsetof(ConquerHeader, reserved)},
+             {"currentTable", offsetof(ConquerHeader, currentTable)},
+             {"tableId", offsetof(ConquerHeader, tableId)},
+             {"state", offsetof(ConquerHeader, state)},
+             {"capacity", offsetof(ConquerHeader, capacity)},
+             {"currentPos", offsetof(ConquerHeader, currentPos)}}) {
+      sites.emplace_back(name + field, [table, offset](Writer& w) {
+        return conquerHeader(w, table, offset);
+      });
+    }
+  }
+  for (auto const& [field, offset] : std::vector<std::pair<char const*, std::size_t>>{
+           {" sequence", 0}, {" slot", 8}}) {
+    sites.emplace_back(std::string("live entry") + field, [offset](Writer& w) {
+      return entryWord(w, w.conquer().currentTable(), entryAt(w, true), offset);
+    });
+    sites.emplace_back(std::string("tombstone") + field, [offset](Writer& w) {
+      return entryWord(w, w.conquer().currentTable(), entryAt(w, false), offset);
+    });
+    sites.emplace_back(std::string("entry at currentPos") + field, [offset](Writer& w) {
+      std::uint32_t const t = w.conquer().currentTable();
+      return entryWord(w, t, w.conquer().currentPos(t), offset);
+    });
+    sites.emplace_back(std::string("spare table's first entry") + field, [offset](Writer& w) {
+      return entryWord(w, 1 - w.conquer().currentTable(), 0, offset);
+    });
+  }
+  return sites;
+}
+
+struct Mutation {
+  char const* name;
+  std::uint32_t (*apply)(std::uint32_t);
+};
+constexpr Mutation mutations[] = {
+    {"^1", [](std::uint32_t v) { return v ^ 1u; }},
+    {"^2", [](std::uint32_t v) { return v ^ 2u; }},
+    {"+1", [](std::uint32_t v) { return v + 1u; }},
+    {"-1", [](std::uint32_t v) { return v - 1u; }},
+    {"=0", [](std::uint32_t) { return 0u; }},
+    {"=noIndex", [](std::uint32_t) { return Quarn::noIndex; }},
+};
+
+// What the table holds, read through iteration and lookups; "" when it equals `model`.
+std::string differences(Writer& w, std::map<TestKey, std::uint32_t> const& model) {
+  std::map<TestKey, std::uint32_t> seen;
+  TestWrapper r;
+  Quarn::IterHint hint;
+  for (bool more = w.first(0, r, hint); more; more = w.next(TestKey(r.key), r, hint)) {
+    if (!seen.emplace(r.key, r.value).second || seen.size() > model.size()) return "iteration";
+  }
+  if (seen != model) return "iteration holds " + std::to_string(seen.size());
+  for (auto const& [key, value] : model) {
+    bool found = false;
+    if (w.lookup(key, found).value != value || !found) return "lookup";
+  }
+  return "";
+}
+
+// What a reader of the files under `root` makes of them: "" when it mounts them and reads
+// exactly `model` through iteration and lookups.
+std::string readerVerdict(std::string const& root, std::uint32_t fenix,
+                          std::map<TestKey, std::uint32_t> const& model) {
+  Quarn::QuarnReader<TestKey, TestWrapper> reader(dh(), root);
+  Quarn::ConquerReader queue(dh(), root, nullptr);
+  std::string error;
+  if (!reader.initialize(fenix, error) || !queue.initialize(fenix, error)) return error;
+  try {
+    std::map<TestKey, std::uint32_t> seen;
+    TestWrapper r;
+    Quarn::IterHint hint;
+    for (bool more = reader.first(0, r, hint); more && seen.size() <= model.size();
+         more = reader.doNext(TestKey(r.key), r, hint)) {
+      seen[r.key] = r.value;
+    }
+    if (seen != model) return "the reader iterates " + std::to_string(seen.size()) + " records";
+    for (auto const& [key, value] : model) {
+      bool found = false;
+      if (reader.doLookup(key, found).value != value || !found) return "the reader's lookup";
+    }
+    queue.conquer([](std::uint32_t) {});
+  } catch (std::exception const& e) {
+    return std::string("the reader refuses: ") + e.what();
+  }
+  return "";
+}
+
+// The writes that follow the damage: new keys into old and new chains (reusing every free slot
+// and growing the slot file), updates, removes, and enough changes for compactions.
+void writeAfterDamage(Writer& w, std::map<TestKey, std::uint32_t>& model) {
+  std::uint32_t value = 100;
+  auto put = [&](std::uint32_t g, std::uint32_t id) {
+    w.write(record(g, id, ++value));
+    model[TestKey{id, g}] = value;
+  };
+  for (std::uint32_t id = 5; id < 30; ++id) {
+    for (std::uint32_t g = 0; g < 4; ++g) put(g, id);
+  }
+  for (std::uint32_t round = 0; round < 4; ++round) {
+    for (auto const& [key, v] : std::map(model)) put(key.group, key.id);
+  }
+  TestWrapper out;
+  for (std::uint32_t id = 0; id < 30; id += 3) {
+    for (std::uint32_t g = 0; g < 4; ++g) {
+      model.erase(TestKey{id, g});
+      w.remove(TestKey{id, g}, out);
+    }
+  }
+  for (std::uint32_t id = 30; id < 40; ++id) put(5, id);
+}
+
+}  // namespace
+
+TEST(Validator, DamageItPassesCostsNoRecordLater) {
+  std::vector<std::string> harmful;
+  std::size_t passed = 0, cases = 0;
+  for (std::uint32_t compactions = 0; compactions < 2; ++compactions) {
+    for (auto const& [site, at] : damagedSites()) {
+      for (Mutation const& m : mutations) {
+        std::string const name =
+            site + " " + m.name + (compactions > 0 ? " (after a compaction)" : "");
+        TempRoot root;
+        Writer w(dh(), "sweep", 32, false, "TestRecord", nullptr, root.path());
+        w.attach();
+        std::map<TestKey, std::uint32_t> model;
+        for (std::uint32_t g = 0; g < 4; ++g) {
+          for (std::uint32_t id = 0; id < 5; ++id) w.write(record(g, id, id));
+        }
+        while (w.conquer().counters().compactions < compactions) w.write(record(0, 0, 0));
+        for (std::uint32_t g = 0; g < 4; ++g) {
+          for (std::uint32_t id = 0; id < 5; ++id) model[TestKey{id, g}] = id;
+        }
+        TestWrapper out;
+        for (TestKey const k : {TestKey{1, 1}, TestKey{3, 2}, TestKey{4, 3}}) {
+          w.remove(k, out);
+          model.erase(k);
+        }
+        for (int twice = 0; twice < 2; ++twice) w.write(record(0, 2, 2));  // leaves a tombstone
+        std::uint32_t* const target = at(w);
+        *target = m.apply(*target);
+        ++cases;
+        if (!w.validate()) continue;
+        ++passed;
+        std::string verdict = readerVerdict(root.path() + "/sweep", w.fenix(), model);
+        try {
+          if (verdict.empty()) writeAfterDamage(w, model);
+          if (verdict.empty()) {
+            verdict = w.validate() ? differences(w, model) : "second validation failed";
+          }
+        } catch (std::exception const& e) {
+          verdict = e.what();
+        }
+        if (!verdict.empty()) harmful.push_back(name + ": " + verdict);
+      }
+    }
+  }
+  EXPECT_GT(passed, 0u);
+  EXPECT_LT(passed, cases);
+  EXPECT_TRUE(harmful.empty()) << ::testing::PrintToString(harmful);
+}
