@@ -66,7 +66,7 @@ std::uint32_t Agent::clearGroups(Bidir::ClearConfig::GroupKey const& key) {
   for (std::uint32_t g : named) {
     Report r = report(Report::groupCleared);
     r.group = g;  // stamped before the records go: the reader can only see it vanish later
-    deleteGroup(g, r.time);
+    deleteGroup(g);
     send(reportFd_, r);
   }
   return std::uint32_t(named.size());

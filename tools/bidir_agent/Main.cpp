@@ -110,6 +110,7 @@ class Supervisor : DemoSupport::Supervisor<Role, Report> {
   void stop() override;     // the churn
   bool summary() const;
   bool configSummary() const;
+  bool tablesSummary() const;
   void keep();
 
   std::string root_;
@@ -136,6 +137,10 @@ class Supervisor : DemoSupport::Supervisor<Role, Report> {
   std::uint8_t lastClearCount_ = 0;
   std::uint16_t expiry_ = Bidir::Config::groupExpiryIntervalDefaultValue;
   std::vector<std::pair<std::uint32_t, double>> cleared_;
+  // Table writes that failed (over all agent lives), the resyncs that repaired them, the longest
+  // wait from a first failure to its repair.
+  std::uint64_t tableFailures_ = 0, resyncs_ = 0;
+  double longestResyncWait_ = 0;
   std::vector<std::vector<double>> vanished_ = std::vector<std::vector<double>>(options_.groups);
 };
 
@@ -186,6 +191,20 @@ void Supervisor::onReport(Child& child, Report const& r) {
       return;
     case Report::groupVanished:
       if (r.group < vanished_.size()) vanished_[r.group].push_back(r.time);
+      return;
+    case Report::tablesFailed:
+      std::printf("[%5.1fs] agent: %llu table writes failed, resync: %s; retrying until it "
+                  "succeeds\n",
+                  since(), ull(r.tableFailures), r.text);
+      return;
+    case Report::tablesResynced:
+      tableFailures_ += r.tableFailures;
+      ++resyncs_;
+      longestResyncWait_ = std::max(longestResyncWait_, r.waited);
+      std::printf("[%5.1fs] agent resynchronised its tables after %llu failed writes: %s, "
+                  "%.3f s after the first\n",
+                  since(), ull(r.tableFailures), count(r.resyncAttempts, "attempt").c_str(),
+                  r.waited);
       return;
     default:
       break;
@@ -380,7 +399,8 @@ int Supervisor::run() {
   giveUp_.armIn(options_.seconds + 120);
   if (int const status = runToEnd(); status != 0) return status;
   bool const equal = summary();
-  bool const ok = configSummary() && equal;
+  bool const configOk = configSummary();
+  bool const ok = tablesSummary() && configOk && equal;
   if (options_.keep) keep();
   return ok ? 0 : 1;
 }
@@ -521,6 +541,21 @@ bool Supervisor::configSummary() const {
                                 : nullptr;
   if (failure != nullptr) entry("configuration", std::string("FAILED: ") + failure);
   return failure == nullptr;
+}
+
+// Table writes that failed (a full file system) and the resyncs that brought the tables back;
+// the run fails when the agent ended with failed writes not repaired.
+bool Supervisor::tablesSummary() const {
+  if (tableFailures_ == 0 && agentFinal_.tableFailures == 0) return true;
+  entry("table failures",
+        format("%llu table writes failed; %s brought the tables back to the agent's state, "
+               "the longest %.3f s after its first failure",
+               ull(tableFailures_ + agentFinal_.tableFailures), count(resyncs_, "resync").c_str(),
+               longestResyncWait_));
+  if (agentFinal_.tableFailures == 0) return true;
+  entry("table failures", format("FAILED: %llu failed writes not repaired at the end",
+                                 ull(agentFinal_.tableFailures)));
+  return false;
 }
 
 int supervise(Options const& options) {

@@ -2,9 +2,10 @@
 // its own Status equal to the agent's tables through the reader state machine, and evaluates
 // the RFC 5015 computations (joinDesired, oList, ...) on it, reading the RP/DF tables itself.
 //
-// The tables are mounted in mode "reader": lookups go to the shared files, so when an interface
-// record is reported its group's record, written before it, is already there. The group table is
-// mounted first: the interface records reported on attach then find their groups.
+// The tables are mounted in mode "keyshadow": the reader keeps the keys it has seen, so a group
+// removed while this process was behind (stopped, descheduled) is reported removed even when the
+// writer has given its slot to another group meanwhile. The group table is mounted first: the
+// interface records reported on attach then find their groups.
 //
 // Lag: a probe registered on the table root after the state machine hears each interface key
 // right after the state machine applied it, and reads the entity's lastJoinReceived, the time
@@ -34,6 +35,7 @@ namespace BidirAgent {
 namespace {
 
 using QuarnStatus = Bidir::Quarn::Status;
+constexpr Quarn::QuarnType kMode = Quarn::QuarnType::keyshadow;
 
 class LagProbe final : public QuarnStatus::NotifieeConst {
  public:
@@ -125,10 +127,10 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   groups.remountIntervalIs(0.05);
   groupIntfs.remountIntervalIs(0.05);
   tellDoing(reportFd, Role::reader, "attaching to the group table");
-  groups.init(Quarn::QuarnType::reader, false, 0);
+  groups.init(kMode, false, 0);
   waitFor([&] { return groups.fullyAttached(); });
   tellDoing(reportFd, Role::reader, "attaching to the group-interface table");
-  groupIntfs.init(Quarn::QuarnType::reader, false, 0);
+  groupIntfs.init(kMode, false, 0);
   waitFor([&] { return groupIntfs.fullyAttached(); });
   probe->attachedAt = now();
   Report const ready = report(Report::ready);
