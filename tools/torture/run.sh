@@ -43,6 +43,23 @@ wait_for() {
   done
 }
 
+# Takes all free space of /dev/shm but SLACK bytes (said in the log). The agent's tables may grow between the look
+# at the free space and the allocation, which then fails and is made again for what is left.
+fill() {
+  local log=$1 free size
+  for _ in 1 2 3 4 5; do
+    free=$(($(stat -f -c '%a * %S' /dev/shm)))
+    size=$(stat -c %s "$FILLER" 2>/dev/null || echo 0)
+    if [ "$free" -le "$SLACK" ] || fallocate -o "$size" -l $((free - SLACK)) "$FILLER" 2>/dev/null
+    then
+      echo "[torture] filled /dev/shm: $(stat -c %s "$FILLER") bytes taken," \
+        "$(($(stat -f -c '%a * %S' /dev/shm))) left" >>"$log"
+      return 0
+    fi
+  done
+  return 1
+}
+
 # ---- fulltmpfs: the part run inside the mount namespace. Prints why on a failure of its own.
 inside_tmpfs() {
   local agent=$1 log=$2
@@ -54,9 +71,7 @@ inside_tmpfs() {
     why="the churn did not begin"
   else
     sleep "$(random_seconds 200 1500)"  # within the late groups' arrival
-    local free=$(($(stat -f -c '%a * %S' /dev/shm)))
-    fallocate -l $((free - SLACK)) "$FILLER" || why="fallocate failed"
-    echo "[torture] filled /dev/shm: $((free - SLACK)) bytes taken, $SLACK left" >>"$log"
+    fill "$log" || why="/dev/shm could not be filled"
     if [ -z "$why" ] && ! wait_for "table writes failed" "$log" "$pid" 10; then
       why="the full file system made no table write fail"
     fi
