@@ -4,9 +4,9 @@
 #
 #   fulltmpfs    The simulation's /dev/shm is a small tmpfs of its own (a private mount
 #                namespace). While the tables grow (late groups arriving, small initial
-#                capacities), the harness fills the file system but for a little slack, so that
-#                table growth fails; once the agent says its writes failed, the harness waits a
-#                random moment and frees the space. The agent's resync must bring the tables
+#                capacities), the harness takes all its free space, so that table growth
+#                fails; once the agent says its writes failed, the harness waits a random moment
+#                and frees the space. The agent's resync must bring the tables
 #                back. Skipped, saying why, where mount namespaces are not permitted.
 #   stopreader   The reader process is stopped with SIGSTOP for up to 5 s at random moments,
 #                again and again, until the summary.
@@ -17,14 +17,12 @@
 set -uo pipefail
 
 # 1,000 groups x 20 interfaces, 400 of them arriving during the first 2.5 s of churn; the
-# group-interface table is created for 1,000 records, so it grows all along the arrivals (the
-# group table is created for all groups: its small growths would eat the slack). 10 s of churn
-# at 20,000 changes/s, the agent killed and restarted at 5 s.
+# group-interface table is created for 1,000 records, so it grows all along the arrivals. 10 s
+# of churn at 20,000 changes/s, the agent killed and restarted at 5 s.
 readonly SIM_ARGS=(--groups 1000 --intfs 20 --late-groups 400 --group-capacity 1000
                    --intf-capacity 1000 --seconds 10 --restart-at 5 --rate 20000
                    --df-move-every 1 --config-every 1)
 readonly TMPFS_SIZE=32m
-readonly SLACK=$((64 * 1024))  # left free: the agent's small files fit, a table growth does not
 readonly FILLER=/dev/shm/torture-filler
 
 # A random number of seconds in [lo, hi) milliseconds, as sleep(1) takes it.
@@ -43,15 +41,14 @@ wait_for() {
   done
 }
 
-# Takes all free space of /dev/shm but SLACK bytes (said in the log). The agent's tables may grow between the look
-# at the free space and the allocation, which then fails and is made again for what is left.
+# Takes all free space of /dev/shm (said in the log). The agent's tables may grow between the
+# look at the free space and the allocation, which then fails and is made again for what is left.
 fill() {
   local log=$1 free size
   for _ in 1 2 3 4 5; do
     free=$(($(stat -f -c '%a * %S' /dev/shm)))
     size=$(stat -c %s "$FILLER" 2>/dev/null || echo 0)
-    if [ "$free" -le "$SLACK" ] || fallocate -o "$size" -l $((free - SLACK)) "$FILLER" 2>/dev/null
-    then
+    if [ "$free" -eq 0 ] || fallocate -o "$size" -l "$free" "$FILLER" 2>/dev/null; then
       echo "[torture] filled /dev/shm: $(stat -c %s "$FILLER") bytes taken," \
         "$(($(stat -f -c '%a * %S' /dev/shm))) left" >>"$log"
       return 0
