@@ -345,6 +345,11 @@ void Agent::checkDriverState() const {
 }
 
 void Agent::createGroup(std::uint32_t g) {
+  if (ready_) {  // by the churn: a group cleared before may come back
+    Report r = report(Report::groupCreated);
+    r.group = g;
+    send(reportFd_, r);
+  }
   Kiv::Ptr<Bidir::Group> group = status_->groupIs(addrs_[g]);
   group->creationTimeIs(now());
   for (std::uint32_t j = 0; j < options_.intfs; ++j) {

@@ -79,6 +79,7 @@ struct Report {
     clearActed,  // agent: a clear request acted on (`clearCount`; `groups` deleted)
     groupCleared,   // agent: group `group` deleted by a clear request, `time` taken just before
     groupVanished,  // reader: group `group` no longer in its Status, seen at `time`
+    groupCreated,   // agent: group `group` created by the churn at `time`
     tablesFailed,   // agent: table writes failed (`tableFailures`); `text`: why, from a resync
     tablesResynced, // agent: a resync brought the tables back (`resyncAttempts`, `waited`)
   };

@@ -61,7 +61,8 @@ fill() {
 inside_tmpfs() {
   local agent=$1 log=$2
   mount -t tmpfs -o "size=$TMPFS_SIZE" tmpfs /dev/shm || { echo "mount failed"; return 1; }
-  "$agent" "${SIM_ARGS[@]}" >"$log" 2>&1 &
+  # Appended to, as the harness's own lines are: neither overwrites the other.
+  "$agent" "${SIM_ARGS[@]}" >>"$log" 2>&1 &
   local pid=$!
   local why=""
   if ! wait_for "reader attached" "$log" "$pid" 60; then
@@ -103,7 +104,7 @@ run_fulltmpfs() {
 # ---- stopreader
 run_stopreader() {
   local agent=$1 log=$2
-  "$agent" "${SIM_ARGS[@]}" >"$log" 2>&1 &
+  "$agent" "${SIM_ARGS[@]}" >>"$log" 2>&1 &
   local pid=$! reader="" stops=0 stopped=0
   if wait_for "the reader starts" "$log" "$pid" 60; then
     local end=$((SECONDS + 10))
