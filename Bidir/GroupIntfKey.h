@@ -40,9 +40,8 @@ class GroupIntfKey {
   }
   bool operator!=(GroupIntfKey const& other) const noexcept { return !(*this == other); }
   bool operator<(GroupIntfKey const& other) const noexcept {
-    if (groupAddr_ < other.groupAddr_) return true;
-    if (groupAddr_ == other.groupAddr_) return intfId_ < other.intfId_;
-    return false;
+    if (auto const order = groupAddr_ <=> other.groupAddr_; order != 0) return order < 0;
+    return intfId_ < other.intfId_;
   }
   bool operator<=(GroupIntfKey const& other) const noexcept { return !(other < *this); }
   bool operator>(GroupIntfKey const& other) const noexcept { return !(*this <= other); }

@@ -47,8 +47,9 @@ class Activity {
   // Monotonic time in seconds; the time base of every timer.
   static double now() noexcept;
 
-  // Watches `fd` for `epollEvents` (EPOLLIN, EPOLLOUT, ...; level-triggered). The fd stays owned
-  // by the caller, who must `fdDel` before closing it. Raises Jorv::RuntimeException if the
+  // Watches `fd` for `epollEvents` (EPOLLIN, EPOLLOUT, ...; level-triggered unless EPOLLET is
+  // among them; EPOLLEXCLUSIVE holds from registration on and cannot be changed by
+  // `fdEventsIs`). The fd stays owned by the caller, who must `fdDel` before closing it. Raises Jorv::RuntimeException if the
   // kernel refuses the fd (already watched, not pollable).
   Id fdIs(int fd, std::uint32_t epollEvents, FdHandler handler);
   void fdEventsIs(Id id, std::uint32_t epollEvents);

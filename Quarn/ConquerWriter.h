@@ -144,7 +144,15 @@ class ConquerWriter {
     std::uint32_t capacity;
     std::uint32_t pos;
   };
-  Extent extent(std::uint32_t tableId, char const* op) const;
+  Extent extent(std::uint32_t tableId, char const* op) const {
+    std::size_t const mapped = mem_[tableId].mappedSize();
+    if (mapped >= ConquerTable::headerSize) [[likely]] {
+      Extent const e{capacity(tableId), currentPos(tableId)};
+      if (ConquerTable::fileSize(e.capacity) <= mapped && e.pos <= e.capacity) [[likely]] return e;
+    }
+    badExtent(tableId, op);
+  }
+  [[noreturn]] void badExtent(std::uint32_t tableId, char const* op) const;
   bool validateHeader(std::uint32_t tableId, std::uint32_t fenix, std::string& error) const;
   // The minSeq that `prune` would store now.
   std::uint64_t pruneTarget() const;

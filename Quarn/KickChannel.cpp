@@ -33,6 +33,20 @@ Address::~Address() {
   if (dirFd_ >= 0) ::close(dirFd_);
 }
 
+Descriptors::~Descriptors() {
+  for (int fd : fds_) {
+    if (fd >= 0) ::close(fd);
+  }
+}
+
+int Descriptors::take(std::size_t i) noexcept {
+  return i < fds_.size() ? std::exchange(fds_[i], -1) : -1;
+}
+
+std::size_t Descriptors::count() const noexcept {
+  return std::size_t(std::count_if(fds_.begin(), fds_.end(), [](int fd) { return fd >= 0; }));
+}
+
 Connection::Connection(int fd, Kiv::Activity& activity, MessageHandler onMessage,
                        HangupHandler onHangup)
     : fd_(fd), onMessage_(std::move(onMessage)), onHangup_(std::move(onHangup)) {
@@ -51,36 +65,27 @@ Connection::~Connection() {
   ::close(fd_);
 }
 
-void Connection::send(Message const& message) {
-  if (outFill_ != 0 || next_) {
-    next_ = message;  // blocked: keep only the newest
-    return;
+bool Connection::send(Message const& message, int const* fds, std::size_t count) {
+  count = std::min<std::size_t>(count, descriptorCount);
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * descriptorCount)] = {};
+  iovec iov{const_cast<Message*>(&message), sizeof message};
+  msghdr msg{};
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  if (count != 0) {
+    msg.msg_control = control;
+    msg.msg_controllen = CMSG_SPACE(sizeof(int) * count);
+    cmsghdr* c = CMSG_FIRSTHDR(&msg);
+    c->cmsg_level = SOL_SOCKET;
+    c->cmsg_type = SCM_RIGHTS;
+    c->cmsg_len = CMSG_LEN(sizeof(int) * count);
+    std::memcpy(CMSG_DATA(c), fds, sizeof(int) * count);
   }
-  std::memcpy(out_, &message, sizeof message);
-  outDone_ = 0;
-  outFill_ = sizeof message;
-  if (!flush()) watch_.eventsIs(EPOLLIN | EPOLLRDHUP | EPOLLOUT);
-}
-
-bool Connection::flush() {
-  for (;;) {
-    while (outDone_ < outFill_) {
-      ssize_t n = ::send(fd_, out_ + outDone_, outFill_ - outDone_, MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN) return false;
-        outDone_ = outFill_ = 0;  // broken: the hangup comes through the activity
-        next_.reset();
-        return true;
-      }
-      outDone_ += std::size_t(n);
-    }
-    outDone_ = outFill_ = 0;
-    if (!next_) return true;
-    std::memcpy(out_, &*next_, sizeof(Message));
-    outFill_ = sizeof(Message);
-    next_.reset();
-  }
+  ssize_t n;
+  do {
+    n = ::sendmsg(fd_, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+  } while (n < 0 && errno == EINTR);
+  return n == ssize_t(sizeof message);
 }
 
 void Connection::hangup() {
@@ -89,33 +94,49 @@ void Connection::hangup() {
 }
 
 void Connection::handleEvents(std::uint32_t events) {
-  if ((events & EPOLLOUT) && flush()) watch_.eventsIs(EPOLLIN | EPOLLRDHUP);
   if (!(events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR))) return;
   std::shared_ptr<bool> alive = alive_;
-  unsigned char buffer[64 * sizeof(Message)];
   for (;;) {
-    ssize_t n = ::recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
+    // Before the welcome is whole, read no further than its end; after it (or on a writer's
+    // end) one byte is enough to tell a protocol error.
+    bool const expecting = onMessage_ != nullptr && !welcomed_;
+    unsigned char byte;
+    iovec iov = expecting ? iovec{in_ + inFill_, sizeof in_ - inFill_} : iovec{&byte, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * descriptorCount)];
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    ssize_t const n = ::recvmsg(fd_, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && errno == EAGAIN) return;
-    if (n <= 0) return hangup();  // orderly close or error
-    for (ssize_t i = 0; i < n;) {
-      std::size_t take = std::min(sizeof(Message) - inFill_, std::size_t(n - i));
-      std::memcpy(in_ + inFill_, buffer + i, take);
-      inFill_ += take;
-      i += ssize_t(take);
-      if (inFill_ < sizeof(Message)) break;
-      inFill_ = 0;
-      Message m;
-      std::memcpy(&m, in_, sizeof m);
-      auto type = std::uint32_t(m.type);
-      if (m.version != Message::protocolVersion || type < 1 || type > 3) return hangup();
-      onMessage_(m);
-      if (!*alive) return;
+    // Descriptors are taken before anything else: those not wanted are closed, never leaked.
+    bool extra = (msg.msg_flags & MSG_CTRUNC) != 0;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+      if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+      std::size_t const k = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+      for (std::size_t i = 0; i < k; ++i) {
+        int fd;
+        std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
+        auto free = std::find(received_.fds_.begin(), received_.fds_.end(), -1);
+        if (expecting && free != received_.fds_.end()) {
+          *free = fd;
+        } else {
+          ::close(fd);
+          extra = true;
+        }
+      }
     }
-    // A short read emptied the socket: the watch is level-triggered, so anything that arrives
-    // later raises another event. Reading on until EAGAIN would cost one more system call per
-    // message, which is a third of a writer's work per write with sleeping readers.
-    if (std::size_t(n) < sizeof buffer) return;
+    if (n <= 0 || !expecting || extra) return hangup();  // gone, or a protocol error
+    inFill_ += std::size_t(n);
+    if (inFill_ < sizeof in_) continue;
+    Message m;
+    std::memcpy(&m, in_, sizeof m);
+    if (m.version != Message::protocolVersion || m.type != Type::welcome) return hangup();
+    welcomed_ = true;
+    onMessage_(m, received_);
+    if (!*alive) return;
   }
 }
 

@@ -37,14 +37,11 @@ bool BucketReader::validate(std::uint32_t fenix, std::string& error) {
   return true;
 }
 
-char const* BucketReader::bucket(std::uint32_t b) const {
-  if (b >= numBuckets_) {
-    std::ostringstream os;
-    os << "BucketReader::getRef() out-of-range, index:" << b << " max:" << numBuckets_;
-    KIV_TRACE(dh_, 0, os.str());
-    throw CorruptionDetectedException(os.str());
-  }
-  return BucketTable::bucket(mem_.base(), b);
+void BucketReader::outOfRange(std::uint32_t b) const {
+  std::ostringstream os;
+  os << "BucketReader::getRef() out-of-range, index:" << b << " max:" << numBuckets_;
+  KIV_TRACE(dh_, 0, os.str());
+  throw CorruptionDetectedException(os.str());
 }
 
 SlotReader::SlotReader(Jorv::DebugHandler& dh, std::string const& rootPath)
@@ -107,32 +104,12 @@ void SlotReader::detach() noexcept {
   numSlots_ = 0;
 }
 
-char const* SlotReader::slot(std::uint32_t i) const {
-  if (i >= numSlots_) {
-    std::ostringstream os;
-    os << "SlotReader::Slots::operator[] out-of-range index:" << i
-       << " max:" << std::int64_t(numSlots_) - 1;
-    KIV_TRACE(dh_, 0, os.str());
-    throw CorruptionDetectedException(os.str());
-  }
-  return SlotTable::slot(mem_.base(), slotSize_, i);
-}
-
-std::uint32_t SlotReader::readValue(char const* s, void* out, std::size_t bytes) {
-  char const* const flagsWord = s + offsetof(SlotTable::Slot, flags);
-  std::uint32_t f = Mem::Atomics::load32Acquire(flagsWord);
-  for (;;) {
-    char const* from = s;
-    if (f & SlotTable::LOOKASIDE) {
-      from = SlotTable::lookaside(mem_.base());
-      ++lookasideReads_;
-    }
-    Mem::Atomics::copyFromShared(out, from + SlotTable::valueOffset, bytes);
-    Mem::Atomics::fenceAcquire();
-    std::uint32_t const f2 = Mem::Atomics::load32Relaxed(flagsWord);
-    if (f2 == f) return f;
-    f = f2;
-  }
+void SlotReader::outOfRange(std::uint32_t i) const {
+  std::ostringstream os;
+  os << "SlotReader::Slots::operator[] out-of-range index:" << i
+     << " max:" << std::int64_t(numSlots_) - 1;
+  KIV_TRACE(dh_, 0, os.str());
+  throw CorruptionDetectedException(os.str());
 }
 
 }  // namespace Quarn

@@ -30,6 +30,7 @@
 #include "Quarn/IterHint.h"
 #include "Quarn/QuarnWriter.h"
 #include "Quarn/SlotTable.h"
+#include "Quarn/ValueSeq.h"
 
 namespace Quarn {
 
@@ -47,9 +48,14 @@ class BucketReader {
 
   std::uint32_t numBuckets() const noexcept { return numBuckets_; }
   // The link unit of bucket `b`; raises CorruptionDetectedException beyond the last bucket.
-  char const* bucket(std::uint32_t b) const;
+  char const* bucket(std::uint32_t b) const {
+    if (b >= numBuckets_) [[unlikely]] outOfRange(b);
+    return BucketTable::bucket(mem_.base(), b);
+  }
 
  private:
+  [[noreturn]] void outOfRange(std::uint32_t b) const;
+
   Jorv::DebugHandler& dh_;
   Mem::Shared mem_;
   std::uint32_t numBuckets_ = 0;
@@ -77,12 +83,28 @@ class SlotReader {
   // The mapped header (occupancy and configured size); only while attached.
   SlotTable::Header const* header() const noexcept { return SlotTable::header(mem_.base()); }
   // Range-checked slot address ("SlotReader::Slots::operator[] out-of-range index:").
-  char const* slot(std::uint32_t i) const;
+  char const* slot(std::uint32_t i) const {
+    if (i >= numSlots_) [[unlikely]] outOfRange(i);
+    return SlotTable::slot(mem_.base(), slotSize_, i);
+  }
 
   // Copies the value of slot `s` consistently into `out`; returns the flags it was copied under.
-  std::uint32_t readValue(char const* s, void* out, std::size_t bytes);
+  std::uint32_t readValue(char const* s, void* out, std::size_t bytes) {
+    std::uint32_t f = ValueSeq::readValueBegin(s);
+    do {
+      char const* from = s;
+      if (f & SlotTable::LOOKASIDE) [[unlikely]] {
+        from = SlotTable::lookaside(mem_.base());
+        ++lookasideReads_;
+      }
+      Mem::Atomics::copyFromShared(out, from + SlotTable::valueOffset, bytes);
+    } while (ValueSeq::readValueRetry(s, f));
+    return f;
+  }
 
  private:
+  [[noreturn]] void outOfRange(std::uint32_t i) const;
+
   Jorv::DebugHandler& dh_;
   Mem::Shared mem_;
   std::uint32_t numSlots_ = 0;

@@ -46,6 +46,7 @@
 #include "Quarn/IterHint.h"
 #include "Quarn/RootPath.h"
 #include "Quarn/Validator.h"
+#include "Quarn/ValueSeq.h"
 #include "Quarn/WriterKick.h"
 #include "Quarn/WriterLock.h"
 #include "Quarn/WriterTables.h"
@@ -207,7 +208,15 @@ class QuarnWriter {
   std::uint32_t slotOf(Key const& key, IterHint const& hint, char const* op) const;
   // The slot of `index`, checked to be a valid member of `bucket`'s chain.
   char* chainSlot(std::uint32_t index, std::uint32_t bucket, char const* op,
-                  char const* occupiedOp) const;
+                  char const* occupiedOp) const {
+    char* const s = occupiedSlot(index, occupiedOp);
+    checkBucket(s, index, bucket, op);
+    return s;
+  }
+  // The slot of `index`, checked to be occupied (every chained slot is).
+  char* occupiedSlot(std::uint32_t index, char const* occupiedOp) const;
+  // Raises the corruption of a chained slot whose key does not belong to `bucket`.
+  void checkBucket(char const* s, std::uint32_t index, std::uint32_t bucket, char const* op) const;
   char* linkUnit(std::uint32_t bucket, std::uint32_t prev) const {
     return prev == noIndex ? buckets_.bucket(bucket) : slots_.slot(prev);
   }
@@ -466,21 +475,25 @@ void QuarnWriter<Key, Wrapper>::recover(std::string const& why) {
 }
 
 template <class Key, class Wrapper>
-char* QuarnWriter<Key, Wrapper>::chainSlot(std::uint32_t index, std::uint32_t bucket,
-                                           char const* op, char const* occupiedOp) const {
+char* QuarnWriter<Key, Wrapper>::occupiedSlot(std::uint32_t index, char const* occupiedOp) const {
   char* const s = slots_.slot(index);
   if (!(SlotWriterTable::flags(s) & SlotTable::OCCUPIED)) {
     std::ostringstream os;
     os << "QuarnWriter::" << occupiedOp << "() slot: " << index << " not marked as occupied";
     corruption(os.str());
   }
+  return s;
+}
+
+template <class Key, class Wrapper>
+void QuarnWriter<Key, Wrapper>::checkBucket(char const* s, std::uint32_t index,
+                                            std::uint32_t bucket, char const* op) const {
   if (bucketOf(keyAt(s)) != bucket) {
     std::ostringstream os;
     os << "QuarnWriter::" << op << "() corrupt key detected, slot: " << index
        << " bucket:" << bucket;
     corruption(os.str());
   }
-  return s;
 }
 
 template <class Key, class Wrapper>
@@ -497,14 +510,16 @@ typename QuarnWriter<Key, Wrapper>::Found QuarnWriter<Key, Wrapper>::walk(Key co
          << " capacity:" << limit;
       corruption(os.str());
     }
-    char const* const s = chainSlot(cur, bucket, op, op);
+    char const* const s = occupiedSlot(cur, op);
     Key const& slotKey = keyAt(s);
-    if (slotKey < key) {
-      prev = cur;
-      cur = SlotWriterTable::next(s);
-    } else {
-      return {cur, prev, !(key < slotKey)};
-    }
+    bool const before = slotKey < key;
+    // A slot holding `key` itself belongs to `bucket` (the bucket was computed from `key`): only
+    // the others are hashed to prove it, which spares the hash on every hit.
+    if (!before && !(key < slotKey)) return {cur, prev, true};
+    checkBucket(s, cur, bucket, op);
+    if (!before) return {cur, prev, false};
+    prev = cur;
+    cur = SlotWriterTable::next(s);
   }
   return {noIndex, prev, false};
 }
@@ -525,18 +540,12 @@ std::uint32_t QuarnWriter<Key, Wrapper>::allocOrThrow() {
 
 template <class Key, class Wrapper>
 void QuarnWriter<Key, Wrapper>::writeValue(char* s, void const* value) {
-  std::uint32_t const f = SlotWriterTable::flags(s);
-  if (f & SlotTable::OCCUPIED) {
-    // A reader may still be copying the lookaside value of the previous update; the fence
-    // guarantees that if its copy sees any word staged here, its re-read of that earlier slot's
-    // flags sees the write completed, so it retries instead of keeping a mixed value.
-    Mem::Atomics::fenceRelease();
-    Mem::Atomics::copyToShared(slots_.lookasideValue(), value, sizeof(Wrapper));
+  if (SlotWriterTable::flags(s) & SlotTable::OCCUPIED) {
+    ValueSeq::stageValue(slots_.lookasideValue(), value, sizeof(Wrapper));
   }
-  SlotWriterTable::flagsIs(s, f + 2);
-  Mem::Atomics::fenceRelease();
+  std::uint32_t const begun = ValueSeq::beginValueWrite(s);
   Mem::Atomics::copyToShared(SlotWriterTable::value(s), value, sizeof(Wrapper));
-  SlotWriterTable::flagsIs(s, (f + 4) | SlotTable::OCCUPIED);
+  ValueSeq::endValueWrite(s, begun);
 }
 
 template <class Key, class Wrapper>
@@ -702,8 +711,7 @@ Wrapper* QuarnWriter<Key, Wrapper>::directWrite(Key const& key) {
     target = SlotWriterTable::value(slots_.slot(pending_));
   }
   pendingKey_ = key;
-  Mem::Atomics::fenceRelease();  // as in writeValue: the lookaside may be under a reader's copy
-  Mem::Atomics::copyToShared(target, &fresh, sizeof fresh);
+  ValueSeq::stageValue(target, &fresh, sizeof fresh);
   KIV_TRACE(dh_, 8, "QuarnWriter::directWrite() ", KeyText<Key>{key},
             pendingNew_ ? " new" : " existing", " bucket:", b, " slot:", pending_,
             " next:", f.slot);
@@ -734,14 +742,14 @@ void QuarnWriter<Key, Wrapper>::directCommit() {
   }
   std::uint32_t const flags = SlotWriterTable::flags(s);
   if (flags & SlotTable::OCCUPIED) {
-    SlotWriterTable::flagsIs(s, flags + 2);
-    Mem::Atomics::fenceRelease();
+    std::uint32_t const begun = ValueSeq::beginValueWrite(s);
     char staged[sizeof(Wrapper)];
     Mem::Atomics::copyFromShared(staged, slots_.lookasideValue(), sizeof staged);
     Mem::Atomics::copyToShared(SlotWriterTable::value(s), staged, sizeof staged);
-    SlotWriterTable::flagsIs(s, flags + 4);
+    ValueSeq::endValueWrite(s, begun);
   } else {
-    SlotWriterTable::flagsIs(s, (flags + 4) | SlotTable::OCCUPIED);
+    // Written in place while no link reaches the slot: the bracket's end alone makes it occupied.
+    ValueSeq::endValueWrite(s, flags);
   }
   if (pendingNew_) publishLink(linkUnit(b, f.prev), i);
   ++slots_.counters().writes;

@@ -129,14 +129,11 @@ bool SlotWriterTable::sameRecordLayout() const {
              0;
 }
 
-char* SlotWriterTable::slot(std::uint32_t i) const {
-  if (i >= numSlots_) {
-    std::ostringstream os;
-    os << "SlotWriter::Slots::operator[] out-of-range index: " << i
-       << " max:" << std::int64_t(numSlots_) - 1;
-    throw CorruptionDetectedException(os.str());
-  }
-  return slotUnchecked(i);
+void SlotWriterTable::outOfRange(std::uint32_t i) const {
+  std::ostringstream os;
+  os << "SlotWriter::Slots::operator[] out-of-range index: " << i
+     << " max:" << std::int64_t(numSlots_) - 1;
+  throw CorruptionDetectedException(os.str());
 }
 
 void SlotWriterTable::addFreeSlots(std::uint32_t start, std::uint32_t end) {
@@ -255,13 +252,10 @@ bool BucketWriterTable::attach(std::uint32_t fenix, bool force) {
   return kept;
 }
 
-char* BucketWriterTable::bucket(std::uint32_t b) const {
-  if (b >= numBuckets_ || BucketTable::fileSize(b + 1) > mem_.mappedSize()) {
-    std::ostringstream os;
-    os << "BucketWriter::getRef() out-of-range, index:" << b << " max:" << numBuckets_;
-    throw CorruptionDetectedException(os.str());
-  }
-  return BucketTable::bucket(mem_.base(), b);
+void BucketWriterTable::outOfRange(std::uint32_t b) const {
+  std::ostringstream os;
+  os << "BucketWriter::getRef() out-of-range, index:" << b << " max:" << numBuckets_;
+  throw CorruptionDetectedException(os.str());
 }
 
 void BucketWriterTable::cleanup() {

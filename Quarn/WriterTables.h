@@ -116,7 +116,10 @@ class SlotWriterTable {
   void cleanup();
 
   // Range-checked slot address; throws CorruptionDetectedException beyond the highest index.
-  char* slot(std::uint32_t i) const;
+  char* slot(std::uint32_t i) const {
+    if (i >= numSlots_) [[unlikely]] outOfRange(i);
+    return slotUnchecked(i);
+  }
   char* slotUnchecked(std::uint32_t i) const noexcept {
     return SlotTable::slot(mem_.base(), slotSize_, i);
   }
@@ -154,6 +157,7 @@ class SlotWriterTable {
  private:
   // The mapped header describes this writer's record type and configured size.
   bool sameRecordLayout() const;
+  [[noreturn]] void outOfRange(std::uint32_t i) const;
   // The header's slot count, trusted only as far as the mapping reaches (validation reports
   // the rest).
   std::uint32_t mappedNumSlots() const;
@@ -181,13 +185,20 @@ class BucketWriterTable {
   void cleanup();
 
   // Range-checked address of a bucket's link unit; throws CorruptionDetectedException.
-  char* bucket(std::uint32_t b) const;
+  char* bucket(std::uint32_t b) const {
+    if (b >= numBuckets_ || BucketTable::fileSize(b + 1) > mem_.mappedSize()) [[unlikely]] {
+      outOfRange(b);
+    }
+    return BucketTable::bucket(mem_.base(), b);
+  }
   BucketTable::Header* header() const noexcept { return BucketTable::header(mem_.base()); }
   std::uint32_t numBuckets() const noexcept { return numBuckets_; }
   QuarnMem& mem() noexcept { return mem_; }
   QuarnMem const& mem() const noexcept { return mem_; }
 
  private:
+  [[noreturn]] void outOfRange(std::uint32_t b) const;
+
   Jorv::DebugHandler& dh_;
   QuarnMem mem_;
   std::uint32_t numBuckets_;

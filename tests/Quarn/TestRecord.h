@@ -140,7 +140,7 @@ class TraceCapture : public Jorv::TraceSink {
 // Readers as the writer sees them: the lowest acknowledged sequence and the number of wake-ups.
 class TestKick final : public Quarn::WriterKick {
  public:
-  void doKickSleepers() override { ++kicks; }
+  void doKickSleepers(std::uint64_t) override { ++kicks; }
   std::uint64_t lowestSequence() const override { return lowest; }
   std::uint32_t numReaders() const override { return readers; }
 
