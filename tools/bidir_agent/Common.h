@@ -80,6 +80,7 @@ struct Report {
     groupCleared,   // agent: group `group` deleted by a clear request, `time` taken just before
     groupVanished,  // reader: group `group` no longer in its Status, seen at `time`
     groupCreated,   // agent: group `group` created by the churn at `time`
+    groupAppeared,  // reader: group `group` now in its Status, seen at `time`
     tablesFailed,   // agent: table writes failed (`tableFailures`); `text`: why, from a resync
     tablesResynced, // agent: a resync brought the tables back (`resyncAttempts`, `waited`)
   };

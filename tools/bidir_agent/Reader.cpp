@@ -12,8 +12,9 @@
 // the agent took the join. Each join is sampled once (stamps arrive in order, so a stamp not
 // newer than the newest seen is a re-report), and only joins made after this process attached.
 //
-// The same probe tells the supervisor of every group that leaves this Status (its record was
-// removed), so that the groups the agent cleared can be seen to vanish here.
+// The same probe tells the supervisor of every group that enters or leaves this Status (its
+// record was written or removed), so that the groups the agent cleared can be seen to vanish
+// here.
 
 #include <signal.h>
 #include <sys/epoll.h>
@@ -44,12 +45,15 @@ class LagProbe final : public QuarnStatus::NotifieeConst {
   void onGroup(Lanx::IpGenAddr const& addr) override {
     ++updates;
     lastHeard = now();
-    if (status_.group(addr)) return;
+    std::uint32_t const g = groupIndex(addr, groups_);
+    bool const held = bool(status_.group(addr));
+    if (held && (g >= groups_ || held_[g])) return;
+    if (g < groups_) held_[g] = held;
     Report r;
-    r.kind = Report::groupVanished;
+    r.kind = held ? Report::groupAppeared : Report::groupVanished;
     r.role = Role::reader;
     r.time = lastHeard;
-    r.group = groupIndex(addr, groups_);
+    r.group = g;
     send(reportFd_, r);
   }
   void onGroupIntf(Bidir::GroupIntfKey const& key) override {
@@ -73,6 +77,7 @@ class LagProbe final : public QuarnStatus::NotifieeConst {
  private:
   Bidir::Status const& status_;
   std::uint32_t groups_;
+  std::vector<char> held_ = std::vector<char>(groups_, 0);  // by group: in the Status
   int reportFd_;
   double newest_ = 0;
 };

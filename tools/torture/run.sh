@@ -61,7 +61,9 @@ fill() {
 inside_tmpfs() {
   local agent=$1 log=$2
   mount -t tmpfs -o "size=$TMPFS_SIZE" tmpfs /dev/shm || { echo "mount failed"; return 1; }
-  # Appended to, as the harness's own lines are: neither overwrites the other.
+  # Appended to, as the harness's own lines are: neither overwrites the other. Created first, so
+  # that it is there when the harness first looks.
+  : >"$log"
   "$agent" "${SIM_ARGS[@]}" >>"$log" 2>&1 &
   local pid=$!
   local why=""
@@ -104,6 +106,7 @@ run_fulltmpfs() {
 # ---- stopreader
 run_stopreader() {
   local agent=$1 log=$2
+  : >"$log"
   "$agent" "${SIM_ARGS[@]}" >>"$log" 2>&1 &
   local pid=$! reader="" stops=0 stopped=0
   if wait_for "the reader starts" "$log" "$pid" 60; then
@@ -172,8 +175,8 @@ for scenario in "${SCENARIOS[@]}"; do
     start=$SECONDS
     if why=$("run_$scenario" "$AGENT" "$log") && grep -q "EQUAL" "$log"; then
       equal=$((equal + 1))
-      detail=$(grep -h "^\[torture\]\|table writes failed\|resynchronised" "$log" |
-        sed 's/^\[ *[0-9.]*s\] //; s/^\[torture\] //' | tr '\n' ';' | cut -c1-160)
+      detail=$(grep -h "^\[torture\]\|resynchronised" "$log" |
+        sed 's/^\[ *[0-9.]*s\] //; s/^\[torture\] //' | paste -sd ';' | cut -c1-200)
       echo "   run $run: EQUAL in $((SECONDS - start)) s ($detail)"
     else
       [ -n "$why" ] || why="the summary does not say EQUAL"
