@@ -1,5 +1,5 @@
 # Thin wrappers over the CMake presets; see README.md.
-.PHONY: all demo engine-demo test test-asan test-tsan bench fuzz install packaging-check clean
+.PHONY: all demo engine-demo torture test test-asan test-tsan bench fuzz install packaging-check clean
 
 all:
 	cmake --preset default >/dev/null && cmake --build --preset default
@@ -19,6 +19,15 @@ demo:
 engine-demo:
 	cmake --preset release >/dev/null && cmake --build --preset release --target quarn_demo
 	./build/release/examples/quarn_demo
+
+# The agent simulation under trouble, TORTURE_RUNS times per scenario (default 20): its
+# /dev/shm filled mid-run (a private tmpfs), its reader stopped for seconds at random moments.
+# Fails unless every run ends EQUAL. TORTURE_SCENARIOS= picks some (fulltmpfs, stopreader).
+TORTURE_RUNS ?= 20
+TORTURE_SCENARIOS ?=
+torture:
+	cmake --preset default >/dev/null && cmake --build --preset default --target bidir_agent
+	tools/torture/run.sh build/default/tools/bidir_agent $(TORTURE_RUNS) $(TORTURE_SCENARIOS)
 
 # The whole test suite.
 test:

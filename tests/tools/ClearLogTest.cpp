@@ -1,6 +1,7 @@
-// The agent simulation's clear-request record: what a restarted agent reads back, and that a
-// record it cannot trust, or one it cannot write, stops it with the path and the cause instead
-// of being taken for "nothing acted on".
+// The agent simulation's clear-request record: what a restarted agent reads back, that a record
+// it cannot trust, or one it cannot write, stops it with the path and the cause instead of being
+// taken for "nothing acted on", and that a reserved record is still written on a full file
+// system.
 
 #include "tools/bidir_agent/ClearLog.h"
 
@@ -12,6 +13,7 @@
 #include <string>
 
 #include "Quarn/TestRecord.h"
+#include "support/PrivateTmpfs.h"
 
 namespace {
 
@@ -40,6 +42,8 @@ TEST(ClearLog, ReadsBackTheLastRecordWrittenAndNothingBeforeTheFirst) {
   QuarnTest::TempRoot root;
   ClearLog const log(root.path() + "/agent.clear");
   EXPECT_FALSE(log.read().has_value());
+  log.reserve();
+  EXPECT_FALSE(log.read().has_value());
 
   log.write({7, false, groupKey(0xef010005)});
   auto started = log.read();
@@ -54,7 +58,8 @@ TEST(ClearLog, ReadsBackTheLastRecordWrittenAndNothingBeforeTheFirst) {
   EXPECT_EQ(255, done->count);
   EXPECT_TRUE(done->done);
   EXPECT_EQ(groupKey(0xef010006), done->key);
-  EXPECT_FALSE(std::filesystem::exists(log.path() + ".new"));
+  log.reserve();  // a record already there stays
+  EXPECT_EQ(255, log.read()->count);
 }
 
 TEST(ClearLog, AnUntrustedRecordStopsTheReadNamingThePathAndWhatIsWrong) {
@@ -82,23 +87,42 @@ TEST(ClearLog, AnUntrustedRecordStopsTheReadNamingThePathAndWhatIsWrong) {
 
 TEST(ClearLog, AWriteThatCannotLandStopsNamingThePathAndTheCause) {
   QuarnTest::TempRoot root;
-  // The rename fails: the record's path is a directory that is not empty.
+  // The record's path is a directory.
   ClearLog const blocked(root.path() + "/agent.clear");
   std::filesystem::create_directory(blocked.path());
-  put(blocked.path() + "/inside", "x");
   std::string what = failure([&] { blocked.write({1, false, groupKey(0xef010001)}); });
-  EXPECT_EQ(0u, what.rfind("clear-request log " + blocked.path() + ": cannot be replaced by " +
-                               blocked.path() + ".new: ",
-                           0))
-      << what;
-  EXPECT_NE(std::string::npos, what.find("directory")) << what;
+  EXPECT_EQ("clear-request log " + blocked.path() + ": cannot be written: Is a directory", what);
 
-  // The record cannot be written aside: its directory is gone.
+  // The record cannot be reserved: its directory is gone.
   ClearLog const orphan(root.path() + "/gone/agent.clear");
   what = failure([&] { orphan.write({1, false, groupKey(0xef010001)}); });
-  EXPECT_EQ("clear-request log " + orphan.path() + ": cannot be written at " + orphan.path() +
+  EXPECT_EQ("clear-request log " + orphan.path() + ": cannot be reserved at " + orphan.path() +
                 ".new: No such file or directory",
             what);
+}
+
+// The tables' growth may take the last page of the file system; the agent must still keep its
+// record (it used to write a new file and rename it, which needs a page).
+TEST(ClearLog, AReservedRecordIsWrittenOnAFullFileSystem) {
+  TestSupport::PrivateTmpfs fs(1 << 20);
+  if (!fs.available()) GTEST_SKIP() << "no private tmpfs here (" << fs.why() << ")";
+  ClearLog const log(fs.path() + "/agent.clear");
+  log.reserve();
+  ASSERT_TRUE(fs.fill());
+  for (std::uint8_t count : {1, 2}) {
+    log.write({count, count == 2, groupKey(0xef010000 + count)});
+    auto const entry = log.read();
+    ASSERT_TRUE(entry.has_value());
+    EXPECT_EQ(count, entry->count);
+    EXPECT_EQ(count == 2, entry->done);
+    EXPECT_EQ(groupKey(0xef010000 + count), entry->key);
+  }
+  EXPECT_EQ(0u, fs.freeBytes());
+  // Without the reservation the same record cannot land, and says why.
+  ClearLog const unreserved(fs.path() + "/other.clear");
+  EXPECT_NE(std::string::npos,
+            failure([&] { unreserved.write({1, false, groupKey(0xef010001)}); })
+                .find("No space left on device"));
 }
 
 }  // namespace

@@ -10,4 +10,10 @@ rc=$?
 [ "$rc" -eq 2 ] || { echo "$out"; echo "FAILED: a bad value exited $rc"; exit 1; }
 echo "$out" | grep -q -- "--rate 50: must be at least 100" ||
   { echo "$out"; echo "FAILED: the message"; exit 1; }
+# Options checked against each other: the late groups leave the agent at least one to start with.
+out=$("$agent" --groups 10 --late-groups 10 2>&1)
+rc=$?
+[ "$rc" -eq 2 ] || { echo "$out"; echo "FAILED: --late-groups 10 of 10 exited $rc"; exit 1; }
+echo "$out" | grep -q -- "--late-groups 10: must be below --groups (10)" ||
+  { echo "$out"; echo "FAILED: the late groups' message"; exit 1; }
 exit 0

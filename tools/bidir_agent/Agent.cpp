@@ -17,12 +17,14 @@
 #include <sys/epoll.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "Bidir/Group.h"
 #include "Bidir/GroupIntf.h"
 #include "Jorv/Exception.h"
+#include "Quarn/Exceptions.h"
 
 namespace BidirAgent {
 
@@ -61,7 +63,6 @@ Agent::Agent(Options const& options, std::string root, int reportFd, int command
       reportFd_(reportFd),
       commandFd_(commandFd),
       commands_(activity_, commandFd, EPOLLIN, [this](std::uint32_t) { onCommand(); }),
-      goneAt_(options.groups, 0),
       isTouched_(options.groups, 0) {
   for (std::uint32_t g = 0; g < options.groups; ++g) addrs_.push_back(groupAddr(g));
   for (std::uint32_t j = 0; j < options.intfs; ++j) intfIds_.push_back(intfId(j));
@@ -131,6 +132,54 @@ void Agent::attachForeignTables() {
   for (std::uint32_t r = 0; r < options_.rps; ++r) rpf_[r] = publishedRpf(r);
 }
 
+// Both tables as writer, created (when new) at the capacities of the options: small ones make
+// them grow while the agent runs.
+void Agent::mountTables() {
+  KivQuarn::MountInfo info = quarn_->writerMountInfo();
+  info.collectionInfoIs("group", {options_.groupCapacity});
+  info.collectionInfoIs("groupIntf", {options_.intfCapacity});
+  quarn_->groupIntfControl().mount(Quarn::QuarnType::writer, info);
+  quarn_->groupControl().mount(Quarn::QuarnType::writer, info);
+}
+
+// Table writes that failed inside the writer's handlers (each traced there at error level with
+// the table and the key; the notification walk went on). The Status is right and the tables lag
+// behind it until a full resync succeeds. A full table (a full file system) is waited out: the
+// churn goes on, and resyncs are retried with a growing wait until one gets the space. Any other
+// failure raises out of resync() and ends the run.
+void Agent::tablesCheck() {
+  if (!writer_ || writer_->tableFailures() == 0) return;
+  double const t = now();
+  if (failingSince_ == 0) {
+    failingSince_ = t;
+    nextResync_ = t;
+    resyncWait_ = kResyncFirstWait;
+    resyncAttempts_ = 0;
+  }
+  if (t < nextResync_) return;
+  std::uint64_t const failures = writer_->tableFailures();
+  ++resyncAttempts_;
+  try {
+    writer_->resync();
+  } catch (Quarn::TableFullException const& e) {
+    if (resyncAttempts_ == 1) {  // said once per incident
+      Report r = report(Report::tablesFailed);
+      r.tableFailures = failures;
+      std::snprintf(r.text, sizeof r.text, "%s", e.what());
+      send(reportFd_, r);
+    }
+    nextResync_ = now() + resyncWait_;
+    resyncWait_ = std::min(kResyncMaxWait, 2 * resyncWait_);
+    return;
+  }
+  Report r = report(Report::tablesResynced);
+  r.tableFailures = failures;
+  r.resyncAttempts = resyncAttempts_;
+  r.waited = now() - failingSince_;
+  send(reportFd_, r);
+  failingSince_ = 0;
+}
+
 std::uint16_t Agent::publishedRpf(std::uint32_t r) const {
   Lanx::IntfId const intf = rpaRpf_->rpaRpf(rpAddr(r)).rpfInterface;
   auto const it = std::find(intfIds_.begin(), intfIds_.end(), intf);
@@ -147,9 +196,10 @@ int Agent::run() {
   clearCollWatcher_->notifierIs(clears_);
   configLink_ = Bidir::configurationAttach(activity_, configSocket(root_), configs_, clears_);
   attachForeignTables();
-  quarn_->mount(Quarn::QuarnType::writer);
+  mountTables();
   exported_->notifierIs(quarn_);
-  bool const restarted = quarn_->groupCount() + quarn_->groupIntfCount() > 0;
+  restarted_ = quarn_->groupCount() + quarn_->groupIntfCount() > 0;
+  bool const restarted = restarted_;
   if (restarted) {
     restore();
   } else {
@@ -202,10 +252,11 @@ void Agent::restore() {
   restart_ = nullptr;
 }
 
-// A first start: every group with all its interfaces, then the writer exports the whole state.
+// A first start: every group but the late ones with all its interfaces, then the writer exports
+// the whole state.
 void Agent::build() {
   tellDoing(reportFd_, Role::agent, "building its groups and exporting them");
-  for (std::uint32_t g = 0; g < options_.groups; ++g) createGroup(g);
+  for (std::uint32_t g = 0; g < options_.groups - options_.lateGroups; ++g) createGroup(g);
   status_->initializedIs(true);
   writer_ = Bidir::Quarn::groupQuarnWriterSmFactory(status_, quarn_);
 }
@@ -294,6 +345,11 @@ void Agent::checkDriverState() const {
 }
 
 void Agent::createGroup(std::uint32_t g) {
+  if (ready_) {  // by the churn: a group cleared before may come back
+    Report r = report(Report::groupCreated);
+    r.group = g;
+    send(reportFd_, r);
+  }
   Kiv::Ptr<Bidir::Group> group = status_->groupIs(addrs_[g]);
   group->creationTimeIs(now());
   for (std::uint32_t j = 0; j < options_.intfs; ++j) {
@@ -335,6 +391,7 @@ void Agent::turn(double timeout) {
   activity_.runOnce(timeout);
   applyDfMoves();
   actOnClears();
+  tablesCheck();
 }
 
 void Agent::expiryChanged() {
@@ -348,8 +405,8 @@ void Agent::expiryChanged() {
   send(reportFd_, r);
 }
 
-// Stops the churn, waits until the last DF moves the RP/DF process made have been applied, and
-// writes the digest of the final state.
+// Stops the churn, waits until the last DF moves the RP/DF process made have been applied (and
+// failed table writes repaired), and writes the digest of the final state.
 void Agent::finish(Command const& stop) {
   double const deadline = now() + 15;
   auto configured = [&] {
@@ -359,7 +416,7 @@ void Agent::finish(Command const& stop) {
     for (std::uint32_t r = 0; r < options_.rps; ++r) {
       if (rpf_[r] != stop.rpfOf[r]) return false;
     }
-    return configured();
+    return configured() && writer_->tableFailures() == 0;
   };
   while (!applied() && now() < deadline) {
     turn(0.01);
@@ -368,6 +425,7 @@ void Agent::finish(Command const& stop) {
   upstream();
   Report r = report(Report::finished);
   r.configApplied = configured();
+  r.tableFailures = writer_->tableFailures();
   r.digest = writeDigest(*status_, root_ + "/agent.digest");
   std::copy(std::begin(rpf_), std::end(rpf_), r.rpfOf);
   send(reportFd_, r);

@@ -8,9 +8,10 @@
 //   Clears.cpp  clear requests and the on-disk record that makes them survive a SIGKILL.
 //
 // Every handler runs on the process's one activity. Notifiees only record what they heard; the
-// driver's loops act on it (turn()), so that a failure (a table that cannot be written, a
-// record that cannot be kept) is thrown from the driver and ends the run instead of being
-// swallowed by a notification walk.
+// driver's loops act on it (turn()), so that a failure (a record that cannot be kept, a table
+// that cannot be resynchronised) is thrown from the driver and ends the run instead of being
+// swallowed by a notification walk. A table write that fails inside the writer's handler is
+// counted by the writer; the driver's loop sees the count and resynchronises (tablesCheck).
 
 #include <cstdint>
 #include <deque>
@@ -99,9 +100,14 @@ class Agent {
     std::uint32_t g, j;
   };
   static constexpr double kPrunePendingSeconds = 0.5;  // J/P override interval, shortened
+  // Resync attempts while table writes fail: the first at once, then after 50 ms, doubling to
+  // half a second.
+  static constexpr double kResyncFirstWait = 0.05, kResyncMaxWait = 0.5;
 
   // Agent.cpp
   void attachForeignTables();
+  void mountTables();
+  void tablesCheck();
   void restore();
   void build();
   void resume();
@@ -125,9 +131,10 @@ class Agent {
   void expire(double t);
   void sweepJoins(double t);
   void groupChurn(double t);
+  void arrive(double t);
   void idle(std::uint32_t g, double t);
   void expireGroups(double t);
-  void deleteGroup(std::uint32_t g, double t);
+  void deleteGroup(std::uint32_t g);
   void applyDfMoves();
   void dfApply(std::uint32_t r, std::uint16_t rpf);
   // Clears.cpp
@@ -179,15 +186,14 @@ class Agent {
   //     expiry interval) and absent_ (no entry in the Status). So the Status holds g's entry
   //     exactly when g is in present_ or idle_. resume() sorts every index into one of them;
   //     after that only idle() (present_ -> idle_), deleteGroup() (present_ or idle_ ->
-  //     absent_) and groupChurn() (absent_ -> present_, creating the entry) move an index;
+  //     absent_) and groupChurn() and arrive() (absent_ -> present_, creating the
+  //     entry) move an index;
   //   - isTouched_[g] != 0 exactly when g is in touched_, which therefore holds each index at
   //     most once: the groups whose interfaces changed since upstream() last decided their
   //     upstream state. touched() adds, upstream() empties both.
   std::uint16_t rpf_[16] = {};  // per RP: 1 + the interface toward it as applied, 0 for none
   std::vector<std::uint32_t> present_, absent_;
   std::deque<Idle> idle_;  // oldest first
-  std::vector<double> goneAt_;
-  double lastGoneAt_ = 0;
   std::vector<std::uint32_t> touched_;
   std::vector<char> isTouched_;
   std::deque<Pending> prunes_;  // prune-pending timers, due times ascending
@@ -195,6 +201,11 @@ class Agent {
   double holdBase_ = 0;  // when the churn began: only joins heard since then are timed
   bool nextGroupGoes_ = true;
   double nextGroupChurn_ = 0;
+  // The late groups (first life only): how many have arrived, one every arriveEvery_ seconds
+  // from arrivalsBegin_.
+  std::uint32_t arrived_ = 0;
+  double arrivalsBegin_ = 0, arriveEvery_ = 0;
+  bool restarted_ = false;
   std::uint64_t dfMoves_ = 0;
   bool dfMoved_ = false;  // the RPA-RPF table changed since applyDfMoves() last looked
 
@@ -206,6 +217,11 @@ class Agent {
   bool ready_ = false;
   std::uint8_t clearedCount_ = 0;  // groupsCount of the last request acted on
   std::uint64_t configChanges_ = 0, clearsActed_ = 0, groupsCleared_ = 0, superseded_ = 0;
+
+  // Table failures: since when the writer counts failed writes (0: none), resync attempts made
+  // for them, when the next is due and the wait after it.
+  double failingSince_ = 0, nextResync_ = 0, resyncWait_ = kResyncFirstWait;
+  std::uint32_t resyncAttempts_ = 0;
 
   bool go_ = false;
   bool stopReceived_ = false;

@@ -4,7 +4,8 @@
 // which is what the reader's lag is measured on), prunes (joined -> prunePending), the
 // prune-pending timer expiring (-> noInfo), joins expiring after the hold time, local receivers
 // coming and going (localReceiverInclude), `forward` following oList(); per group: the upstream
-// state following joinDesired(), `inactive` flapping, groups going away and coming back; per RP:
+// state following joinDesired(), `inactive` flapping, groups going away and coming back, late
+// groups arriving (the first life only: the tables grow meanwhile); per RP:
 // a DF election moving (an RPA-RPF record whose RPF interface changes), which moves iAmDf on two
 // interfaces of every group of that RP.
 
@@ -19,13 +20,11 @@ namespace BidirAgent {
 namespace {
 
 constexpr double kJoinHoldSeconds = 8;  // a join not refreshed for this long expires
-// Groups go and come back alternately, one step every kGroupChurnEvery; a group that went stays
-// away at least kGroupAbsentSeconds. A step that creates a group allocates table slots, so it
-// comes well after the step that freed slots: a direct reader that is that far behind could
-// find a removed group's slot holding another group and miss the removal until its next full
-// pass.
-constexpr double kGroupAbsentSeconds = 1;  // also: after any group went, before a creation
-constexpr double kGroupChurnEvery = 1;
+// Groups go and come back alternately, one step every kGroupChurnEvery. A creation takes the
+// table slots that the last removals freed (the writer reuses them at once), so a reader that
+// falls behind meets slots holding another key than the one it last saw there: the reader must
+// keep keys to report the removal.
+constexpr double kGroupChurnEvery = 0.25;
 
 }  // namespace
 
@@ -37,6 +36,8 @@ void Agent::churn() {
   std::uint64_t const base = exported_->changes;
   double nextReport = start;
   nextGroupChurn_ = start + kGroupChurnEvery;
+  arrivalsBegin_ = start;
+  if (options_.lateGroups > 0) arriveEvery_ = options_.restartAt / 2 / options_.lateGroups;
   while (!stopReceived_) {
     double const t = now();
     auto const due = std::uint64_t((t - start) * options_.rate);
@@ -45,6 +46,7 @@ void Agent::churn() {
     expire(t);
     sweepJoins(t);
     groupChurn(t);
+    arrive(t);
     expireGroups(t);
     upstream();
     turn(exported_->changes - base >= due ? 0.0002 : 0);
@@ -119,20 +121,31 @@ void Agent::sweepJoins(double t) {
 }
 
 // Groups go away (every interface pruned, the entry removed once the group expiry interval has
-// passed) and come back later. A creation waits kGroupAbsentSeconds after the last removal of any
-// group (churn, expiry or clear), so that a reader never meets a freed slot reused too soon.
+// passed) and come back later, the one absent longest first.
 void Agent::groupChurn(double t) {
   if (t < nextGroupChurn_) return;
   nextGroupChurn_ = t + kGroupChurnEvery;
   nextGroupGoes_ = !nextGroupGoes_;
   if (!nextGroupGoes_ && present_.size() > 1) {
     idle(present_[rng_() % present_.size()], t);
-  } else if (!absent_.empty() && goneAt_[absent_.front()] + kGroupAbsentSeconds <= t &&
-             lastGoneAt_ + kGroupAbsentSeconds <= t) {
+  } else if (!absent_.empty()) {
     std::uint32_t const g = absent_.front();
     absent_.erase(absent_.begin());
     createGroup(g);
     present_.push_back(g);
+  }
+}
+
+// The late groups of a first life arrive one every arriveEvery_, while absent groups remain:
+// the record count rises past what the tables held so far, and they grow.
+void Agent::arrive(double t) {
+  while (!restarted_ && arrived_ < options_.lateGroups && !absent_.empty() &&
+         arrivalsBegin_ + arrived_ * arriveEvery_ <= t) {
+    std::uint32_t const g = absent_.front();
+    absent_.erase(absent_.begin());
+    createGroup(g);
+    present_.push_back(g);
+    ++arrived_;
   }
 }
 
@@ -156,12 +169,12 @@ void Agent::idle(std::uint32_t g, double t) {
 // to every waiting group (a shorter one lets them go at once).
 void Agent::expireGroups(double t) {
   while (!idle_.empty() && idle_.front().since + expirySeconds() <= t) {
-    deleteGroup(idle_.front().g, t);
+    deleteGroup(idle_.front().g);
   }
 }
 
 // Removes the group's entry (the writer removes its records) wherever the driver holds it.
-void Agent::deleteGroup(std::uint32_t g, double t) {
+void Agent::deleteGroup(std::uint32_t g) {
   if (auto const it = std::find(present_.begin(), present_.end(), g); it != present_.end()) {
     *it = present_.back();
     present_.pop_back();
@@ -173,8 +186,6 @@ void Agent::deleteGroup(std::uint32_t g, double t) {
   }
   status_->groupDel(addrs_[g]);
   absent_.push_back(g);
-  goneAt_[g] = t;
-  lastGoneAt_ = t;
 }
 
 // A DF election moved: the interface toward an RPA changed. This router stops being the DF on

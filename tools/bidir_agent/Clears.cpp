@@ -66,7 +66,7 @@ std::uint32_t Agent::clearGroups(Bidir::ClearConfig::GroupKey const& key) {
   for (std::uint32_t g : named) {
     Report r = report(Report::groupCleared);
     r.group = g;  // stamped before the records go: the reader can only see it vanish later
-    deleteGroup(g, r.time);
+    deleteGroup(g);
     send(reportFd_, r);
   }
   return std::uint32_t(named.size());
@@ -74,9 +74,14 @@ std::uint32_t Agent::clearGroups(Bidir::ClearConfig::GroupKey const& key) {
 
 // Before the configuration channel opens: after "done" the previous life finished the request it
 // names; after "started" it may have been cut off halfway, so the request is carried out again.
+// A first start reserves the record's space now, while the file system has it.
 void Agent::clearLogRead() {
-  std::optional<ClearLog::Entry> const entry = ClearLog(clearLogPath()).read();
-  if (!entry) return;  // a first start: nothing acted on, the count is the initial 0
+  ClearLog const log(clearLogPath());
+  std::optional<ClearLog::Entry> const entry = log.read();
+  if (!entry) {  // a first start: nothing acted on, the count is the initial 0
+    log.reserve();
+    return;
+  }
   clearedCount_ = std::uint8_t(entry->done ? entry->count : entry->count - 1);
   if (!entry->done) clearQueue_.push_back({entry->count, entry->key, true});
 }

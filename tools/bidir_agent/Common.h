@@ -32,6 +32,12 @@ struct Options {
   double rate = 100000;   // exported changes per second the agent aims at
   double dfMoveEvery = 3; // seconds between two DF elections moving
   double configEvery = 4; // seconds between two rounds of the configuration process
+  // Groups that are not built at the start but arrive during the first life's churn, spread
+  // evenly over the first half of the time before the restart: the tables grow meanwhile.
+  std::uint32_t lateGroups = 0;
+  // The capacities the agent's tables are created with; they grow past them in 10% steps.
+  std::uint32_t groupCapacity = 5000;
+  std::uint32_t intfCapacity = 500000;
   bool quiet = false;     // no progress lines
   bool keep = false;      // after the summary, keep processes and root until Ctrl-C
 
@@ -73,6 +79,10 @@ struct Report {
     clearActed,  // agent: a clear request acted on (`clearCount`; `groups` deleted)
     groupCleared,   // agent: group `group` deleted by a clear request, `time` taken just before
     groupVanished,  // reader: group `group` no longer in its Status, seen at `time`
+    groupCreated,   // agent: group `group` created by the churn at `time`
+    groupAppeared,  // reader: group `group` now in its Status, seen at `time`
+    tablesFailed,   // agent: table writes failed (`tableFailures`); `text`: why, from a resync
+    tablesResynced, // agent: a resync brought the tables back (`resyncAttempts`, `waited`)
   };
   Kind kind = progress;
   Role role = Role::agent;
@@ -96,6 +106,11 @@ struct Report {
   double reconcileSeconds = 0, sliceMax = 0, sliceMean = 0;
   std::uint32_t slices = 0;
   std::uint32_t interfaceRecordsRemoved = 0;
+  // Table failures (agent): failed writes not yet repaired by a resync (finished: at the end),
+  // resync attempts it took and seconds from the first failure to the resync that succeeded.
+  std::uint64_t tableFailures = 0;
+  std::uint32_t resyncAttempts = 0;
+  double waited = 0;
   // finished: the digest, and the RPF interface of each RP as last published (rpdf) / applied
   std::uint64_t digest = 0;
   std::uint16_t rpfOf[16] = {};

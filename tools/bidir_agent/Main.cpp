@@ -110,6 +110,7 @@ class Supervisor : DemoSupport::Supervisor<Role, Report> {
   void stop() override;     // the churn
   bool summary() const;
   bool configSummary() const;
+  bool tablesSummary() const;
   void keep();
 
   std::string root_;
@@ -136,7 +137,13 @@ class Supervisor : DemoSupport::Supervisor<Role, Report> {
   std::uint8_t lastClearCount_ = 0;
   std::uint16_t expiry_ = Bidir::Config::groupExpiryIntervalDefaultValue;
   std::vector<std::pair<std::uint32_t, double>> cleared_;
+  // Table writes that failed (over all agent lives), the resyncs that repaired them, the longest
+  // wait from a first failure to its repair.
+  std::uint64_t tableFailures_ = 0, resyncs_ = 0;
+  double longestResyncWait_ = 0;
   std::vector<std::vector<double>> vanished_ = std::vector<std::vector<double>>(options_.groups);
+  std::vector<std::vector<double>> created_ = std::vector<std::vector<double>>(options_.groups);
+  std::vector<std::vector<double>> appeared_ = std::vector<std::vector<double>>(options_.groups);
 };
 
 // This executable again, with --role; the child's report pipe is its fd 3, commands fd 4.
@@ -186,6 +193,26 @@ void Supervisor::onReport(Child& child, Report const& r) {
       return;
     case Report::groupVanished:
       if (r.group < vanished_.size()) vanished_[r.group].push_back(r.time);
+      return;
+    case Report::groupCreated:
+      if (r.group < created_.size()) created_[r.group].push_back(r.time);
+      return;
+    case Report::groupAppeared:
+      if (r.group < appeared_.size()) appeared_[r.group].push_back(r.time);
+      return;
+    case Report::tablesFailed:
+      std::printf("[%5.1fs] agent: %llu table writes failed, resync: %s; retrying until it "
+                  "succeeds\n",
+                  since(), ull(r.tableFailures), r.text);
+      return;
+    case Report::tablesResynced:
+      tableFailures_ += r.tableFailures;
+      ++resyncs_;
+      longestResyncWait_ = std::max(longestResyncWait_, r.waited);
+      std::printf("[%5.1fs] agent resynchronised its tables after %llu failed writes: %s, "
+                  "%.3f s after the first\n",
+                  since(), ull(r.tableFailures), count(r.resyncAttempts, "attempt").c_str(),
+                  r.waited);
       return;
     default:
       break;
@@ -380,7 +407,8 @@ int Supervisor::run() {
   giveUp_.armIn(options_.seconds + 120);
   if (int const status = runToEnd(); status != 0) return status;
   bool const equal = summary();
-  bool const ok = configSummary() && equal;
+  bool const configOk = configSummary();
+  bool const ok = tablesSummary() && configOk && equal;
   if (options_.keep) keep();
   return ok ? 0 : 1;
 }
@@ -481,14 +509,28 @@ bool Supervisor::summary() const {
 
 // What the configuration process asked, what reached the agent, and whether each group the agent
 // cleared was seen vanishing from the reader afterwards (stamps of one clock, the agent's taken
-// before the group's records went).
+// before the group's records went). A reader that is behind (stopped, descheduled) sees the net
+// change of a key: a group cleared and created again before it looked never vanished for it, nor
+// did one created and cleared before it looked; such groups are counted apart, and the final
+// comparison checks their state.
 bool Supervisor::configSummary() const {
   Report const& c = configFinal_;
   Report const& a = agentFinal_;
-  std::size_t seen = 0;
+  std::size_t seen = 0, cameBack = 0, unseen = 0;
+  auto after = [](std::vector<double> const& times, double t) {
+    return std::any_of(times.begin(), times.end(), [t](double v) { return v >= t; });
+  };
   for (auto const& [g, t] : cleared_) {
-    auto const& times = vanished_[g];
-    if (std::any_of(times.begin(), times.end(), [t = t](double v) { return v >= t; })) ++seen;
+    if (after(vanished_[g], t)) {
+      ++seen;
+    } else if (after(created_[g], t)) {
+      ++cameBack;
+    } else {
+      // Created last at `born` (0: built at the start), cleared at t: did the reader hold it?
+      double born = 0;
+      for (double c : created_[g]) born = c < t ? std::max(born, c) : born;
+      if (!after(appeared_[g], born)) ++unseen;
+    }
   }
   entry("configuration",
         format("the configuration process made %llu rounds: it changed the group expiry "
@@ -508,8 +550,9 @@ bool Supervisor::configSummary() const {
                ull(clearsActed_), ull(clearsSuperseded_), ull(clearsResumed_),
                count(cleared_.size(), "group").c_str()));
   entry("cleared groups", format("%zu of the %zu groups deleted were seen vanishing from the "
-                                 "reader",
-                                 seen, cleared_.size()));
+                                 "reader; %zu came back (created again by the churn) and %zu "
+                                 "came and went before the reader looked",
+                                 seen, cleared_.size(), cameBack, unseen));
   char const* failure =
       !a.configApplied                        ? "the agent did not apply the final configuration"
       : configChanges_ == 0                   ? "no expiry change reached the agent"
@@ -517,10 +560,26 @@ bool Supervisor::configSummary() const {
       // Every request issued was acted on once, or overwritten before the agent could read it.
       : clearsActed_ + clearsSuperseded_ != c.clearRequests
           ? "clear requests acted on plus overwritten differ from those made"
-      : seen != cleared_.size() ? "a cleared group was not seen vanishing from the reader"
+      : seen + cameBack + unseen != cleared_.size()
+          ? "a cleared group was not seen vanishing from the reader"
                                 : nullptr;
   if (failure != nullptr) entry("configuration", std::string("FAILED: ") + failure);
   return failure == nullptr;
+}
+
+// Table writes that failed (a full file system) and the resyncs that brought the tables back;
+// the run fails when the agent ended with failed writes not repaired.
+bool Supervisor::tablesSummary() const {
+  if (tableFailures_ == 0 && agentFinal_.tableFailures == 0) return true;
+  entry("table failures",
+        format("%llu table writes failed; %s brought the tables back to the agent's state, "
+               "the longest %.3f s after its first failure",
+               ull(tableFailures_ + agentFinal_.tableFailures), count(resyncs_, "resync").c_str(),
+               longestResyncWait_));
+  if (agentFinal_.tableFailures == 0) return true;
+  entry("table failures", format("FAILED: %llu failed writes not repaired at the end",
+                                 ull(agentFinal_.tableFailures)));
+  return false;
 }
 
 int supervise(Options const& options) {

@@ -56,6 +56,19 @@ constexpr Numeric kNumeric[] = {
    0, kUnbounded, true,
    [](Options& o, double v) { o.configEvery = v; },
    [](Options const& o) { return o.configEvery; }, "below --seconds"},
+  {"--late-groups", "N",
+   "groups that arrive during the churn instead of being built at the start", 0, 4999, false,
+   [](Options& o, double v) { o.lateGroups = std::uint32_t(v); },
+   [](Options const& o) { return double(o.lateGroups); },
+   "below --groups; they arrive over the first half of the time before the restart"},
+  {"--group-capacity", "N", "records the group table is created for (it grows past them)",
+   16, 5000, false,
+   [](Options& o, double v) { o.groupCapacity = std::uint32_t(v); },
+   [](Options const& o) { return double(o.groupCapacity); }, nullptr},
+  {"--intf-capacity", "N",
+   "records the group-interface table is created for (it grows past them)", 16, 500000, false,
+   [](Options& o, double v) { o.intfCapacity = std::uint32_t(v); },
+   [](Options const& o) { return double(o.intfCapacity); }, nullptr},
 };
 // clang-format on
 
@@ -136,6 +149,10 @@ std::string Options::parse(int argc, char** argv, int first) {
     return "--config-every " + number(configEvery) + ": must be below --seconds (" +
            number(seconds) + "): the configuration changes at least once during the churn";
   }
+  if (lateGroups >= groups) {
+    return "--late-groups " + number(lateGroups) + ": must be below --groups (" +
+           number(groups) + "): the agent starts with at least one group";
+  }
   if (std::uint64_t(groups) * intfs > 500000) {
     return "--intfs " + number(intfs) + ": " + number(groups) + " groups x " + number(intfs) +
            " interfaces is more than the 500000 group interfaces the table is sized for";
@@ -155,7 +172,8 @@ network OS would, across real processes under a private table root in /dev/shm:
   reader  rebuilds the agent's state from the tables alone, as a show command would;
   config  serves the VRF's configuration and clear requests to the agent.
 At the end the reader must equal the agent, every group cleared must have vanished from the
-reader, and the configuration must have reached the agent.
+reader, and the configuration must have reached the agent. A table write that fails (a full
+file system) is waited out: the agent retries a full resync of its tables until it succeeds.
 
 usage: )" + program + R"( [options]
 

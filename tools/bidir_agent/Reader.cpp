@@ -2,17 +2,19 @@
 // its own Status equal to the agent's tables through the reader state machine, and evaluates
 // the RFC 5015 computations (joinDesired, oList, ...) on it, reading the RP/DF tables itself.
 //
-// The tables are mounted in mode "reader": lookups go to the shared files, so when an interface
-// record is reported its group's record, written before it, is already there. The group table is
-// mounted first: the interface records reported on attach then find their groups.
+// The tables are mounted in mode "keyshadow": the reader keeps the keys it has seen, so a group
+// removed while this process was behind (stopped, descheduled) is reported removed even when the
+// writer has given its slot to another group meanwhile. The group table is mounted first: the
+// interface records reported on attach then find their groups.
 //
 // Lag: a probe registered on the table root after the state machine hears each interface key
 // right after the state machine applied it, and reads the entity's lastJoinReceived, the time
 // the agent took the join. Each join is sampled once (stamps arrive in order, so a stamp not
 // newer than the newest seen is a re-report), and only joins made after this process attached.
 //
-// The same probe tells the supervisor of every group that leaves this Status (its record was
-// removed), so that the groups the agent cleared can be seen to vanish here.
+// The same probe tells the supervisor of every group that enters or leaves this Status (its
+// record was written or removed), so that the groups the agent cleared can be seen to vanish
+// here.
 
 #include <signal.h>
 #include <sys/epoll.h>
@@ -34,6 +36,7 @@ namespace BidirAgent {
 namespace {
 
 using QuarnStatus = Bidir::Quarn::Status;
+constexpr Quarn::QuarnType kMode = Quarn::QuarnType::keyshadow;
 
 class LagProbe final : public QuarnStatus::NotifieeConst {
  public:
@@ -42,12 +45,15 @@ class LagProbe final : public QuarnStatus::NotifieeConst {
   void onGroup(Lanx::IpGenAddr const& addr) override {
     ++updates;
     lastHeard = now();
-    if (status_.group(addr)) return;
+    std::uint32_t const g = groupIndex(addr, groups_);
+    bool const held = bool(status_.group(addr));
+    if (held && (g >= groups_ || held_[g])) return;
+    if (g < groups_) held_[g] = held;
     Report r;
-    r.kind = Report::groupVanished;
+    r.kind = held ? Report::groupAppeared : Report::groupVanished;
     r.role = Role::reader;
     r.time = lastHeard;
-    r.group = groupIndex(addr, groups_);
+    r.group = g;
     send(reportFd_, r);
   }
   void onGroupIntf(Bidir::GroupIntfKey const& key) override {
@@ -71,6 +77,7 @@ class LagProbe final : public QuarnStatus::NotifieeConst {
  private:
   Bidir::Status const& status_;
   std::uint32_t groups_;
+  std::vector<char> held_ = std::vector<char>(groups_, 0);  // by group: in the Status
   int reportFd_;
   double newest_ = 0;
 };
@@ -125,10 +132,10 @@ int runReader(Options const& options, std::string const& root, int reportFd, int
   groups.remountIntervalIs(0.05);
   groupIntfs.remountIntervalIs(0.05);
   tellDoing(reportFd, Role::reader, "attaching to the group table");
-  groups.init(Quarn::QuarnType::reader, false, 0);
+  groups.init(kMode, false, 0);
   waitFor([&] { return groups.fullyAttached(); });
   tellDoing(reportFd, Role::reader, "attaching to the group-interface table");
-  groupIntfs.init(Quarn::QuarnType::reader, false, 0);
+  groupIntfs.init(kMode, false, 0);
   waitFor([&] { return groupIntfs.fullyAttached(); });
   probe->attachedAt = now();
   Report const ready = report(Report::ready);
