@@ -36,7 +36,8 @@ namespace BidirAgent {
 namespace {
 
 using QuarnStatus = Bidir::Quarn::Status;
-constexpr Quarn::QuarnType kMode = Quarn::QuarnType::keyshadow;
+// The consumers' reading mode (key shadows); the two tables are mounted one after the other.
+constexpr Quarn::QuarnType kMode = QuarnStatus::readingMode;
 
 class LagProbe final : public QuarnStatus::NotifieeConst {
  public:
