@@ -12,11 +12,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 
 #include "Processes.h"
 #include "Quarn/QuarnMap.h"
+#include "Quarn/ReaderMounter.h"
 #include "Quarn/SlotTable.h"
 #include "Quarn/TestRecord.h"
 #include "support/JsonLine.h"
@@ -372,6 +374,13 @@ TEST_F(Quarnctl, CommandLineMistakesExitTwoWithOneLineAndHelpExitsZero) {
   Outcome const absent = run({"dump", "nope"});
   EXPECT_EQ(absent.exitCode, 1);
   EXPECT_EQ(absent.err, "quarnctl: no table 'nope' under " + root.path() + " (tables: group)\n");
+  // Files without an incarnation: the reason a reading mount gives.
+  std::filesystem::create_directory(root.path() + "/half");
+  std::ofstream(root.path() + "/half/slots") << "not yet a table";
+  Outcome const half = run({"dump", "half"});
+  EXPECT_EQ(half.exitCode, 1);
+  EXPECT_EQ(half.err, "quarnctl: " + Quarn::mountObstacle("half", root.path() + "/half", 0) + "\n");
+  EXPECT_NE(half.err.find("fenix file of half"), std::string::npos) << half.err;
   Outcome const noRoot = quarnctl({"--root", root.path() + "/missing", "ls"});
   EXPECT_EQ(noRoot.exitCode, 1);
   EXPECT_TRUE(noRoot.err.starts_with("quarnctl: no table root ")) << noRoot.err;

@@ -13,6 +13,7 @@
 #include "Cli.h"
 #include "Quarn/Fenix.h"
 #include "Quarn/Files.h"
+#include "Quarn/ReaderMounter.h"
 
 namespace Quarnctl {
 namespace {
@@ -147,6 +148,9 @@ std::optional<std::string> tableProblem(std::string const& root, TableInfo const
     for (auto const& n : names) text.append(" ").append(n);
     return text + ")";
   }
+  // Where a reading mount would wait (no incarnation recorded, permission denied), the operator
+  // is told the reason that mount gives in its mountStatus().
+  if (std::string why = Quarn::mountObstacle(t.name, t.dir, t.fenix); !why.empty()) return why;
   for (FileInfo const* f : {&t.slotsFile, &t.bucketsFile, &t.conquerFiles[0], &t.conquerFiles[1]}) {
     if (f->error == ENOENT) {
       return "table '" + t.name + "' has no file " + f->path +
@@ -172,11 +176,6 @@ std::optional<std::string> tableProblem(std::string const& root, TableInfo const
       }
       return "table '" + t.name + "': " + t.conquerFiles[i].path + ": " + error;
     }
-  }
-  if (t.fenix == 0) {
-    return "table '" + t.name +
-           "' has no incarnation: its fenix file is missing or damaged (a writer is starting, or "
-           "stopped while making its files)";
   }
   if (t.fenix != t.slots->fenix) {
     return "table '" + t.name + "' is between incarnations: fenix file " + std::to_string(t.fenix) +

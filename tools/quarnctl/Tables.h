@@ -4,9 +4,10 @@
 // "corruption-detected" files, and whether the writer lives. A snapshot: with a live writer the
 // words may be from different moments, which is all an overview needs.
 //
-// `tableProblem` is the one place that says why a table cannot be read. A reading mount waits
-// for the same reasons; its own account (QuarnMap::mountStatus) can replace this function once
-// it carries one.
+// `tableProblem` is the one place that says why a table cannot be read. Where a reading mount
+// would wait (no incarnation recorded, permission denied) it gives that mount's own reason
+// (Quarn::mountObstacle, what QuarnMap::mountStatus says); it adds what only a tool looking at
+// the files sees: the tables a root does hold, a missing file, a header that fails its checks.
 
 #include <sys/types.h>
 
