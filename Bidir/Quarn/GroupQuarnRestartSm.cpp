@@ -1,5 +1,6 @@
 #include "Bidir/Quarn/GroupQuarnRestartSm.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <ostream>
 
@@ -94,16 +95,23 @@ void GroupQuarnRestartSm::doReview() {
 template <class Iterator, class Handle, class BookmarkOf>
 void GroupQuarnRestartSm::reviewWalk(Iterator it, Handle const& handle,
                                      BookmarkOf const& bookmarkOf, bool& done) {
+  // The clock is read after the first record handled, then after 2, 4, ... up to every
+  // kTimeCheckEvery records: a slice overruns its quantum by at most that many records, and a
+  // zero quantum still ends each slice after one.
+  std::uint32_t untilCheck = 1, checkEvery = 1;
   // The table front reports corruption met while advancing and ends the walk there.
   while (it) {
     bool const handled = handle(*it);
     ++it;
-    if (handled && it && now() >= reviewStopTime_) {
+    if (!handled || !it || --untilCheck != 0) continue;
+    if (now() >= reviewStopTime_) {
       reviewBookmark_ = bookmarkOf(it.key());
       bookmarkHint_ = it.hint();
       bookmarkHintOf_ = reviewBookmark_;
       return;
     }
+    checkEvery = std::min(2 * checkEvery, kTimeCheckEvery);
+    untilCheck = checkEvery;
   }
   reviewBookmark_ = GroupIntfKey();
   bookmarkHint_ = ::Quarn::IterHint();
@@ -128,7 +136,7 @@ void GroupQuarnRestartSm::doReviewGroups() {
   reviewWalk(
       groupReviewStart(),
       [this](Group const& record) {
-        doUpdateGroup(status_->groupIs(record.key), record);
+        groupFrom(*status_, record);
         RESTART_TRACE(4, "doReviewGroups(), Updated group ", record.key);
         return true;
       },
@@ -144,10 +152,16 @@ void GroupQuarnRestartSm::doReviewGroupIntfs() {
                 ? quarnStatus_->groupIntfSlotIterator()
                 : quarnStatus_->groupIntfSlotIterator(reviewBookmark_, bookmarkHint());
   }
+  // Interface records of one group mostly come together in slot order: the last record's group
+  // serves while it is still the Status's group of that address.
+  Kiv::Ptr<Bidir::Group> group;
   reviewWalk(
       start,
-      [this](GroupIntf const& record) {
-        Kiv::Ptr<Bidir::Group> const group = status_->group(record.key.groupAddr());
+      [this, &group](GroupIntf const& record) {
+        if (!group || group->parent() != status_.ptr() ||
+            group->groupAddr() != record.key.groupAddr()) {
+          group = status_->group(record.key.groupAddr());
+        }
         if (!group) {
           // Stale: its group went before its interface records did. Only the writer removes it.
           if (role_ == KivQuarn::KivQuarnType::writer) quarnStatus_->groupIntfDel(record.key);
@@ -155,7 +169,7 @@ void GroupQuarnRestartSm::doReviewGroupIntfs() {
         }
         RESTART_TRACE(6, "doReviewGroupIntfs", static_cast<void const*>(&record.key),
                       ", Updating intf in quarn");
-        doUpdateGroupIntf(group->groupIntfIs(record.key.intfId()), record);
+        groupIntfFrom(*group, record);
         return true;
       },
       [](GroupIntfKey const& key) { return key; }, reviewedGroupIntfs_);
