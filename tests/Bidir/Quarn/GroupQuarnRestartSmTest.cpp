@@ -218,6 +218,53 @@ TEST_F(GroupQuarnRestartSmTest, WriterWritesNothingUntilTheReviewEnds) {
   EXPECT_TRUE(tables->group(addr(2)).inactive);
 }
 
+// Whoever watches the Status (the writer above all) meets each group and interface the review
+// creates with its record's state already on it, and hears none of its fields change after.
+TEST_F(GroupQuarnRestartSmTest, WatchersMeetEachTakenBackEntityWhole) {
+  auto tables = tablesOf(6, false);
+  std::vector<std::string> faults;
+  struct GroupWatch : Bidir::Group::Notifiee {
+    BQ::Status* tables = nullptr;
+    std::vector<std::string>* faults = nullptr;
+    std::size_t arrivals = 0;
+    void onCreationTime() override { faults->push_back("creationTime changed after arrival"); }
+    void onGroupIntf(Lanx::IntfId id) override {
+      ++arrivals;
+      GroupIntfKey const key(notifier()->groupAddr(), id);
+      auto const intf = notifier()->groupIntf(id);
+      if (!intf || intf->lastJoinReceived() != double(tables->groupIntf(key).lastJoinReceived)) {
+        faults->push_back("interface arrived without its record's state: " +
+                          ::testing::PrintToString(key));
+      }
+    }
+  };
+  struct StatusWatch : Bidir::Status::Notifiee {
+    BQ::Status* tables = nullptr;
+    std::vector<std::string>* faults = nullptr;
+    std::vector<Kiv::Ptr<GroupWatch>> groups;
+    void onGroup(Lanx::IpGenAddr const& a) override {
+      auto const group = notifier()->group(a);
+      if (!group || group->creationTime() != double(tables->group(a).creationTime)) {
+        faults->push_back("group arrived without its record's state: " + a.toString());
+      }
+      auto watch = Kiv::newPtr<GroupWatch>();
+      watch->tables = tables;
+      watch->faults = faults;
+      watch->notifierIs(group);
+      groups.push_back(watch);
+    }
+  };
+  auto status = Bidir::statusFactory("agent");
+  auto watch = Kiv::newPtr<StatusWatch>();
+  watch->tables = tables.ptr();
+  watch->faults = &faults;
+  watch->notifierIs(status);
+  ASSERT_TRUE(restarted(status, tables, 0.1));
+  EXPECT_EQ(faults, std::vector<std::string>());
+  ASSERT_EQ(watch->groups.size(), 6u);
+  for (auto const& g : watch->groups) EXPECT_EQ(g->arrivals, 2u);
+}
+
 TEST_F(GroupQuarnRestartSmTest, AgentKilledDuringChurnIsTakenBackFromTheTables) {
   TestSupport::Children children{"GROUP_QUARN_RESTART_AGENT"};
   std::mt19937 rng(11);
