@@ -7,6 +7,13 @@
 // doubles, and a doubling re-inserts only that table's share of the live entities: no single
 // creation pays for re-hashing all of them (with a million live entities that would stall the
 // creating thread for tens of milliseconds). A table's load stays at most one half.
+//
+// Insertions are batched: an address waits among the `pending` ones (a short array, read in
+// order) until kBatch have come, then they go in together, each one's home cell prefetched first,
+// so that the cache misses of a burst of creations overlap instead of following one another (a
+// restart creating half a million entities spent a quarter of its time waiting on them one by
+// one). Lookups and erasures look at the pending addresses first: an address is either pending
+// or in its table, never both, since only a live entity's address is ever added.
 
 #include <cstdint>
 #include <mutex>
@@ -21,6 +28,7 @@ namespace {
 
 constexpr unsigned kShardBits = 8;
 constexpr std::size_t kMinCapacity = 16;
+constexpr std::size_t kBatch = 16;
 
 std::uint64_t mixed(std::uintptr_t address) noexcept {
   return mix64(address);
@@ -30,6 +38,10 @@ std::uint64_t mixed(std::uintptr_t address) noexcept {
 class Shard {
  public:
   bool contains(std::uintptr_t a) const noexcept { return !cells_.empty() && cells_[at(a)] == a; }
+  // Starts loading the cell where the probe for `a` begins.
+  void prefetch(std::uintptr_t a) const noexcept {
+    if (!cells_.empty()) __builtin_prefetch(&cells_[mixed(a) & (cells_.size() - 1)], 1);
+  }
   void insert(std::uintptr_t a) {
     if ((used_ + 1) * 2 > cells_.size()) grow();
     std::size_t const i = at(a);
@@ -79,8 +91,38 @@ class Shard {
 struct Registry {
   std::mutex mutex;
   Shard shards[std::size_t{1} << kShardBits];
+  std::uintptr_t pending[kBatch] = {};
+  std::size_t pendingCount = 0;
 
   Shard& of(std::uintptr_t a) noexcept { return shards[mixed(a) >> (64 - kShardBits)]; }
+  // A full batch goes in before `a` joins the next: should a table's growth throw, `a` was never
+  // added (its entity is not constructed) and what is not in its table yet stays pending.
+  void add(std::uintptr_t a) {
+    if (pendingCount == kBatch) {
+      for (std::uintptr_t p : pending) of(p).prefetch(p);
+      for (; pendingCount > 0; --pendingCount) {
+        std::uintptr_t const p = pending[pendingCount - 1];
+        of(p).insert(p);
+      }
+    }
+    pending[pendingCount++] = a;
+  }
+  // Removes `a` from the pending addresses; false when it is not among them.
+  bool pendingErase(std::uintptr_t a) noexcept {
+    for (std::size_t i = 0; i < pendingCount; ++i) {
+      if (pending[i] == a) {
+        pending[i] = pending[--pendingCount];
+        return true;
+      }
+    }
+    return false;
+  }
+  bool contains(std::uintptr_t a) const noexcept {
+    for (std::size_t i = 0; i < pendingCount; ++i) {
+      if (pending[i] == a) return true;
+    }
+    return shards[mixed(a) >> (64 - kShardBits)].contains(a);
+  }
 };
 
 // Never destroyed: entities with static storage may be destroyed after any other static.
@@ -98,20 +140,20 @@ std::uintptr_t addressOf(Entity const* e) noexcept {
 void Entity::liveEntityAdd(Entity const* e) {
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
-  r.of(addressOf(e)).insert(addressOf(e));
+  r.add(addressOf(e));
 }
 
 void Entity::liveEntityDel(Entity const* e) noexcept {
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
-  r.of(addressOf(e)).erase(addressOf(e));
+  if (!r.pendingErase(addressOf(e))) r.of(addressOf(e)).erase(addressOf(e));
 }
 
 Ptr<Entity> Entity::liveEntity(std::uintptr_t address) {
   if (address == 0) return nullptr;
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
-  if (!r.of(address).contains(address)) return nullptr;
+  if (!r.contains(address)) return nullptr;
   // Registered, hence a live entity at exactly that address: only now is the number followed.
   Entity* e = reinterpret_cast<Entity*>(address);
   if (e->references() == 0 && !e->isNondestructing()) return nullptr;
