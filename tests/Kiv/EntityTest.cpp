@@ -372,6 +372,23 @@ TEST(EntityLifecycle, LiveEntitiesResolveFromTheirAddressUntilDestroyed) {
     ASSERT_EQ(Kiv::Entity::liveEntity(addresses[i]).ptr(), nodes[i].ptr()) << i;
   }
   EXPECT_EQ(Kiv::Entity::liveEntity(0), nullptr);
+  // Creations and destructions interleaved, so that addresses are freed and taken again both
+  // before and after the registry has filed them.
+  for (std::size_t i = 0; i < order.size() / 2; ++i) {
+    nodes[order[i]] = new Node(int(i));
+    addresses[order[i]] = reinterpret_cast<std::uintptr_t>(nodes[order[i]].ptr());
+    if (i % 3 == 0) nodes[order[order.size() - 1 - i]] = nullptr;
+  }
+  // A destroyed entity's address resolves to nothing, or to the live entity that took it.
+  std::map<std::uintptr_t, Kiv::Entity*> live;
+  for (auto const& n : nodes) {
+    if (n) live[reinterpret_cast<std::uintptr_t>(n.ptr())] = n.ptr();
+  }
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    auto const it = live.find(addresses[i]);
+    ASSERT_EQ(Kiv::Entity::liveEntity(addresses[i]).ptr(), it == live.end() ? nullptr : it->second)
+        << i;
+  }
 }
 
 TEST(EntityLifecycle, NondestructingEntitySurvivesZeroReferencesUntilReleased) {
