@@ -166,7 +166,11 @@ void Out::flush() {
     }
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    channel_.close(n < 0 ? String8(std::string("send: ") + std::strerror(errno)) : String8());
+    if (n < 0) {
+      channel_.closeAfter("send", errno);
+    } else {
+      channel_.close(String8());
+    }
     return;
   }
   compact();

@@ -66,6 +66,16 @@ void Channel::close(String8 const& error) {
   });
 }
 
+void Channel::closeAfter(char const* call, int err) {
+  if (err == ECONNRESET || err == EPIPE) {
+    KIV_TRACE(logTrace(), 1, description_, ": ", call, ": ", std::strerror(err),
+              " (the peer went away)");
+    close(String8());
+    return;
+  }
+  close(String8(std::string(call) + ": " + std::strerror(err)));
+}
+
 void Channel::onEvents(std::uint32_t events) {
   if (events & EPOLLOUT) out_.flush();
   if (!open() || !(events & (EPOLLIN | EPOLLHUP | EPOLLERR))) return;
@@ -80,8 +90,12 @@ void Channel::onEvents(std::uint32_t events) {
       }
       if (n < 0 && errno == EINTR) continue;
       if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-      if (n == 0) in_.endOfStream();
-      close(n < 0 ? String8(std::string("recv: ") + std::strerror(errno)) : String8());
+      if (n == 0) {
+        in_.endOfStream();
+        close(String8());
+      } else {
+        closeAfter("recv", errno);
+      }
     } catch (std::exception const& e) {
       // Bad input: nothing of the offending record or transaction was applied. Closing makes the
       // peer reconnect and send its full state again.

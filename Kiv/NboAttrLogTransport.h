@@ -50,6 +50,10 @@ class Channel {
   bool open() const noexcept { return fd_ >= 0; }
   // Closes the socket; the endpoint hears of it in the next round. `error` empty: an orderly end.
   void close(String8 const& error);
+  // Closes after `call` ("recv", "send") failed with `err`. A peer that went away without
+  // closing (a killed process resets the connection) ends the stream like an orderly close: a
+  // warning, not an error of this end; any other failure is an error.
+  void closeAfter(char const* call, int err);
   String8 const& error() const noexcept { return error_; }
 
   // The change being applied from this channel, so that its writing adapters do not echo it.

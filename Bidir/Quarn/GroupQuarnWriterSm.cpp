@@ -39,8 +39,12 @@ void GroupQuarnWriterSm::tableOp(char const* function, char const* table, Op&& o
   try {
     op();
   } catch (std::exception const& e) {
+    // One error line per incident: the failures that follow the first one until a resync
+    // repairs the tables (a full file system fails every write that needs space) are counted in
+    // tableFailures() and traced as detail.
+    int const level = tableFailures_ == 0 ? 0 : 4;
     ++tableFailures_;
-    KIV_TRACE(trace(), 0, kSource, function, "(", key..., ") table ", table, ": ", e.what());
+    KIV_TRACE(trace(), level, kSource, function, "(", key..., ") table ", table, ": ", e.what());
     throw;
   }
 }

@@ -148,7 +148,13 @@ std::string kivTypeSection() {
 TEST(Introspection, LibraryCarriesItsTypeNamesInOrder) {
   std::string expected;
   for (auto n : kivTypeNames()) expected += std::string(n) + '\0';
-  EXPECT_EQ(kivTypeSection(), expected);
+  // AddressSanitizer may pad the section's end with zeros (the redzone of its global).
+  std::string section = kivTypeSection();
+  if (section.size() > expected.size() &&
+      section.find_first_not_of('\0', expected.size()) == std::string::npos) {
+    section.resize(expected.size());
+  }
+  EXPECT_EQ(section, expected);
   auto const names = kivTypeNames();
   ASSERT_EQ(names.size(), 18u);
   EXPECT_EQ(names[0], "Routing::Pim::Bidir::GroupIntf::JoinState");

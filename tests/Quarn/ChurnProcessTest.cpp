@@ -25,18 +25,14 @@
 #include "Quarn/QuarnMap.h"
 #include "TestRecord.h"
 #include "support/ActivityWait.h"
+#include "support/Sanitizers.h"
 
 using namespace QuarnTest;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::uint32_t numKeys = 50000;
-constexpr std::uint32_t numOps = 1000000;
-#else
-constexpr std::uint32_t numKeys = 500000;
-constexpr std::uint32_t numOps = 3000000;
-#endif
+constexpr std::uint32_t numKeys = TestSupport::kSanitized ? 50000 : 500000;
+constexpr std::uint32_t numOps = TestSupport::kSanitized ? 1000000 : 3000000;
 
 struct ChurnRecord {
   static constexpr char const* typeName = "QuarnTest::ChurnRecord";

@@ -123,27 +123,37 @@ struct Probe {
   std::function<void(TestKey const&)> onKey;
 };
 
-// "<dir> <mode> <fd>": a consumer of the table in `mode` that also keeps reading it (a lookup and
-// a full iteration per loop turn), writing its View to `fd` on every change.
-int consumerChild(std::string const& arg) {
-  std::istringstream in(arg);
+// A consumer child's table: "<dir> <mode> <fd>" read from its argument, the table mounted in
+// `mode`, and `model` kept from its notifications (each key notified is looked up again).
+struct ChildConsumer {
+  ChildConsumer(std::string const& arg, double remountInterval) {
+    std::istringstream in(arg);
+    in >> dir >> mode >> fd;
+    map = std::make_unique<Quarn::QuarnMap<TestKey, TestWrapper, Probe>>(QuarnMapFixture::table,
+                                                                         &probe, dir, activity);
+    map->remountIntervalIs(remountInterval);
+    map->init(QuarnType(mode), false, 100);
+  }
   std::string dir;
   int mode = 0, fd = -1;
-  in >> dir >> mode >> fd;
   Kiv::Activity activity;
   std::map<TestKey, std::uint32_t> model;
-  std::unique_ptr<Quarn::QuarnMap<TestKey, TestWrapper, Probe>> map;
-  Probe probe{[&](TestKey const& key) {
+  Probe probe{[this](TestKey const& key) {
     bool found = false;
     TestWrapper const w = map->safeLookup(key, found);
     found ? void(model[key] = w.value) : void(model.erase(key));
   }};
-  map = std::make_unique<Quarn::QuarnMap<TestKey, TestWrapper, Probe>>(QuarnMapFixture::table,
-                                                                       &probe, dir, activity);
-  map->remountIntervalIs(0.05);
-  map->init(QuarnType(mode), false, 100);
+  std::unique_ptr<Quarn::QuarnMap<TestKey, TestWrapper, Probe>> map;
+};
+
+// "<dir> <mode> <fd>": a consumer of the table in `mode` that also keeps reading it (a lookup and
+// a full iteration per loop turn), writing its View to `fd` on every change.
+int consumerChild(std::string const& arg) {
+  ChildConsumer c(arg, 0.05);
+  auto const& map = c.map;
+  auto& model = c.model;
   for (View sent{};;) {
-    activity.runOnce(0.02);
+    c.activity.runOnce(0.02);
     bool found = false;
     TestWrapper w = map->safeLookup(TestKey{1, 1}, found);
     Quarn::IterHint hint;
@@ -154,8 +164,8 @@ int consumerChild(std::string const& arg) {
     // A direct reader cannot report every removal (its contract): what counts is that every key
     // of the table is in the copy, right.
     View const now{::getpid(), map->fullyAttached(),
-                   digestOf(QuarnType(mode) == QuarnType::reader ? held : model)};
-    if (now != sent) (void)!::write(fd, &(sent = now), sizeof now);
+                   digestOf(QuarnType(c.mode) == QuarnType::reader ? held : model)};
+    if (now != sent) (void)!::write(c.fd, &(sent = now), sizeof now);
   }
 }
 
@@ -337,22 +347,8 @@ struct Beat {
 // each beat looks up a key of the damaged chain and sends a Beat to `fd`. The beats stop if a
 // mount attempt never gives the activity back.
 int beatingConsumer(std::string const& arg) {
-  std::istringstream in(arg);
-  std::string dir;
-  int mode = 0, fd = -1;
-  in >> dir >> mode >> fd;
-  Kiv::Activity activity;
-  std::map<TestKey, std::uint32_t> model;
-  std::unique_ptr<Quarn::QuarnMap<TestKey, TestWrapper, Probe>> map;
-  Probe probe{[&](TestKey const& key) {
-    bool found = false;
-    TestWrapper const w = map->safeLookup(key, found);
-    found ? void(model[key] = w.value) : void(model.erase(key));
-  }};
-  map = std::make_unique<Quarn::QuarnMap<TestKey, TestWrapper, Probe>>(QuarnMapFixture::table,
-                                                                       &probe, dir, activity);
-  map->remountIntervalIs(0.5);
-  map->init(QuarnType(mode), false, 100);
+  ChildConsumer c(arg, 0.5);
+  auto const& map = c.map;
   Beat beat{::getpid()};
   Kiv::Timer timer(
       [&] {
@@ -361,13 +357,13 @@ int beatingConsumer(std::string const& arg) {
         ++beat.beats;
         beat.attached = map->fullyAttached();
         beat.fenix = map->fenixId();
-        beat.digest = digestOf(model);
-        (void)!::write(fd, &beat, sizeof beat);
+        beat.digest = digestOf(c.model);
+        (void)!::write(c.fd, &beat, sizeof beat);
         timer.armIn(0.05);
       },
-      activity);
+      c.activity);
   timer.armIn(0.05);
-  activity.run();
+  c.activity.run();
   return 0;
 }
 

@@ -240,11 +240,11 @@ std::vector<std::pair<std::string, Site>> damagedSites() {
   for (auto const& [slot, index] : slots) {
     for (auto const& [field, offset] : slotFields) {
       sites.emplace_back(std::string(slot) + " " + field,
-                         [index, offset](Writer& w) { return slotWord(w, index(w), offset); });
+                         [index = index, offset = offset](Writer& w) { return slotWord(w, index(w), offset); });
     }
   }
   for (auto const& [field, offset] : slotFields) {
-    sites.emplace_back(std::string("lookaside ") + field, [offset](Writer& w) {
+    sites.emplace_back(std::string("lookaside ") + field, [offset = offset](Writer& w) {
       return word(Quarn::SlotTable::lookaside(w.slots().mem().base()), offset);
     });
   }
@@ -255,17 +255,17 @@ std::vector<std::pair<std::string, Site>> damagedSites() {
            {"numSlotsVersion", offsetof(SlotHeader, numSlotsVersion)},
            {"numSlots", offsetof(SlotHeader, numSlots)}}) {
     sites.emplace_back(std::string("slot header ") + field,
-                       [offset](Writer& w) { return word(w.slots().mem().base(), offset); });
+                       [offset = offset](Writer& w) { return word(w.slots().mem().base(), offset); });
   }
   sites.emplace_back("bucket header numBuckets", [](Writer& w) {
     return word(w.buckets().mem().base(), offsetof(Quarn::BucketTable::Header, numBuckets));
   });
   for (std::size_t const offset : {std::size_t(0), std::size_t(4)}) {
     std::string const field = offset == 0 ? " linkVersion" : " head";
-    sites.emplace_back("empty bucket" + field, [offset](Writer& w) {
+    sites.emplace_back("empty bucket" + field, [offset = offset](Writer& w) {
       return word(w.buckets().bucket(w.bucketOf(TestKey{0, 9})), offset);
     });
-    sites.emplace_back("used bucket" + field, [offset](Writer& w) {
+    sites.emplace_back("used bucket" + field, [offset = offset](Writer& w) {
       return word(w.buckets().bucket(w.bucketOf(TestKey{0, 1})), offset);
     });
   }
@@ -281,24 +281,24 @@ std::vector<std::pair<std::string, Site>> damagedSites() {
              {"state", offsetof(ConquerHeader, state)},
              {"capacity", offsetof(ConquerHeader, capacity)},
              {"currentPos", offsetof(ConquerHeader, currentPos)}}) {
-      sites.emplace_back(name + field, [table, offset](Writer& w) {
+      sites.emplace_back(name + field, [table, offset = offset](Writer& w) {
         return conquerHeader(w, table, offset);
       });
     }
   }
   for (auto const& [field, offset] : std::vector<std::pair<char const*, std::size_t>>{
            {" sequence", 0}, {" slot", 8}}) {
-    sites.emplace_back(std::string("live entry") + field, [offset](Writer& w) {
+    sites.emplace_back(std::string("live entry") + field, [offset = offset](Writer& w) {
       return entryWord(w, w.conquer().currentTable(), entryAt(w, true), offset);
     });
-    sites.emplace_back(std::string("tombstone") + field, [offset](Writer& w) {
+    sites.emplace_back(std::string("tombstone") + field, [offset = offset](Writer& w) {
       return entryWord(w, w.conquer().currentTable(), entryAt(w, false), offset);
     });
-    sites.emplace_back(std::string("entry at currentPos") + field, [offset](Writer& w) {
+    sites.emplace_back(std::string("entry at currentPos") + field, [offset = offset](Writer& w) {
       std::uint32_t const t = w.conquer().currentTable();
       return entryWord(w, t, w.conquer().currentPos(t), offset);
     });
-    sites.emplace_back(std::string("spare table's first entry") + field, [offset](Writer& w) {
+    sites.emplace_back(std::string("spare table's first entry") + field, [offset = offset](Writer& w) {
       return entryWord(w, 1 - w.conquer().currentTable(), 0, offset);
     });
   }

@@ -19,17 +19,20 @@ struct Json {
   double n = 0;
   std::string s;
   std::vector<Json> items;
-  std::vector<std::pair<std::string, Json>> members;
+  // An object's members in order: names[i] names values[i]. (Two vectors, not one of pairs: a
+  // pair needs Json complete where a vector of Json does not.)
+  std::vector<std::string> names;
+  std::vector<Json> values;
 
   bool has(std::string_view key) const {
-    for (auto const& m : members) {
-      if (m.first == key) return true;
+    for (auto const& name : names) {
+      if (name == key) return true;
     }
     return false;
   }
   Json const& operator[](std::string_view key) const {
-    for (auto const& m : members) {
-      if (m.first == key) return m.second;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      if (names[i] == key) return values[i];
     }
     throw std::runtime_error("no member " + std::string(key));
   }
@@ -86,7 +89,8 @@ class JsonReader {
         blank();
         std::string key = str();
         need(':');
-        v.members.emplace_back(std::move(key), value());
+        v.names.push_back(std::move(key));
+        v.values.push_back(value());
       } while (take(','));
       need('}');
     } else if (c == '[') {

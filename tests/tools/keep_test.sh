@@ -4,21 +4,11 @@
 agent=$1
 out=$(mktemp)
 trap 'rm -f "$out"' EXIT
-fail() {
-  kill -9 "$pid" 2>/dev/null
-  cat "$out"
-  echo "FAILED: $*"
-  exit 1
-}
+. "$(dirname "$0")/lib.sh"
 
 "$agent" --short --quiet --keep >"$out" 2>&1 &
 pid=$!
-deadline=$(($(date +%s) + 90))
-until grep -q "stays alive until Ctrl-C" "$out"; do
-  kill -0 "$pid" 2>/dev/null || fail "ended before keeping its root"
-  [ "$(date +%s)" -lt "$deadline" ] || fail "no summary in 90 s"
-  sleep 0.2
-done
+await "stays alive until Ctrl-C" 90
 grep -q "EQUAL" "$out" || fail "the reader did not end equal to the agent"
 root=$(sed -n 's/.* --root \([^ ]*\) ls$/\1/p' "$out")
 [ -d "$root/groupIntf" ] || fail "root '$root' not kept"

@@ -5,22 +5,7 @@ agent=$1
 engine=$2
 out=$(mktemp)
 trap 'rm -f "$out"' EXIT
-fail() {
-  kill -9 "$pid" 2>/dev/null
-  cat "$out"
-  echo "FAILED: $*"
-  exit 1
-}
-
-# Waits (bounded) until the output of $pid has a line matching $1.
-await() {
-  deadline=$(($(date +%s) + 60))
-  until grep -q "$1" "$out"; do
-    kill -0 "$pid" 2>/dev/null || fail "ended before '$1'"
-    [ "$(date +%s)" -lt "$deadline" ] || fail "no '$1' in 60 s"
-    sleep 0.1
-  done
-}
+. "$(dirname "$0")/lib.sh"
 
 # Kills $pid with SIGKILL and waits (bounded) until $root is gone and no process runs under it.
 killAndAwaitCleanup() {
