@@ -11,6 +11,18 @@ constexpr auto kAttributes = Kiv::declarations(Group::attributes());
 constexpr Kiv::AttributeTable kTable{"Routing::Pim::Bidir::Group", kAttributes,
                                      &Kiv::kEntityAttributeTable};
 
+// rp() and rpaRpf() of group `group` under `status` (its parent, taken once by the caller).
+// Internal linkage, so that joinDesired can inline them into its loop.
+Lanx::IpGenAddr rpOf(Status const* status, Lanx::IpGenAddr const& group) {
+  if (status == nullptr || !status->rpHashStatus()) return Lanx::IpGenAddr();
+  return status->rpHashStatus()->rpHash(Lanx::IpGenPrefix(group)).rp;
+}
+
+Df::Quarn::RpaRpf rpaRpfOf(Status const* status, Lanx::IpGenAddr const& group) {
+  if (status == nullptr || !status->rpaRpfStatus()) return Df::Quarn::RpaRpf(Lanx::IpGenAddr());
+  return status->rpaRpfStatus()->rpaRpf(rpOf(status, group));
+}
+
 }  // namespace
 
 Group::~Group() {
@@ -35,22 +47,12 @@ Status const* Group::statusOf() const noexcept {
   return dynamic_cast<Status const*>(parent());
 }
 
-Lanx::IpGenAddr Group::rpOf(Status const* status) const {
-  if (status == nullptr || !status->rpHashStatus()) return Lanx::IpGenAddr();
-  return status->rpHashStatus()->rpHash(Lanx::IpGenPrefix(groupAddr_)).rp;
-}
-
-Df::Quarn::RpaRpf Group::rpaRpfOf(Status const* status) const {
-  if (status == nullptr || !status->rpaRpfStatus()) return Df::Quarn::RpaRpf(Lanx::IpGenAddr());
-  return status->rpaRpfStatus()->rpaRpf(rpOf(status));
-}
-
 Lanx::IpGenAddr Group::rp() const {
-  return rpOf(statusOf());
+  return rpOf(statusOf(), groupAddr_);
 }
 
 Df::Quarn::RpaRpf Group::rpaRpf() const {
-  return rpaRpfOf(statusOf());
+  return rpaRpfOf(statusOf(), groupAddr_);
 }
 
 Routing::Pim::RouteKey Group::routeKey() const {
@@ -58,10 +60,11 @@ Routing::Pim::RouteKey Group::routeKey() const {
 }
 
 bool Group::joinDesired() const {
+  // The parent cannot change during the walk (nothing here notifies): it is taken once. Each
+  // interface examined still looks both records up afresh.
+  Status const* const status = statusOf();
   for (GroupIntf const& member : groupIntfs_.range()) {
-    // The parent cannot change during the walk (nothing here notifies), so it is looked up once
-    // per member, not once per table.
-    if (member.intfId() == rpaRpfOf(statusOf()).rpfInterface) continue;
+    if (member.intfId() == rpaRpfOf(status, groupAddr_).rpfInterface) continue;
     if (member.oList()) return true;
   }
   return false;

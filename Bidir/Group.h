@@ -210,9 +210,6 @@ class Group : public Kiv::Entity, public GroupStates {
 
  private:
   Status const* statusOf() const noexcept;
-  // rp() and rpaRpf() for the Status `status` (the parent, taken once by the caller).
-  Lanx::IpGenAddr rpOf(Status const* status) const;
-  Df::Quarn::RpaRpf rpaRpfOf(Status const* status) const;
 
   Lanx::IpGenAddr const groupAddr_;
   double creationTime_ = 0.0;

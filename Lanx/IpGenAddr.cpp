@@ -174,10 +174,6 @@ IpGenAddr IpGenAddr::unspecified(Family family) noexcept {
   return a;
 }
 
-unsigned IpGenAddr::maxPrefixLength() const noexcept {
-  return family_ == ipv4 ? 32 : family_ == ipv6 ? 128 : 0;
-}
-
 std::uint32_t IpGenAddr::ipv4HostOrder() const noexcept {
   if (family_ != ipv4) return 0;
   return (std::uint32_t{bytes_[0]} << 24) | (std::uint32_t{bytes_[1]} << 16) |

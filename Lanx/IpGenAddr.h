@@ -53,7 +53,9 @@ class IpGenAddr {
   bool isIpv6() const noexcept { return family_ == ipv6; }
   bool isUnset() const noexcept { return family_ == unset; }
   // 32 for IPv4, 128 for IPv6, 0 when unset.
-  unsigned maxPrefixLength() const noexcept;
+  unsigned maxPrefixLength() const noexcept {
+    return family_ == ipv4 ? 32 : family_ == ipv6 ? 128 : 0;
+  }
   std::array<std::uint8_t, 16> const& bytes() const noexcept { return bytes_; }
   // The IPv4 address in host order (0 unless IPv4).
   std::uint32_t ipv4HostOrder() const noexcept;

@@ -25,9 +25,6 @@ IpGenAddr masked(IpGenAddr const& addr, unsigned length) noexcept {
 
 }  // namespace
 
-IpGenPrefix::IpGenPrefix(IpGenAddr const& addr) noexcept
-    : addr_(addr), length_(addr.maxPrefixLength()) {}
-
 IpGenPrefix::IpGenPrefix(IpGenAddr const& addr, unsigned length) {
   if (length > addr.maxPrefixLength()) {
     Kiv::throwRangeException("prefix length " + std::to_string(length) + " too long for " +

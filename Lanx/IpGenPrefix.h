@@ -18,8 +18,9 @@ namespace Lanx {
 class IpGenPrefix {
  public:
   constexpr IpGenPrefix() = default;
-  // The host prefix of `addr`.
-  explicit IpGenPrefix(IpGenAddr const& addr) noexcept;
+  // The host prefix of `addr`. Inline: the key of every group's RP hash lookup.
+  explicit IpGenPrefix(IpGenAddr const& addr) noexcept
+      : addr_(addr), length_(addr.maxPrefixLength()) {}
   // `addr` masked to `length` bits; a length beyond the family's width throws Kiv::RangeException.
   IpGenPrefix(IpGenAddr const& addr, unsigned length);
   // Parses "address/length" (or a bare address, meaning the host prefix).

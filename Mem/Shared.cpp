@@ -16,6 +16,12 @@
 #include <mutex>
 
 namespace Mem {
+
+namespace detail {
+std::atomic<std::uint64_t> damageEvents{0};
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "the handler increments it");
+}  // namespace detail
+
 namespace {
 
 // ---- truncation registry (see Mem/Shared.h): read by the SIGBUS handler, lock-free.
@@ -32,7 +38,6 @@ Guard guards[maxGuards];
 struct sigaction previousSigbus {};
 std::uintptr_t guardPageSize = 4096;
 std::once_flag sigbusInstalled;
-std::atomic<std::uint64_t> damageEvents{0};  // lock-free: incremented by the handler
 
 // Answers a fault at `addr` past the end of the file of a registered mapping; false for any
 // other fault. Async-signal-safe (fstat, mmap).
@@ -55,7 +60,7 @@ bool discardPastEnd(std::uintptr_t addr) {
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
     if (p == MAP_FAILED) return false;
     g.damaged.store(true, std::memory_order_relaxed);
-    damageEvents.fetch_add(1, std::memory_order_relaxed);
+    detail::damageEvents.fetch_add(1, std::memory_order_relaxed);
     return true;
   }
   return false;
@@ -107,10 +112,6 @@ bool reserve(int fd, std::size_t from, std::size_t to) {
 }
 
 }  // namespace
-
-std::uint64_t damageCount() noexcept {
-  return damageEvents.load(std::memory_order_relaxed);
-}
 
 std::size_t pageSize() noexcept {
   static std::size_t const size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));

@@ -43,6 +43,7 @@
 // `Mem::Local` is the same interface over private anonymous memory (grown with mremap); its name
 // prints as "[ANONYMOUS]" and it has no existence before it is mapped.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -68,10 +69,21 @@ std::string errorText(int error);
 // Opens `path` read-write (close-on-exec), creating it when missing with `mode` exactly (the
 // umask does not narrow it); `created` tells which. -1 on failure (errno set).
 int openOrCreate(std::string const& path, unsigned mode, bool& created);
+namespace detail {
+// Incremented (relaxed) by the truncation handler for every fault it answers.
+extern std::atomic<std::uint64_t> damageEvents;
+}  // namespace detail
+
 // How many faults past the end of a file the truncation handler has answered in this process.
 // An owner of mappings compares it with the count it saw last: while it has not moved, none of
-// its mappings can have become damaged, and checking costs one relaxed load.
-std::uint64_t damageCount() noexcept;
+// its mappings can have become damaged, and checking costs one relaxed load. Inline: readers and
+// the writer check after every operation. The handler runs on the thread whose access faulted
+// (the only thread that uses that mapping), so a signal fence suffices to keep this load after
+// every access that came before it in the program.
+inline std::uint64_t damageCount() noexcept {
+  std::atomic_signal_fence(std::memory_order_acquire);
+  return detail::damageEvents.load(std::memory_order_relaxed);
+}
 
 class Region {
  public:

@@ -139,12 +139,12 @@ class QuarnReader {
   bool doNext(Key const& key, Wrapper& out, IterHint& hint);
 
   // Raises CorruptionDetectedException when a file was truncated under its mapping: what was
-  // read from it since may be zeros (Mem/Shared.h). Every read operation ends with it.
+  // read from it since may be zeros (Mem/Shared.h). Every read operation ends with it. While the
+  // process's fault count has not moved since the last check, no mapping can have been damaged:
+  // the check is then one relaxed load.
   bool damaged() const noexcept { return buckets_.damaged() || slots_.damaged(); }
-  void checkIntact() const {
-    if (damaged()) {
-      corruption("QuarnReader::checkIntact() " + rootPath_ + " truncated under its mapping");
-    }
+  void checkIntact() {
+    if (Mem::damageCount() != damageSeen_) [[unlikely]] recheckIntact();
   }
 
   std::uint32_t fenix() const noexcept { return slots_.fenix(); }
@@ -156,15 +156,33 @@ class QuarnReader {
  private:
   // Which slot of a chain a walk looks for.
   enum class Want { equal, greater, head };
+  // The operation a walk serves, named in its corruption reports.
   struct Texts {
     char const* cycle;    // prefix of the cycle message
     char const* corrupt;  // prefix of the wrong-bucket message
   };
+  static constexpr Texts lookupTexts{"QuarnReader::doLookup() hash chain cycle detected, ",
+                                     "QuarnReader::doLookup() corrupt key detected, key:"};
+  static constexpr Texts firstTexts{"QuarnReader::first() hash chain cycle detected, ",
+                                    "QuarnReader::first() corrupt key detected, key:"};
+  static constexpr Texts nextTexts{"QuarnReader::doNext() hash chain cycle detected, ",
+                                   "QuarnReader::doNext() corrupt key detected key:"};
   // Walks bucket `b`'s chain for `want` relative to `key`; true with the slot's value in `out`
   // and its index in `slot`.
   bool walk(std::uint32_t b, Key const* key, Want want, Wrapper& out, std::uint32_t& slot,
             Texts const& texts);
   std::uint32_t bucketOf(Key const& key) const noexcept { return key.hash() % numBuckets(); }
+  // The reports of a walk, out of line: the walk is every lookup's hot path.
+  [[noreturn, gnu::cold, gnu::noinline]] void chainCycle(Texts const& texts,
+                                                         std::uint32_t steps) const;
+  [[noreturn, gnu::cold, gnu::noinline]] void notOccupied(std::uint32_t slot,
+                                                          Key const& found) const;
+  [[noreturn, gnu::cold, gnu::noinline]] void wrongBucket(Texts const& texts, Key const& found,
+                                                          std::uint32_t slot,
+                                                          std::uint32_t b) const;
+  // checkIntact after the fault count moved: raises when a mapping of this reader is damaged,
+  // else remembers the count (the faults were in other mappings).
+  [[gnu::cold, gnu::noinline]] void recheckIntact();
   // The table front reports corruption once per incident at error level; a reader may meet the
   // same damage on every lookup and retry.
   [[noreturn]] void corruption(std::string const& text) const {
@@ -176,6 +194,7 @@ class QuarnReader {
   std::string rootPath_;
   BucketReader buckets_;
   SlotReader slots_;
+  std::uint64_t damageSeen_ = Mem::damageCount();
 };
 
 // ---- implementation
@@ -227,11 +246,7 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
     for (std::uint32_t steps = 1;; ++steps) {
       std::uint32_t const i = Mem::Atomics::highWord(link);
       if (i == noIndex) return false;
-      if (steps > slots_.numSlots()) {
-        std::ostringstream os;
-        os << texts.cycle << "slotCount:" << steps << " capacity:" << slots_.numSlots();
-        corruption(os.str());
-      }
+      if (steps > slots_.numSlots()) [[unlikely]] chainCycle(texts, steps);
       if (i >= slots_.numSlots()) {
         if (slots_.doResize() && i < slots_.numSlots()) break;  // grown: start again
         if (Mem::Atomics::load64Acquire(unit) != link) break;
@@ -240,21 +255,16 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
       char const* s = slots_.slot(i);
       std::uint32_t const flags = slots_.readValue(s, &out, sizeof(Wrapper));
       bool const linkSame = Mem::Atomics::load64Acquire(unit) == link;
-      if (!(flags & SlotTable::OCCUPIED)) {
+      if (!(flags & SlotTable::OCCUPIED)) [[unlikely]] {
         if (!linkSame) break;
-        std::ostringstream os;
-        os << "QuarnReader::doLookup() slot:" << i
-           << " not marked as occupied key:" << KeyText<Key>{out.key};
-        corruption(os.str());
+        notOccupied(i, out.key);
       }
       bool const sameKey = key != nullptr && !(out.key < *key) && !(*key < out.key);
       // A slot holding the sought key is in the right chain by construction (b is that key's
       // bucket whenever a key is given), which spares the hash on every hit.
-      if (!sameKey && bucketOf(out.key) != b) {
+      if (!sameKey && bucketOf(out.key) != b) [[unlikely]] {
         if (!linkSame) break;
-        std::ostringstream os;
-        os << texts.corrupt << KeyText<Key>{out.key} << " slot:" << i << " bucket:" << b;
-        corruption(os.str());
+        wrongBucket(texts, out.key, i, b);
       }
       bool const hit = want == Want::head || (want == Want::equal && sameKey) ||
                        (want == Want::greater && *key < out.key);
@@ -278,21 +288,54 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
 }
 
 template <class Key, class Wrapper>
+void QuarnReader<Key, Wrapper>::chainCycle(Texts const& texts, std::uint32_t steps) const {
+  std::ostringstream os;
+  os << texts.cycle << "slotCount:" << steps << " capacity:" << slots_.numSlots();
+  corruption(os.str());
+}
+
+template <class Key, class Wrapper>
+void QuarnReader<Key, Wrapper>::notOccupied(std::uint32_t slot, Key const& found) const {
+  std::ostringstream os;
+  os << "QuarnReader::doLookup() slot:" << slot
+     << " not marked as occupied key:" << KeyText<Key>{found};
+  corruption(os.str());
+}
+
+template <class Key, class Wrapper>
+void QuarnReader<Key, Wrapper>::wrongBucket(Texts const& texts, Key const& found,
+                                            std::uint32_t slot, std::uint32_t b) const {
+  std::ostringstream os;
+  os << texts.corrupt << KeyText<Key>{found} << " slot:" << slot << " bucket:" << b;
+  corruption(os.str());
+}
+
+template <class Key, class Wrapper>
+void QuarnReader<Key, Wrapper>::recheckIntact() {
+  std::uint64_t const count = Mem::damageCount();
+  if (damaged()) {
+    corruption("QuarnReader::checkIntact() " + rootPath_ + " truncated under its mapping");
+  }
+  damageSeen_ = count;
+}
+
+// The result starts as a copy of a default record made once (constructing one in place would
+// store every field of it on every lookup) and a hit overwrites it with the slot's value.
+template <class Key, class Wrapper>
 Wrapper QuarnReader<Key, Wrapper>::doLookup(Key const& key, bool& found,
                                             std::uint32_t* slotIndex) {
-  Wrapper out{};
+  static Wrapper const absent{};
+  Wrapper out = absent;
   found = false;
-  if (!buckets_.attached()) {
+  if (!buckets_.attached()) [[unlikely]] {
     KIV_TRACE(dh_, 5, "QuarnReader::doLookup() bucket table detached");
-    return out;
+  } else {
+    std::uint32_t slot = noIndex;
+    found = walk(bucketOf(key), &key, Want::equal, out, slot, lookupTexts);
+    checkIntact();
+    if (found && slotIndex != nullptr) *slotIndex = slot;
   }
-  std::uint32_t slot;
-  found = walk(bucketOf(key), &key, Want::equal, out, slot,
-               {"QuarnReader::doLookup() hash chain cycle detected, ",
-                "QuarnReader::doLookup() corrupt key detected, key:"});
-  checkIntact();
-  if (!found) out = Wrapper{};
-  if (found && slotIndex != nullptr) *slotIndex = slot;
+  if (!found) out = absent;
   return out;
 }
 
@@ -301,9 +344,7 @@ bool QuarnReader<Key, Wrapper>::first(std::uint32_t bucket, Wrapper& out, IterHi
   if (!buckets_.attached()) return false;
   for (std::uint32_t b = bucket; b < numBuckets(); ++b) {
     std::uint32_t slot;
-    bool const hit = walk(b, nullptr, Want::head, out, slot,
-                          {"QuarnReader::first() hash chain cycle detected, ",
-                           "QuarnReader::first() corrupt key detected, key:"});
+    bool const hit = walk(b, nullptr, Want::head, out, slot, firstTexts);
     checkIntact();
     if (hit) {
       hint = {slot, b};
@@ -324,9 +365,7 @@ bool QuarnReader<Key, Wrapper>::doNext(Key const& key, Wrapper& out, IterHint& h
   Key const after = key;
   std::uint32_t const b = bucketOf(after);
   std::uint32_t slot;
-  bool const hit = walk(b, &after, Want::greater, out, slot,
-                        {"QuarnReader::doNext() hash chain cycle detected, ",
-                         "QuarnReader::doNext() corrupt key detected key:"});
+  bool const hit = walk(b, &after, Want::greater, out, slot, nextTexts);
   checkIntact();
   if (hit) {
     hint = {slot, b};

@@ -214,9 +214,25 @@ class QuarnWriter {
     return s;
   }
   // The slot of `index`, checked to be occupied (every chained slot is).
-  char* occupiedSlot(std::uint32_t index, char const* occupiedOp) const;
+  char* occupiedSlot(std::uint32_t index, char const* occupiedOp) const {
+    char* const s = slots_.slot(index);
+    if (!(SlotWriterTable::flags(s) & SlotTable::OCCUPIED)) [[unlikely]] {
+      notOccupied(index, occupiedOp);
+    }
+    return s;
+  }
   // Raises the corruption of a chained slot whose key does not belong to `bucket`.
-  void checkBucket(char const* s, std::uint32_t index, std::uint32_t bucket, char const* op) const;
+  void checkBucket(char const* s, std::uint32_t index, std::uint32_t bucket, char const* op) const {
+    if (bucketOf(keyAt(s)) != bucket) [[unlikely]] wrongBucket(index, bucket, op);
+  }
+  // The reports of a walk, out of line: every write, remove and lookup walks a chain.
+  [[noreturn, gnu::cold, gnu::noinline]] void notOccupied(std::uint32_t index,
+                                                          char const* occupiedOp) const;
+  [[noreturn, gnu::cold, gnu::noinline]] void wrongBucket(std::uint32_t index,
+                                                          std::uint32_t bucket,
+                                                          char const* op) const;
+  [[noreturn, gnu::cold, gnu::noinline]] void chainCycle(char const* op, std::uint32_t count,
+                                                         std::uint32_t limit) const;
   char* linkUnit(std::uint32_t bucket, std::uint32_t prev) const {
     return prev == noIndex ? buckets_.bucket(bucket) : slots_.slot(prev);
   }
@@ -246,10 +262,11 @@ class QuarnWriter {
   bool recoverInterrupted();
   // Ends operation `op` as corrupt when a mapping was found damaged after it.
   void checkIntact(char const* op) {
-    if (damageNoticed()) {
-      corruption(std::string("QuarnWriter::") + op + "() files of " + root_.str() +
-                 " truncated under the writer");
-    }
+    if (damageNoticed()) [[unlikely]] truncatedUnder(op);
+  }
+  [[noreturn, gnu::cold, gnu::noinline]] void truncatedUnder(char const* op) const {
+    corruption(std::string("QuarnWriter::") + op + "() files of " + root_.str() +
+               " truncated under the writer");
   }
   static std::uint32_t nextFenix(std::uint32_t fenix) noexcept {
     return fenix + 1 == 0 ? 1 : fenix + 1;
@@ -399,7 +416,7 @@ bool QuarnWriter<Key, Wrapper>::recoverInterrupted() {
 template <class Key, class Wrapper>
 bool QuarnWriter<Key, Wrapper>::damageNoticed() {
   std::uint64_t const count = Mem::damageCount();
-  if (count == damageSeen_) return false;
+  if (count == damageSeen_) [[likely]] return false;
   if (slots_.mem().damaged() || buckets_.mem().damaged() || conquer_.mem(0).damaged() ||
       conquer_.mem(1).damaged()) {
     return true;
@@ -475,25 +492,28 @@ void QuarnWriter<Key, Wrapper>::recover(std::string const& why) {
 }
 
 template <class Key, class Wrapper>
-char* QuarnWriter<Key, Wrapper>::occupiedSlot(std::uint32_t index, char const* occupiedOp) const {
-  char* const s = slots_.slot(index);
-  if (!(SlotWriterTable::flags(s) & SlotTable::OCCUPIED)) {
-    std::ostringstream os;
-    os << "QuarnWriter::" << occupiedOp << "() slot: " << index << " not marked as occupied";
-    corruption(os.str());
-  }
-  return s;
+void QuarnWriter<Key, Wrapper>::notOccupied(std::uint32_t index, char const* occupiedOp) const {
+  std::ostringstream os;
+  os << "QuarnWriter::" << occupiedOp << "() slot: " << index << " not marked as occupied";
+  corruption(os.str());
 }
 
 template <class Key, class Wrapper>
-void QuarnWriter<Key, Wrapper>::checkBucket(char const* s, std::uint32_t index,
-                                            std::uint32_t bucket, char const* op) const {
-  if (bucketOf(keyAt(s)) != bucket) {
-    std::ostringstream os;
-    os << "QuarnWriter::" << op << "() corrupt key detected, slot: " << index
-       << " bucket:" << bucket;
-    corruption(os.str());
-  }
+void QuarnWriter<Key, Wrapper>::wrongBucket(std::uint32_t index, std::uint32_t bucket,
+                                            char const* op) const {
+  std::ostringstream os;
+  os << "QuarnWriter::" << op << "() corrupt key detected, slot: " << index
+     << " bucket:" << bucket;
+  corruption(os.str());
+}
+
+template <class Key, class Wrapper>
+void QuarnWriter<Key, Wrapper>::chainCycle(char const* op, std::uint32_t count,
+                                           std::uint32_t limit) const {
+  std::ostringstream os;
+  os << "QuarnWriter::" << op << "() hash chain cycle detected, slotCount:" << count
+     << " capacity:" << limit;
+  corruption(os.str());
 }
 
 template <class Key, class Wrapper>
@@ -504,12 +524,7 @@ typename QuarnWriter<Key, Wrapper>::Found QuarnWriter<Key, Wrapper>::walk(Key co
   std::uint32_t cur = linkTarget(buckets_.bucket(bucket));
   std::uint32_t const limit = capacity();
   for (std::uint32_t count = 1; cur != noIndex; ++count) {
-    if (count > limit) {
-      std::ostringstream os;
-      os << "QuarnWriter::" << op << "() hash chain cycle detected, slotCount:" << count
-         << " capacity:" << limit;
-      corruption(os.str());
-    }
+    if (count > limit) [[unlikely]] chainCycle(op, count, limit);
     char const* const s = occupiedSlot(cur, op);
     Key const& slotKey = keyAt(s);
     bool const before = slotKey < key;

@@ -11,6 +11,8 @@
 #include <set>
 #include <thread>
 
+#include <unistd.h>
+
 #include "Quarn/ConquerReader.h"
 #include "Quarn/WriterKickSm.h"
 #include "TestRecord.h"
@@ -141,6 +143,34 @@ TEST_F(Mounted, PersistentContradictionsAreCorruption) {
   EXPECT_EQ(corruptionOfLookup(r, TestKey{3, 5})
                 .rfind("QuarnReader::doLookup() hash chain cycle detected, ", 0),
             0u);
+}
+
+// A fault past the end of another mapping of the process moves the fault count but damages
+// nothing of the reader's: its lookups go on. Once its own slot file is cut under it and a
+// lookup has read past the cut, every later read operation is corruption, including lookups of
+// records that lie before the cut.
+TEST_F(Mounted, OnlyATruncationOfItsOwnFilesStopsTheReader) {
+  for (std::uint32_t i = 0; i < 200; ++i) t.writer->write(record(i, i, i));
+  Mem::Shared other("other", tmp.path());
+  ASSERT_TRUE(other.attach(2 * Mem::pageSize()));
+  ASSERT_EQ(::truncate((tmp.path() + "/other").c_str(), 0), 0);
+  std::uint64_t const before = Mem::damageCount();
+  Mem::Atomics::store32Relaxed(other.base() + Mem::pageSize(), 1);  // answered on zeros
+  ASSERT_GT(Mem::damageCount(), before);
+  bool found = false;
+  EXPECT_EQ(r.doLookup(TestKey{199, 199}, found).value, 199u);  // maps the grown file
+  EXPECT_TRUE(found);
+
+  std::size_t const cut = 2 * Mem::pageSize();
+  std::uint32_t const slotSize = Quarn::SlotTable::slotSizeFor(sizeof(TestWrapper));
+  ASSERT_GT(indexOf(TestKey{199, 199}), (cut - Quarn::SlotTable::headerSize) / slotSize);
+  ASSERT_EQ(::truncate((t.root + "/slots").c_str(), off_t(cut)), 0);
+  EXPECT_FALSE(corruptionOfLookup(r, TestKey{199, 199}).empty());
+  EXPECT_TRUE(r.damaged());
+  for (int again = 0; again < 2; ++again) {
+    EXPECT_NE(corruptionOfLookup(r, TestKey{0, 0}).find("truncated under its mapping"),
+              std::string::npos);
+  }
 }
 
 // A cycle planted in a chain (the tail back to the head, to the second slot, a self-loop) ends
