@@ -228,7 +228,13 @@ void ConquerWriter::compact() {
   std::uint32_t const other = 1 - current_;
   std::uint32_t const live = liveCount_ - std::min(pruned, liveCount_);
   if (extent(other, "compact").capacity < 2 * std::uint64_t(live)) grow(other, live);
-  prune();
+  // minSeq becomes the `min` the cut was made at, not a new answer of the readers (as `prune`
+  // would ask): one who acknowledged more meanwhile would raise it past entries copied below,
+  // and the new table would begin at or below minSeq (invalid; a successor must recover).
+  if (min > minSeq()) {
+    Mem::Atomics::store64Release(&header(0)->minSeq, min);
+    ++counters_.prunes;
+  }
   for (std::uint32_t p = 0; p < cut; ++p) {
     std::uint32_t const s = entrySlot(p);
     if (s == noIndex) continue;

@@ -59,10 +59,14 @@ bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t init
   if (!mem.attach(existing)) throw mapFailure(existing);
   // Every table file carries its fenix at offset 12.
   if (!force && existing >= 16 && Mem::Atomics::load32Acquire(mem.base() + 12) == fenix) return true;
-  if (existing != initialSize) {
-    // Readers may still map the old file: a new file takes its name once formatted
-    // (attachTableFile commits it), so no reader's page vanishes under it.
-    KIV_TRACE(dh, 5, texts.prefix, "resize from ", existing, " to ", initialSize, " bytes");
+  // Readers may still map the old file, and go on reading it until they see the new fenix: a
+  // new file takes its name once formatted (attachTableFile commits it), so a reader's mapping
+  // keeps the old incarnation whole and unchanging, and no page vanishes under it. Formatted in
+  // place, a file would change under readers that still map the others as they were (fresh
+  // bucket heads naming slots of the old slot file): a mix they must report as corruption.
+  // A local table has no readers and is resized in place.
+  if (existing != initialSize || !mem.local()) {
+    KIV_TRACE(dh, 5, texts.prefix, "replace ", existing, " bytes by ", initialSize, " bytes");
     if (!mem.stageReplacement(initialSize)) throw resizeFailure(texts, mem, initialSize);
   }
   KIV_TRACE(dh, 5, texts.prefix, "re-formatted ", mem.name());

@@ -75,7 +75,7 @@ struct AttachTexts {
 // Maps `mem` for a writer and decides between keeping and formatting it: a missing file is
 // created at `initialSize` and formatted; an existing one is kept when its header's fenix (offset
 // 12 of every table file) equals `fenix` and `force` is false, else re-formatted at `initialSize`
-// (a file of another size is replaced by a new one, see QuarnMem::stageReplacement).
+// in a new file that replaces it (QuarnMem::stageReplacement; a local table's in place).
 // Returns true when the contents were kept. Throws Jorv::MemoryResourceException naming the
 // file, the size asked and the cause ("no space left on device" when the file system is full).
 template <class Format>

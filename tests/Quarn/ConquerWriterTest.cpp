@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "Quarn/Files.h"
 #include "Quarn/QuarnWriter.h"
 #include "TestRecord.h"
@@ -130,6 +132,32 @@ TEST_F(ConquerFixture, OtherTableGrowsToTwiceTheLiveEntries) {
   EXPECT_EQ(cw.currentPos(1), capacity + 1);
   EXPECT_TRUE(w.validate());
   EXPECT_TRUE(w.validateFiles());
+}
+
+// A reader acknowledges while the writer compacts: each time the writer asks, the lowest
+// acknowledged sequence has moved on. minSeq must end at the sequence the cut was made at, or the
+// new table would begin at or below it.
+TEST(ConquerWriter, ReaderAcknowledgingDuringCompactionLeavesItValid) {
+  struct Acknowledging final : Quarn::WriterKick {
+    void doKickSleepers(std::uint64_t) override {}
+    std::uint64_t lowestSequence() const override { return std::exchange(lowest, lowest + step); }
+    std::uint32_t numReaders() const override { return 1; }
+    mutable std::uint64_t lowest = 0;
+    std::uint64_t step = 0;
+  } kick;
+  TempRoot root;
+  Writer w(dh(), "acks", 1000, false, "TestRecord", &kick, root.path());
+  w.attach();
+  Quarn::ConquerWriter& cw = w.conquer();
+  std::uint32_t const capacity = cw.capacity(0);
+  for (std::uint32_t i = 0; i < capacity; ++i) w.write(record(0, i, i));  // sequences 1..capacity
+  kick.lowest = capacity / 2;
+  kick.step = 10;
+  w.write(record(0, 0, 1));  // the table is full: compact first
+  ASSERT_EQ(cw.currentTable(), 1u);
+  EXPECT_EQ(cw.minSeq(), capacity / 2);
+  EXPECT_EQ(cw.entrySequence(0), capacity / 2 + 1);
+  EXPECT_TRUE(w.validate());
 }
 
 TEST_F(ConquerFixture, EntryNamingAnotherSlotIsCorruption) {

@@ -106,6 +106,25 @@ TEST_F(Mounted, LookupAndIterationFollowTheWriterThroughGrowth) {
   EXPECT_EQ(TestKey(next.key), *expected);
 }
 
+// A writer that recovers puts its new incarnation in new files: a reader still mapping the old
+// one (it has not seen the new fenix yet) reads it whole, every record where it was, although the
+// new incarnation holds the records in other slots and the slot file changed size.
+TEST_F(Mounted, RecoveryLeavesTheOldIncarnationWholeUnderItsReaders) {
+  std::map<TestKey, std::uint32_t> written;
+  for (std::uint32_t i = 0; i < 300; ++i) {
+    t.writer->write(record(i % 40, i, i));
+    written[TestKey{i, i % 40}] = i;
+  }
+  std::uint32_t const fenix = t.writer->fenix();
+  t.writer->recover("a test's recovery");
+  ASSERT_NE(t.writer->fenix(), fenix);
+  t.writer->write(record(0, 1000, 1000));
+  EXPECT_EQ(readAll(r), written);
+  bool found = false;
+  EXPECT_EQ(r.doLookup(TestKey{299, 19}, found).value, 299u);
+  EXPECT_TRUE(found);
+}
+
 TEST_F(Mounted, StagedUpdateIsReadFromTheLookasideSlot) {
   t.writer->write(record(1, 1, 10));
   // Freeze the writer between its two flag updates: new value staged, LOOKASIDE set, old value

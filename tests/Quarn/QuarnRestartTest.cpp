@@ -174,7 +174,7 @@ TEST(QuarnRestart, DamagedFilesAreReformattedAndInterruptedChangesKeepTheirRecor
       {"class name byte", [](std::string const& dir) { flipBits(dir + "/slots", 85, 0x10); }},
       {"truncated notification table",
        [](std::string const& dir) { ASSERT_EQ(::truncate((dir + "/conquer.1").c_str(), 60), 0); },
-       "TestRecord", "ConquerWriter::attachConquer() resize from 60 to "},
+       "TestRecord", "ConquerWriter::attachConquer() replace 60 bytes by "},
       // The table the next compaction writes into is checked like the current one.
       {"spare capacity beyond its file",
        [](std::string const& dir) { writeWord(spareTable(dir), 44, 100000); }},
