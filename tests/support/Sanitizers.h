@@ -3,28 +3,22 @@
 // (gcc says so with __SANITIZE_*__, clang with __has_feature), so that tests can shrink work
 // the sanitizers slow down or skip what a sanitizer's own machinery defeats.
 
+#if defined(__has_feature)
+#define TEST_SUPPORT_HAS_FEATURE(x) __has_feature(x)
+#else
+#define TEST_SUPPORT_HAS_FEATURE(x) 0
+#endif
+
 namespace TestSupport {
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || TEST_SUPPORT_HAS_FEATURE(address_sanitizer)
 inline constexpr bool kAddressSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-inline constexpr bool kAddressSanitizer = true;
-#else
-inline constexpr bool kAddressSanitizer = false;
-#endif
 #else
 inline constexpr bool kAddressSanitizer = false;
 #endif
 
-#if defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_THREAD__) || TEST_SUPPORT_HAS_FEATURE(thread_sanitizer)
 inline constexpr bool kThreadSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-inline constexpr bool kThreadSanitizer = true;
-#else
-inline constexpr bool kThreadSanitizer = false;
-#endif
 #else
 inline constexpr bool kThreadSanitizer = false;
 #endif
