@@ -51,20 +51,29 @@ struct Counts {
   }
 };
 
-class ClearWatch : public ClearConfig::NotifieeConst {
- public:
-  explicit ClearWatch(Counts& c) : c_(c) {}
-  void onGroupKey() override { ++c_.n["groupKey"]; }
-  void onGroupsCount() override { ++c_.n["groupsCount"]; }
-  void onCountersCount() override { ++c_.n["countersCount"]; }
-  Counts& c_;
+struct ClearWatch : ClearConfig::NotifieeConst {
+  Counts* c;
+  void onGroupKey() override { ++c->n["groupKey"]; }
+  void onGroupsCount() override { ++c->n["groupsCount"]; }
+  void onCountersCount() override { ++c->n["countersCount"]; }
 };
-class ConfigWatch : public Config::NotifieeConst {
- public:
-  explicit ConfigWatch(Counts& c) : c_(c) {}
-  void onGroupExpiryInterval() override { ++c_.n["groupExpiryInterval"]; }
-  Counts& c_;
+struct ConfigWatch : Config::NotifieeConst {
+  Counts* c;
+  void onGroupExpiryInterval() override { ++c->n["groupExpiryInterval"]; }
 };
+
+// Counts the change of member `n` under `name` and watches the member now there, if any.
+template <class Watch, class Member>
+void follow(Counts& counts, char const* name, std::map<L3::VrfName, Kiv::Ptr<Watch>>& watches,
+            L3::VrfName n, Kiv::Ptr<Member> const& member) {
+  ++counts.n[name];
+  watches.erase(n);
+  if (!member) return;
+  auto w = Kiv::Ptr<Watch>(new Watch);
+  w->c = &counts;
+  w->notifierIs(Kiv::Ptr<Member const>(member));
+  watches[n] = w;
+}
 
 struct TreeWatch {
   Counts counts;
@@ -72,26 +81,14 @@ struct TreeWatch {
     TreeWatch* t;
     std::map<L3::VrfName, Kiv::Ptr<ClearWatch>> m;
     void onVrfClearConfig(L3::VrfName n) override {
-      ++t->counts.n["vrfClearConfig"];
-      m.erase(n);
-      if (auto c = notifier()->vrfClearConfig(n)) {
-        auto w = Kiv::Ptr<ClearWatch>(new ClearWatch(t->counts));
-        w->notifierIs(Kiv::Ptr<ClearConfig const>(c));
-        m[n] = w;
-      }
+      follow(t->counts, "vrfClearConfig", m, n, notifier()->vrfClearConfig(n));
     }
   };
   struct Configs : ConfigColl::NotifieeConst {
     TreeWatch* t;
     std::map<L3::VrfName, Kiv::Ptr<ConfigWatch>> m;
     void onVrfConfig(L3::VrfName n) override {
-      ++t->counts.n["vrfConfig"];
-      m.erase(n);
-      if (auto c = notifier()->vrfConfig(n)) {
-        auto w = Kiv::Ptr<ConfigWatch>(new ConfigWatch(t->counts));
-        w->notifierIs(Kiv::Ptr<Config const>(c));
-        m[n] = w;
-      }
+      follow(t->counts, "vrfConfig", m, n, notifier()->vrfConfig(n));
     }
   };
   Kiv::Ptr<Clears> clears{new Clears};
@@ -558,11 +555,17 @@ TEST_F(AttrLogPeers, AFloodOfPeerWritesIsRefusedAndLeavesNothingBehind) {
             Log::Channel::readChunk + Log::MsgHeader::wireSize + Log::kMaxRecordBytes);
 }
 
-TEST_F(AttrLogPeers, TheSocketIsTheOwnersAndOthersAreToldTheyHaveNoAccess) {
+// The socket is its owner's and others are told they have no access; a group given to the
+// serving side may connect.
+TEST_F(AttrLogPeers, OnlyTheOwnerOrAGivenGroupMayConnect) {
   std::string const path = dir + "/writer";
-  struct stat st{};
-  ASSERT_EQ(::stat(path.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  auto mode = [&](gid_t* group = nullptr) {
+    struct stat st{};
+    EXPECT_EQ(::stat(path.c_str(), &st), 0);
+    if (group != nullptr) *group = st.st_gid;
+    return st.st_mode & 07777;
+  };
+  EXPECT_EQ(mode(), 0600u);
   // Others may reach the socket, so that only its own mode keeps them out. Without the right to
   // take another identity, the owner itself is shut out to play the stranger.
   ASSERT_EQ(::chmod(dir.c_str(), 0711), 0);
@@ -570,20 +573,13 @@ TEST_F(AttrLogPeers, TheSocketIsTheOwnersAndOthersAreToldTheyHaveNoAccess) {
     ASSERT_EQ(::chmod(path.c_str(), 0), 0);
   }
   EXPECT_EQ(run("attach:65534:65534:" + path), 2);
-}
 
-TEST_F(AttrLogPeers, AGroupGivenToTheServingSideMayConnect) {
-  std::string const path = dir + "/writer";
   gid_t const group = ::geteuid() == 0 ? 65534 : ::getgid();
-  Log::Endpoint::Options options;
-  options.group = group;
   server.reset();
-  server = Bidir::configurationServe(act, path, writer.cfg, writer.clr, options);
-  struct stat st{};
-  ASSERT_EQ(::stat(path.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0660u);
-  EXPECT_EQ(st.st_gid, group);
-  ASSERT_EQ(::chmod(dir.c_str(), 0711), 0);
+  server = Bidir::configurationServe(act, path, writer.cfg, writer.clr, {.group = group});
+  gid_t owner = 0;
+  EXPECT_EQ(mode(&owner), 0660u);
+  EXPECT_EQ(owner, group);
   EXPECT_EQ(run("attach:65534:" + std::to_string(group) + ":" + path), 0);
 }
 

@@ -214,28 +214,22 @@ TEST(Group, CountersWrapAndOutOfRangeStatesAreRefused) {
   EXPECT_EQ(intf->joinState(), GroupIntf::noInfo);
 }
 
-TEST(Status, MembersKnowTheirParentUntilRemoved) {
-  auto status = statusFactory("v");
-  auto group = status->groupIs(g1);
-  EXPECT_EQ(status->groupIs(g1), group);
-  EXPECT_EQ(group->bidirStatus(), status);
-  auto intf = group->groupIntfIs("Ethernet1");
-  EXPECT_EQ(intf->parentGroup(), group);
-  group->groupIntfDel("Ethernet1");  // the last one: the group stays in its Status
-  EXPECT_EQ(intf->parentGroup(), nullptr);
-  status->groupDel(g1);
-  EXPECT_EQ(group->bidirStatus(), nullptr);
-  EXPECT_EQ(status->group(g1), nullptr);
-}
-
-// While a Status (Group) removes its members on destruction, a member's watcher asking a sibling
-// for its parent gets null, never a reference to the dying parent. Whichever member is detached
-// first asks the other, which is still a member.
-TEST(Status, ParentAccessorsReadNullWhileTheParentIsDestroyed) {
+// Members know their parent until removed. While a Status (Group) removes its members on
+// destruction, a member's watcher asking a sibling for its parent gets null, never a reference to
+// the dying parent. Whichever member is detached first asks the other, which is still a member.
+TEST(Status, ParentAccessorsReadNullOnceRemovedOrWhileTheParentIsDestroyed) {
   Log log;
   auto status = statusFactory("v");
   auto group1 = status->groupIs(g1), group2 = status->groupIs(g2);
   auto intf1 = group1->groupIntfIs("Ethernet1"), intf2 = group1->groupIntfIs("Ethernet2");
+  EXPECT_EQ(status->groupIs(g1), group1);
+  EXPECT_EQ(group1->bidirStatus(), status);
+  EXPECT_EQ(intf1->parentGroup(), group1);
+  // A removed member forgets its parent; a group's last interface leaving keeps the group.
+  auto removed = group2->groupIntfIs("Ethernet9");
+  group2->groupIntfDel("Ethernet9");
+  EXPECT_EQ(removed->parentGroup(), nullptr);
+  EXPECT_EQ(status->group(g2), group2);
   std::vector<Kiv::Ptr<GroupWatcher>> watchers{watch<GroupWatcher>(log, group1),
                                                watch<GroupWatcher>(log, group2)};
   auto intfWatch1 = watch<GroupIntfWatcher>(log, intf1);

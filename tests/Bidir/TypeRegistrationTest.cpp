@@ -37,7 +37,6 @@ using Routing::Pim::Bidir::Quarn::GroupQuarnRestartSm;
 using Routing::Pim::Bidir::Quarn::GroupQuarnWriterSm;
 
 constexpr std::string_view kPrefix = "Routing::Pim::Bidir::";
-constexpr char const* kGroupIntfName = "Routing::Pim::Bidir::GroupIntf";
 
 // The framework's reactor, made active once (after the first test has looked at a process
 // without one).
@@ -45,11 +44,6 @@ void activateReactor() {
   static Kiv::IntrospectionReactor reactor;
   reactor.activeIs(true);
   Kiv::introspectionReactorIs(&reactor);
-}
-
-std::string flagsOf(std::string_view type, std::string_view attribute) {
-  auto const* a = Kiv::type(type)->attribute(attribute);
-  return a ? std::to_string(a->flags) : "missing";
 }
 
 TEST(Introspection, RegistrationWaitsForTheReactorThenDefinesEveryTypeOnce) {
@@ -80,30 +74,12 @@ TEST(Introspection, RegistrationWaitsForTheReactorThenDefinesEveryTypeOnce) {
   }
   EXPECT_EQ(bidir.size(), 12u);
 
-  // What GroupIntf's definition holds, in order, and the flag words of each kind.
+  // What GroupIntf's definition holds beyond its attribute names (checked with the entities).
   auto const& gi = GroupIntf::_fwkType();
-  std::string names;
-  for (auto const& a : gi.attributes()) names += a.name + " ";
-  EXPECT_EQ(names,
-            "isNondestructing intfId parentGroup joinState lastJoinReceived forward "
-            "localReceiverInclude iAmDf oList pimInclude joins fwkKey ");
   EXPECT_EQ(gi.keyName(), "intfId");
-  EXPECT_EQ(gi.attribute("iAmDf")->id, 264u);
   EXPECT_EQ(gi.attribute("joinState")->type, &GroupIntf::_fwkType_JoinState());
-  std::string const flags =
-      flagsOf(kGroupIntfName, "fwkKey") + " " + flagsOf(kGroupIntfName, "isNondestructing") + " " +
-      flagsOf(kGroupIntfName, "oList") + " " + flagsOf("Routing::Pim::Bidir::Group", "rpf") + " " +
-      flagsOf(kGroupIntfName, "parentGroup") + " " +
-      flagsOf("Routing::Pim::Bidir::Status", "rpHashStatus");
-  EXPECT_EQ(flags, std::to_string(0x200001) + " " + std::to_string(0x2043) + " " +
-                       std::to_string(0x20001) + " " + std::to_string(0x220005) + " " +
-                       std::to_string(0x8020001) + " " + std::to_string(0x8220143));
   EXPECT_EQ(Kiv::type("Routing::Pim::Bidir::Status")->attribute("group")->keyName, "groupAddr");
-  EXPECT_EQ(GroupIntfKey::_fwkType().attribute("hash")->id, 4u);
-  auto const& joinState = GroupIntf::_fwkType_JoinState();
-  ASSERT_EQ(joinState.enumerators().size(), 3u);
-  EXPECT_EQ(joinState.enumerators()[2].name, "joined");
-  EXPECT_EQ(MrouteClearFlags::_fwkType().constants().size(), 2u);
+  ASSERT_EQ(GroupIntf::_fwkType_JoinState().enumerators().size(), 3u);
   // The handles kept at load time resolve now.
   EXPECT_EQ(gi.handle("oList")->descriptor(), gi.attribute("oList"));
 
@@ -113,10 +89,7 @@ TEST(Introspection, RegistrationWaitsForTheReactorThenDefinesEveryTypeOnce) {
   EXPECT_EQ(gi.attributes().size(), count);
 
   // The table root registers under its own namespace.
-  auto const& root = TableRoot::_fwkType();
-  EXPECT_EQ(root.kind(), Kiv::TypeKind::entity);
-  EXPECT_EQ(flagsOf(TableRoot::typeName, "groupControl"),
-            std::to_string(Kiv::attributeFlags(Kiv::AttributeKind::tableControl)));
+  EXPECT_EQ(TableRoot::_fwkType().kind(), Kiv::TypeKind::entity);
 }
 
 // The ".kiv.type" section of the loaded library, read from its file.

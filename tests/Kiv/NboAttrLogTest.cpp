@@ -75,40 +75,34 @@ TEST_F(NboAttrLogReader, RefusesEachKindOfBadRecordWithoutApplyingIt) {
   ASSERT_EQ(feed(good, false), "");
   ASSERT_EQ(counters(), 5u);
 
-  auto more = [](std::function<void(Bytes&)> const& add) {
+  using Add = std::function<void(Bytes&)>;
+  std::pair<Add, char const*> const bad[] = {
+      // A flags word above 3 in a group key: the key is not stored.
+      {[](Bytes& s) { s.record(259, 2, 1, [](Bytes& x) { x.u32(4).u32(2).u32(0xef000001); }); },
+       "MrouteClearFlags::value > 0x3 not allowed"},
+      // An identifier nobody announced, and one announced under another parent.
+      {[](Bytes& s) { s.record(261, 99, 1, [](Bytes& x) { x.u32(6); }); },
+       "entity identifier out of range: 99"},
+      {[](Bytes& s) { s.record(261, 2, 7, [](Bytes& x) { x.u32(6); }); },
+       "entity identifier out of range: 2"},
+      // A deletion whose key is longer than a VRF name may be.
+      {[](Bytes& s) { s.record(-258, 1, 0, [](Bytes& x) { x.str(std::string(101, 'v')); }); },
+       "VrfName::bytes > 100 not allowed"},
+      // A value cut short inside its record, and a record with bytes left over: the error names
+      // the record it was found in.
+      {[](Bytes& s) { s.record(261, 2, 1, [](Bytes& x) { x.u8(0).u8(6); }); },
+       "record (entity 2, parent 1, attribute 261, length 4): truncated record"},
+      {[](Bytes& s) { s.record(260, 2, 1, [](Bytes& x) { x.u8(1).u8(0); }); },
+       "attribute 260, length 4): bad token, expected 3"},
+      {[](Bytes& s) { s.create("Routing::Pim::Bidir::Nothing", "x", 9); },
+       "unknown type name: Routing::Pim::Bidir::Nothing"},
+  };
+  for (auto const& [add, error] : bad) {
     Bytes s;
     add(s);
-    return s;
-  };
-  // A flags word above 3 in a group key: the key is not stored.
-  EXPECT_EQ(feed(more([](Bytes& s) {
-              s.record(259, 2, 1, [](Bytes& x) { x.u32(4).u32(2).u32(0xef000001); });
-            }), false),
-            "MrouteClearFlags::value > 0x3 not allowed");
+    EXPECT_TRUE(endsWith(feed(s, false), error));
+  }
   EXPECT_EQ(clr->vrfClearConfig("red")->groupKey(), Bidir::ClearConfig::GroupKey());
-  // An identifier nobody announced, and one announced under another parent.
-  EXPECT_TRUE(endsWith(
-      feed(more([](Bytes& s) { s.record(261, 99, 1, [](Bytes& x) { x.u32(6); }); }), false),
-      "entity identifier out of range: 99"));
-  EXPECT_TRUE(endsWith(
-      feed(more([](Bytes& s) { s.record(261, 2, 7, [](Bytes& x) { x.u32(6); }); }), false),
-      "entity identifier out of range: 2"));
-  // A deletion whose key is longer than a VRF name may be.
-  EXPECT_EQ(feed(more([](Bytes& s) {
-              s.record(-258, 1, 0, [](Bytes& x) { x.str(std::string(101, 'v')); });
-            }), false),
-            "VrfName::bytes > 100 not allowed");
-  // A value cut short inside its record, and a record with bytes left over: the error names the
-  // record it was found in.
-  EXPECT_EQ(feed(more([](Bytes& s) { s.record(261, 2, 1, [](Bytes& x) { x.u8(0).u8(6); }); }),
-                 false),
-            "record (entity 2, parent 1, attribute 261, length 4): truncated record");
-  EXPECT_TRUE(endsWith(
-      feed(more([](Bytes& s) { s.record(260, 2, 1, [](Bytes& x) { x.u8(1).u8(0); }); }), false),
-      "attribute 260, length 4): bad token, expected 3"));
-  EXPECT_TRUE(endsWith(
-      feed(more([](Bytes& s) { s.create("Routing::Pim::Bidir::Nothing", "x", 9); }), false),
-      "unknown type name: Routing::Pim::Bidir::Nothing"));
   EXPECT_EQ(counters(), 5u);
   EXPECT_EQ(clr->vrfClearConfigCount(), 1u);
 }
@@ -225,20 +219,20 @@ TEST_F(ServingEndpoint, PeerWritesToServedEntitiesAreRefusedWithNothingApplied) 
   };
   // A new member, a member's removal, an attribute of the collection, and the same inside a
   // transaction: each is a write to the served collection.
-  EXPECT_EQ(
-      feed(served([](Bytes& s) { s.record(258, 1, 0, [](Bytes& x) { x.str("red").u32(2); }); })),
-      "write-update from readonly proxy: cfg");
-  EXPECT_EQ(feed(served([](Bytes& s) { s.record(-258, 1, 0, [](Bytes& x) { x.str("blue"); }); })),
-            "write-update from readonly proxy: cfg");
-  EXPECT_EQ(feed(served([](Bytes& s) { s.record(6, 1, 0, [](Bytes& x) { x.u8(1); }); })),
-            "write-update from readonly proxy: cfg");
-  EXPECT_EQ(feed(served([](Bytes& s) {
-              s.marker(258, 1, 1);
-              s.record(258, 1, 0, [](Bytes& x) { x.str("blue").u32(2); });
-              s.record(259, 2, 1, [](Bytes& x) { x.u8(0).u8(9); });
-              s.marker(258, 1, 3);
-            })),
-            "write-update from readonly proxy: cfg");
+  std::function<void(Bytes&)> const writes[] = {
+      [](Bytes& s) { s.record(258, 1, 0, [](Bytes& x) { x.str("red").u32(2); }); },
+      [](Bytes& s) { s.record(-258, 1, 0, [](Bytes& x) { x.str("blue"); }); },
+      [](Bytes& s) { s.record(6, 1, 0, [](Bytes& x) { x.u8(1); }); },
+      [](Bytes& s) {
+        s.marker(258, 1, 1);
+        s.record(258, 1, 0, [](Bytes& x) { x.str("blue").u32(2); });
+        s.record(259, 2, 1, [](Bytes& x) { x.u8(0).u8(9); });
+        s.marker(258, 1, 3);
+      },
+  };
+  for (auto const& write : writes) {
+    EXPECT_EQ(feed(served(write)), "write-update from readonly proxy: cfg");
+  }
   EXPECT_EQ(state(), before);
   EXPECT_TRUE(end->created().empty());
 }
@@ -285,34 +279,22 @@ TEST_F(ServingEndpoint, WritingPeersAreBoundedPerConnectionAndWhatTheyMadeGoesWi
   EXPECT_EQ(state(), "blue=30;0");
 }
 
-// While it lives, no descriptor can be made. What it catches is looked at only once descriptors
-// are back: a sanitizer's own checks may need one.
-class NoDescriptors {
- public:
-  NoDescriptors() {
-    ::getrlimit(RLIMIT_NOFILE, &old_);
-    rlimit none = old_;
-    none.rlim_cur = 0;
-    ok_ = ::setrlimit(RLIMIT_NOFILE, &none) == 0;
+// The message of what `f` throws while no descriptor can be made. The exception is looked at
+// only once descriptors are back: a sanitizer's own checks may need one.
+template <class F>
+std::string failureWithoutDescriptors(F const& f) {
+  rlimit old{};
+  ::getrlimit(RLIMIT_NOFILE, &old);
+  rlimit none = old;
+  none.rlim_cur = 0;
+  if (::setrlimit(RLIMIT_NOFILE, &none) != 0) return "setrlimit failed";
+  std::exception_ptr error;
+  try {
+    f();
+  } catch (...) {
+    error = std::current_exception();
   }
-  ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &old_); }
-  bool ok() const noexcept { return ok_; }
-  template <class F>
-  std::exception_ptr error(F const& f) {
-    try {
-      f();
-    } catch (...) {
-      return std::current_exception();
-    }
-    return nullptr;
-  }
-
- private:
-  rlimit old_{};
-  bool ok_ = false;
-};
-
-std::string what(std::exception_ptr const& error) {
+  ::setrlimit(RLIMIT_NOFILE, &old);
   try {
     if (error) std::rethrow_exception(error);
   } catch (std::exception const& e) {
@@ -322,34 +304,19 @@ std::string what(std::exception_ptr const& error) {
 }
 
 // Descriptors run out: the errors carry errno's text.
-TEST(NboAttrLogSockets, ASocketPairThatCannotBeMadeSaysWhy) {
-  std::exception_ptr error;
-  {
-    NoDescriptors none;
-    ASSERT_TRUE(none.ok());
-    error = none.error([] {
-      int fds[2];
-      Log::socketPair(fds);
-    });
-  }
-  EXPECT_EQ(what(error), "NboAttrLog: socketpair failed: Too many open files");
-}
-
-TEST(NboAttrLogSockets, AServerThatCannotMakeItsSocketSaysWhy) {
-  if (TestSupport::kAddressSanitizer) {
-    // That build carries the undefined-behaviour sanitizer too, whose check of each member access
-    // of a class with virtual functions makes a pipe: without descriptors every one fails.
-    GTEST_SKIP() << "the sanitized build cannot construct a Server without descriptors";
-  }
+TEST(NboAttrLogSockets, ASocketPairOrServerThatCannotBeMadeSaysWhy) {
+  EXPECT_EQ(failureWithoutDescriptors([] {
+              int fds[2];
+              Log::socketPair(fds);
+            }),
+            "NboAttrLog: socketpair failed: Too many open files");
+  // The sanitized build carries the undefined-behaviour sanitizer too, whose check of each member
+  // access of a class with virtual functions makes a pipe: without descriptors every one fails.
+  if (TestSupport::kAddressSanitizer) return;
   Kiv::Activity act;
   std::string const path = "/tmp/attrlog-nofd-" + std::to_string(::getpid());
-  std::exception_ptr error;
-  {
-    NoDescriptors none;
-    ASSERT_TRUE(none.ok());
-    error = none.error([&] { Log::Server server(act, path); });
-  }
-  EXPECT_EQ(what(error), "NboAttrLog::Server: socket failed: Too many open files");
+  EXPECT_EQ(failureWithoutDescriptors([&] { Log::Server server(act, path); }),
+            "NboAttrLog::Server: socket failed: Too many open files");
 }
 
 TEST(NboAttrLogSockets, ConnectionsBeyondTheBoundAreClosedAsTheyCome) {

@@ -20,19 +20,19 @@ using GroupIntfWrapper =
 
 namespace {
 
+// The wrapper adds nothing to the record it carries; a record holding a NaN time is never equal,
+// not even to itself.
 TEST(QuarnRecords, LayoutAndEquality) {
-  EXPECT_EQ(sizeof(GroupWrapper), 36u);
-  EXPECT_EQ(sizeof(GroupIntfWrapper), 48u);
-  EXPECT_EQ(Jorv::typeName<GroupWrapper>(), "Routing::Pim::Bidir::Quarn::Group");
   EXPECT_EQ(Jorv::typeName<GroupIntfWrapper>(), "Routing::Pim::Bidir::Quarn::GroupIntf");
-
+  static_assert(sizeof(GroupWrapper) == sizeof(BQ::Group));
+  static_assert(sizeof(GroupIntfWrapper) == sizeof(BQ::GroupIntf));
   BQ::Group g;
   g.key = Lanx::IpGenAddr::ipv4Addr(0xef010101);
   BQ::Group copy = g;
   copy.upJoinState = BQ::Group::UpJoinState::upJoined;
   EXPECT_NE(copy, g);
   g.creationTime = std::nan("");
-  EXPECT_FALSE(g == g);  // NaN is never equal, not even to itself
+  EXPECT_FALSE(g == g);
 
   BQ::GroupIntf gi;
   gi.lastJoinReceived = std::nan("");

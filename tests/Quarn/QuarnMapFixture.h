@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -69,6 +70,25 @@ struct QuarnMapFixture : ::testing::Test {
   }
   // Points the bucket chain of `key` at a slot index far beyond the table.
   void corruptBucketOf(TestKey const& key) { corruptBucket(root(), key.hash()); }
+};
+
+// A reading table that keeps a copy of the table from notifications alone: each key it hears is
+// looked up through its own map, then stored or dropped.
+struct Consumer {
+  Recorder recorder;
+  std::unique_ptr<Map> map;
+  std::map<TestKey, std::uint32_t> model;
+  Consumer(std::string const& dir, Kiv::Activity& activity, Quarn::QuarnType mode,
+           double remountInterval) {
+    recorder.probe = [this](TestKey const& key) {
+      bool found = false;
+      TestWrapper const w = map->safeLookup(key, found);
+      found ? void(model[key] = w.value) : void(model.erase(key));
+    };
+    map = std::make_unique<Map>(QuarnMapFixture::table, &recorder, dir, activity);
+    map->remountIntervalIs(remountInterval);
+    map->init(mode, false, 100);
+  }
 };
 
 }  // namespace QuarnTest

@@ -53,6 +53,20 @@ std::vector<std::pair<char*, std::string>> mappingsUnder(std::string const& dir)
   return out;
 }
 
+// Calls `f` with every event waiting on the non-blocking inotify descriptor `watch`, then closes it.
+template <class F>
+void drainInotify(int watch, F const& f) {
+  alignas(inotify_event) char buffer[4096];
+  for (ssize_t n; (n = ::read(watch, buffer, sizeof buffer)) > 0;) {
+    for (char* p = buffer; p < buffer + n;) {
+      auto const* ev = reinterpret_cast<inotify_event const*>(p);
+      f(*ev);
+      p += sizeof(inotify_event) + ev->len;
+    }
+  }
+  ::close(watch);
+}
+
 TEST_F(QuarnMapFixture, ReaderProcessCannotChangeTheSharedFiles) {
   TestSupport::Children children{"QUARN_MAP_WRITER"};
   pid_t const writer = children.spawn(tmp.path());
@@ -73,16 +87,10 @@ TEST_F(QuarnMapFixture, ReaderProcessCannotChangeTheSharedFiles) {
   bool found = false;
   EXPECT_EQ(reader->safeLookup(TestKey{7, 2}, found).value, 7u);
   int closedForWrite = 0, closedReadOnly = 0;
-  alignas(inotify_event) char buffer[4096];
-  for (ssize_t n; (n = ::read(watch, buffer, sizeof buffer)) > 0;) {
-    for (char* p = buffer; p < buffer + n;) {
-      auto const* ev = reinterpret_cast<inotify_event const*>(p);
-      closedForWrite += (ev->mask & IN_CLOSE_WRITE) != 0;
-      closedReadOnly += (ev->mask & IN_CLOSE_NOWRITE) != 0;
-      p += sizeof(inotify_event) + ev->len;
-    }
-  }
-  ::close(watch);
+  drainInotify(watch, [&](inotify_event const& ev) {
+    closedForWrite += (ev.mask & IN_CLOSE_WRITE) != 0;
+    closedReadOnly += (ev.mask & IN_CLOSE_NOWRITE) != 0;
+  });
   EXPECT_GT(closedReadOnly, 0);
   EXPECT_EQ(closedForWrite, 0);
 
@@ -119,31 +127,21 @@ std::uint64_t digestOf(std::map<TestKey, std::uint32_t> const& table) {
   return d;
 }
 
-struct Probe {
-  std::function<void(TestKey const&)> onKey;
-};
-
-// A consumer child's table: "<dir> <mode> <fd>" read from its argument, the table mounted in
-// `mode`, and `model` kept from its notifications (each key notified is looked up again).
-struct ChildConsumer {
-  ChildConsumer(std::string const& arg, double remountInterval) {
-    std::istringstream in(arg);
-    in >> dir >> mode >> fd;
-    map = std::make_unique<Quarn::QuarnMap<TestKey, TestWrapper, Probe>>(QuarnMapFixture::table,
-                                                                         &probe, dir, activity);
-    map->remountIntervalIs(remountInterval);
-    map->init(QuarnType(mode), false, 100);
-  }
+// A consumer child's arguments: "<dir> <mode> <fd>".
+struct ChildArgs {
   std::string dir;
   int mode = 0, fd = -1;
+  explicit ChildArgs(std::string const& arg) { std::istringstream(arg) >> dir >> mode >> fd; }
+};
+
+// A consumer child's table, mounted in `mode` and followed by a Consumer on its own activity.
+struct ChildConsumer : ChildArgs {
+  ChildConsumer(std::string const& arg, double remountInterval)
+      : ChildArgs(arg), consumer(dir, activity, QuarnType(mode), remountInterval) {}
   Kiv::Activity activity;
-  std::map<TestKey, std::uint32_t> model;
-  Probe probe{[this](TestKey const& key) {
-    bool found = false;
-    TestWrapper const w = map->safeLookup(key, found);
-    found ? void(model[key] = w.value) : void(model.erase(key));
-  }};
-  std::unique_ptr<Quarn::QuarnMap<TestKey, TestWrapper, Probe>> map;
+  Consumer consumer;
+  std::unique_ptr<Map> const& map = consumer.map;
+  std::map<TestKey, std::uint32_t>& model = consumer.model;
 };
 
 // "<dir> <mode> <fd>": a consumer of the table in `mode` that also keeps reading it (a lookup and
@@ -435,15 +433,9 @@ TEST(QuarnMapProcess, DamageNobodyRepairsYetNeverStopsAReaderProcess) {
   EXPECT_LT(longestGap, 0.5) << "a reader's timers stopped";
   for (auto const& [pid, b] : latest) EXPECT_GT(b.beats, 20u);
   int reports = 0;
-  alignas(inotify_event) char buffer[4096];
-  for (ssize_t n; (n = ::read(watch, buffer, sizeof buffer)) > 0;) {
-    for (char* p = buffer; p < buffer + n;) {
-      auto const* ev = reinterpret_cast<inotify_event const*>(p);
-      reports += ev->len > 0 && std::string(ev->name) == "corruption-detected";
-      p += sizeof(inotify_event) + ev->len;
-    }
-  }
-  ::close(watch);
+  drainInotify(watch, [&](inotify_event const& ev) {
+    reports += ev.len > 0 && std::string(ev.name) == "corruption-detected";
+  });
   EXPECT_GE(reports, 1);
   EXPECT_LE(reports, 2) << "each reader reports the damage once";
 

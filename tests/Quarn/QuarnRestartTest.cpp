@@ -88,7 +88,7 @@ void expectSurvivors(Writer& w, std::uint32_t value1 = 3) {
   }
 }
 
-TEST(QuarnRestart, KilledWritersEntriesSurvive) {
+TEST(QuarnRestart, KilledWritersEntriesSurviveAndAFreshStartLosesNothing) {
   TempRoot root;
   writeAndKill(root.path());
   std::string const dir = root.path() + "/restart";
@@ -113,14 +113,10 @@ TEST(QuarnRestart, KilledWritersEntriesSurvive) {
   for (char const* name : {"slots", "buckets", "conquer.1", "conquer.2", "fenix", "last-owner"}) {
     EXPECT_EQ(Quarn::Util::memSize(dir + "/" + name), 0u) << name;
   }
-}
 
-// A start on new files loses nothing and does not say it does.
-TEST(QuarnRestart, AFreshStartLosesNothing) {
-  TempRoot root;
-  TraceCapture trace(testHandle);
-  Writer w(dh(), "fresh", 100, false, "TestRecord", nullptr, root.path());
-  w.attach();
+  // A start on new files loses nothing and does not say it does.
+  Writer fresh(dh(), "fresh", 100, false, "TestRecord", nullptr, root.path());
+  fresh.attach();
   EXPECT_FALSE(trace.contains("will be lost"));
   EXPECT_TRUE(trace.contains("QuarnWriter::attach() new files in " + root.path() + "/fresh"));
 }

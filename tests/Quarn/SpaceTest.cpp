@@ -5,8 +5,6 @@
 // through again once space is freed.
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,18 +50,6 @@ int readerChild(std::string const& arg) {
   return agrees ? 0 : 1;
 }
 [[maybe_unused]] bool const readerHook = TestSupport::childRole("QUARN_SPACE_READER", readerChild);
-
-// The exit status of `pid`, waited for at most `seconds`; -1 when it did not end.
-int exitStatus(pid_t pid, int seconds) {
-  int const fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  if (fd < 0) return -1;
-  pollfd p{fd, POLLIN, 0};
-  int const ready = ::poll(&p, 1, seconds * 1000);
-  ::close(fd);
-  int status = 0;
-  if (ready != 1 || ::waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 TEST(Space, CreatingATableOnAFullFileSystemSaysWhy) {
   TestSupport::PrivateTmpfs fs(256 * 1024);
@@ -114,10 +100,10 @@ TEST(Space, AFullFileSystemEndsWritesWithTableFullAndKeepsEveryRecord) {
   TestSupport::Children readers{"QUARN_SPACE_READER"};
   pid_t const reader = readers.spawn(fs.path() + "|" + std::to_string(n));
   // The writer serves the reader's wake-up channel while it waits.
-  int status = -1;
-  ASSERT_TRUE(TestSupport::runUntil(
-      activity, [&] { return (status = exitStatus(reader, 0)) != -1; }, 30));
-  EXPECT_EQ(status, 0) << "the reader process does not hold the writer's records";
+  int status = 0;
+  ASSERT_TRUE(TestSupport::runUntil(activity, [&] { return readers.exited(reader, &status); }, 30));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+      << "the reader process does not hold the writer's records";
 
   // Space freed: the write that failed goes through.
   fs.release();

@@ -121,13 +121,23 @@ class TraceCapture : public Jorv::TraceSink {
     Jorv::traceSinkIs(previous_);
     Jorv::traceLevelIs(handle_, -1);
   }
-  void write(std::string_view, int level, std::string_view text) override {
+  void write(std::string_view handle, int level, std::string_view text) override {
+    handles_.emplace_back(handle);
     lines_.emplace_back(text);
     levels_.push_back(level);
   }
   bool contains(std::string_view needle) const { return count(needle) > 0; }
   std::vector<std::string> const& lines() const { return lines_; }
+  // The lines of the handle named `handle`, each led by its level: "<level> <text>".
+  std::vector<std::string> leveledLines(std::string_view handle) const {
+    std::vector<std::string> out;
+    for (std::size_t i = 0; i < lines_.size(); ++i) {
+      if (handles_[i] == handle) out.push_back(std::to_string(levels_[i]) + " " + lines_[i]);
+    }
+    return out;
+  }
   void clear() {
+    handles_.clear();
     lines_.clear();
     levels_.clear();
   }
@@ -144,7 +154,7 @@ class TraceCapture : public Jorv::TraceSink {
  private:
   std::string handle_;
   Jorv::TraceSink* previous_;
-  std::vector<std::string> lines_;
+  std::vector<std::string> handles_, lines_;
   std::vector<int> levels_;
 };
 

@@ -132,45 +132,24 @@ class JsonReader {
       }
       if (i_ >= t_.size()) fail("end in an escape");
       char const e = t_[i_++];
-      switch (e) {
-        case '"':
-        case '\\':
-        case '/':
-          out += e;
-          break;
-        case 'n':
-          out += '\n';
-          break;
-        case 't':
-          out += '\t';
-          break;
-        case 'r':
-          out += '\r';
-          break;
-        case 'b':
-          out += '\b';
-          break;
-        case 'f':
-          out += '\f';
-          break;
-        case 'u': {
-          if (i_ + 4 > t_.size()) fail("short \\u escape");
-          unsigned long const cp = std::strtoul(std::string(t_.substr(i_, 4)).c_str(), nullptr, 16);
-          i_ += 4;
-          if (cp < 0x80) {
-            out += char(cp);
-          } else if (cp < 0x800) {
-            out += char(0xC0 | (cp >> 6));
-            out += char(0x80 | (cp & 0x3F));
-          } else {
-            out += char(0xE0 | (cp >> 12));
-            out += char(0x80 | ((cp >> 6) & 0x3F));
-            out += char(0x80 | (cp & 0x3F));
-          }
-          break;
-        }
-        default:
-          fail("bad escape");
+      static constexpr std::string_view escaped = "\"\\/ntrbf", meant = "\"\\/\n\t\r\b\f";
+      if (std::size_t const k = escaped.find(e); k != std::string_view::npos) {
+        out += meant[k];
+        continue;
+      }
+      if (e != 'u') fail("bad escape");
+      if (i_ + 4 > t_.size()) fail("short \\u escape");
+      unsigned long const cp = std::strtoul(std::string(t_.substr(i_, 4)).c_str(), nullptr, 16);
+      i_ += 4;
+      if (cp < 0x80) {
+        out += char(cp);
+      } else if (cp < 0x800) {
+        out += char(0xC0 | (cp >> 6));
+        out += char(0x80 | (cp & 0x3F));
+      } else {
+        out += char(0xE0 | (cp >> 12));
+        out += char(0x80 | ((cp >> 6) & 0x3F));
+        out += char(0x80 | (cp & 0x3F));
       }
     }
     if (i_ >= t_.size()) fail("unterminated string");

@@ -27,15 +27,8 @@ ClearConfig::GroupKey groupKey(std::uint32_t addr) {
 
 void put(std::string const& path, std::string const& text) { std::ofstream(path) << text; }
 
-// The message of the exception `f` throws, "" when it throws none.
-template <class F>
-std::string failure(F&& f) {
-  try {
-    f();
-  } catch (Jorv::RuntimeException const& e) {
-    return e.what();
-  }
-  return "";
+std::string failure(auto&& f) {
+  return QuarnTest::failure<Jorv::RuntimeException>(f);
 }
 
 TEST(ClearLog, ReadsBackTheLastRecordWrittenAndNothingBeforeTheFirst) {
@@ -45,19 +38,15 @@ TEST(ClearLog, ReadsBackTheLastRecordWrittenAndNothingBeforeTheFirst) {
   log.reserve();
   EXPECT_FALSE(log.read().has_value());
 
-  log.write({7, false, groupKey(0xef010005)});
-  auto started = log.read();
-  ASSERT_TRUE(started.has_value());
-  EXPECT_EQ(7, started->count);
-  EXPECT_FALSE(started->done);
-  EXPECT_EQ(groupKey(0xef010005), started->key);
-
-  log.write({255, true, groupKey(0xef010006)});
-  auto done = log.read();
-  ASSERT_TRUE(done.has_value());
-  EXPECT_EQ(255, done->count);
-  EXPECT_TRUE(done->done);
-  EXPECT_EQ(groupKey(0xef010006), done->key);
+  for (ClearLog::Entry const entry : {ClearLog::Entry{7, false, groupKey(0xef010005)},
+                                      ClearLog::Entry{255, true, groupKey(0xef010006)}}) {
+    log.write(entry);
+    auto const read = log.read();
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(entry.count, read->count);
+    EXPECT_EQ(entry.done, read->done);
+    EXPECT_EQ(entry.key, read->key);
+  }
   log.reserve();  // a record already there stays
   EXPECT_EQ(255, log.read()->count);
 }

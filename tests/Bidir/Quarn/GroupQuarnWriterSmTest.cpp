@@ -82,18 +82,11 @@ struct TableLog : BQ::Status::NotifieeConst {
   }
 };
 
-struct TraceLog : Jorv::TraceSink {
-  TraceLog() : previous(Jorv::traceSinkIs(this)) { Jorv::traceLevelIs("PimBidir::QuarnWriter", 8); }
-  ~TraceLog() override {
-    Jorv::traceLevelIs("PimBidir::QuarnWriter", -1);
-    Jorv::traceSinkIs(previous);
-  }
-  void write(std::string_view handle, int level, std::string_view line) override {
-    if (handle == "PimBidir::QuarnWriter")
-      lines.push_back(std::to_string(level) + " " + std::string(line));
-  }
-  std::vector<std::string> lines;
-  Jorv::TraceSink* previous;
+// The writer state machine's own trace, down to level 8: "<level> <text>" lines.
+struct TraceLog : QuarnTest::TraceCapture {
+  static constexpr char const* handle = "PimBidir::QuarnWriter";
+  TraceLog() : TraceCapture(handle, 8) {}
+  std::vector<std::string> lines() const { return leveledLines(handle); }
 };
 
 struct GroupQuarnWriterSmTest : ::testing::Test {
@@ -194,7 +187,7 @@ TEST_F(GroupQuarnWriterSmTest, NothingIsWrittenOrRemovedWhileTheStatusIsUninitia
   g->inactiveIs(true);
   g->groupIntf(intf(1))->iAmDfIs(true);
   status->groupDel(addr(1));
-  EXPECT_EQ(trace.lines,
+  EXPECT_EQ(trace.lines(),
             (std::vector<std::string>{
                 "8 GroupQuarnWriterSm::doUpdateGroup(239.1.1.1)",
                 "7 GroupQuarnWriterSm::doUpdateGroup(239.1.1.1), status uninitialized",
@@ -268,7 +261,7 @@ TEST_F(GroupQuarnWriterSmTest, TableFailuresAreTracedAndResyncRestoresTheTables)
   status->groupDel(addr(1));
   status->group(addr(2))->groupIntfIs(intf(1))->iAmDfIs(true);
   std::size_t errors = 0;
-  for (std::string const& line : trace.lines) {
+  for (std::string const& line : trace.lines()) {
     if (line.rfind("0 ", 0) != 0) continue;
     ++errors;
     EXPECT_EQ(line.rfind("0 GroupQuarnWriterSm::doUpdateGroupIntf(239.1.1.", 0), 0u) << line;
@@ -291,7 +284,8 @@ TEST_F(GroupQuarnWriterSmTest, TableFailuresAreTracedAndResyncRestoresTheTables)
   ASSERT_TRUE(fs.fill());
   for (int i = 300; sm->tableFailures() == 0 && i < 400; ++i) groupWith(i, 10);
   auto const isError = [](std::string const& line) { return line.rfind("0 ", 0) == 0; };
-  EXPECT_EQ(std::count_if(trace.lines.begin(), trace.lines.end(), isError), 2);
+  auto const lines = trace.lines();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), isError), 2);
 }
 
 TEST_F(GroupQuarnWriterSmTest, TableHandlersMayDropTheLastReferenceToTheWriter) {
