@@ -87,6 +87,10 @@ class SlotReader {
   // Range-checked slot address ("SlotReader::Slots::operator[] out-of-range index:").
   char const* slot(std::uint32_t i) const {
     if (i >= numSlots_) [[unlikely]] outOfRange(i);
+    return slotUnchecked(i);
+  }
+  // The same for an index the caller has checked against numSlots().
+  char const* slotUnchecked(std::uint32_t i) const noexcept {
     return SlotTable::slot(mem_.base(), slotSize_, i);
   }
 
@@ -252,29 +256,28 @@ bool QuarnReader<Key, Wrapper>::walk(std::uint32_t b, Key const* key, Want want,
         if (Mem::Atomics::load64Acquire(unit) != link) break;
         slots_.slot(i);  // raises the out-of-range corruption
       }
-      char const* s = slots_.slot(i);
+      char const* s = slots_.slotUnchecked(i);  // i < numSlots: checked above
       std::uint32_t const flags = slots_.readValue(s, &out, sizeof(Wrapper));
       bool const linkSame = Mem::Atomics::load64Acquire(unit) == link;
       if (!(flags & SlotTable::OCCUPIED)) [[unlikely]] {
         if (!linkSame) break;
         notOccupied(i, out.key);
       }
-      bool const sameKey = key != nullptr && !(out.key < *key) && !(*key < out.key);
+      bool const sameKey = key != nullptr && out.key == *key;
       // A slot holding the sought key is in the right chain by construction (b is that key's
       // bucket whenever a key is given), which spares the hash on every hit.
       if (!sameKey && bucketOf(out.key) != b) [[unlikely]] {
         if (!linkSame) break;
         wrongBucket(texts, out.key, i, b);
       }
-      bool const hit = want == Want::head || (want == Want::equal && sameKey) ||
-                       (want == Want::greater && *key < out.key);
-      bool const past = want == Want::equal && *key < out.key;
       if (!linkSame) break;
+      bool const hit = want == Want::head || (want == Want::equal ? sameKey
+                                                                  : !sameKey && *key < out.key);
       if (hit) {
         slot = i;
         return true;
       }
-      if (past) return false;  // chains are in ascending key order
+      if (want == Want::equal && *key < out.key) return false;  // chains ascend by key
       unit = s;
       link = Mem::Atomics::load64Acquire(unit);
       // A slot removed after its value was read joins the free list, and its next link then

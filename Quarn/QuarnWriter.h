@@ -527,12 +527,12 @@ typename QuarnWriter<Key, Wrapper>::Found QuarnWriter<Key, Wrapper>::walk(Key co
     if (count > limit) [[unlikely]] chainCycle(op, count, limit);
     char const* const s = occupiedSlot(cur, op);
     Key const& slotKey = keyAt(s);
-    bool const before = slotKey < key;
     // A slot holding `key` itself belongs to `bucket` (the bucket was computed from `key`): only
-    // the others are hashed to prove it, which spares the hash on every hit.
-    if (!before && !(key < slotKey)) return {cur, prev, true};
+    // the others are hashed to prove it, which spares the hash on every hit. Equality is tested
+    // first: it is the common outcome and cheaper than an ordering.
+    if (slotKey == key) return {cur, prev, true};
     checkBucket(s, cur, bucket, op);
-    if (!before) return {cur, prev, false};
+    if (key < slotKey) return {cur, prev, false};
     prev = cur;
     cur = SlotWriterTable::next(s);
   }

@@ -167,15 +167,32 @@ bool ValidatorBase::walkChains(KeyLess&& keyLess, PrefetchKey&& prefetchKey) {
   bool const traceMarks = dh_.enabled(8);
   TableFileReader file(buckets_.mem());
   constexpr std::uint32_t batch = TableFileReader::chunkSize / 8;
-  constexpr std::uint32_t ahead = 16;  // buckets whose head's link is loaded in advance
+  // Two prefetch stages run ahead of the walk, so that the misses of many buckets overlap
+  // instead of each chain waiting for its own: `far` buckets ahead, the head's link is asked for;
+  // `near` buckets ahead, that link has arrived and gives the second slot, whose link is asked
+  // for with both keys a two-slot chain compares. Hints only: every index is checked against n
+  // before it addresses an array, and the walk below reads and checks everything again.
+  constexpr std::uint32_t far = 24;
+  constexpr std::uint32_t near = 12;
   std::uint32_t const before = marked_;
   for (std::uint32_t first = 0; first < numBuckets; first += batch) {
     std::uint32_t const count = std::min(batch, numBuckets - first);
     char const* const chunk = file.read(BucketTable::fileSize(first), std::size_t(8) * count);
     for (std::uint32_t j = 0; j < count; ++j) {
-      if (j + ahead < count) {
-        std::uint32_t const later = linkTarget(chunk + 8 * std::size_t(j + ahead));
+      if (j + far < count) {
+        std::uint32_t const later = linkTarget(chunk + 8 * std::size_t(j + far));
         if (later < n) __builtin_prefetch(&links_[later]);
+      }
+      if (j + near < count) {
+        std::uint32_t const head = linkTarget(chunk + 8 * std::size_t(j + near));
+        if (head < n) {
+          std::uint32_t const second = links_[head].next;
+          if (second < n) {
+            __builtin_prefetch(&links_[second]);
+            prefetchKey(head);
+            prefetchKey(second);
+          }
+        }
       }
       std::uint32_t const b = first + j;
       std::uint32_t prev = noIndex;
