@@ -34,6 +34,8 @@ test:
 	cmake --preset default >/dev/null && cmake --build --preset default
 	ctest --preset default
 
+# The whole test suite under AddressSanitizer and UndefinedBehaviorSanitizer (clang). The same
+# tree builds the fuzz targets (make fuzz).
 test-asan:
 	cmake --preset asan >/dev/null && cmake --build --preset asan
 	ctest --preset asan
@@ -46,10 +48,11 @@ bench:
 	cmake --preset release >/dev/null && cmake --build --preset release --target quarn_bench
 	./build/release/bench/quarn_bench
 
-# The libFuzzer targets of the text readers (clang), each run for FUZZ_SECONDS (default 300).
+# The libFuzzer targets of the text readers, built in the asan tree (clang), each run for
+# FUZZ_SECONDS (default 300).
 FUZZ_SECONDS ?= 300
 fuzz:
-	cmake --preset fuzz >/dev/null && cmake --build --preset fuzz
+	cmake --preset asan >/dev/null && cmake --build --preset asan --target fuzz_targets
 	fuzz/run.sh $(FUZZ_SECONDS)
 
 # The library, its headers, its CMake package (find_package(BidirPim)) and its pkg-config file

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs every fuzz target of build/fuzz for the given number of seconds (default 20), starting
+# Runs every fuzz target of build/asan for the given number of seconds (default 20), starting
 # from its seed corpus in fuzz/corpus/<target>. Inputs the fuzzer finds go to a temporary
 # directory, so the repository's corpus stays small. Prints one line per target with the
 # executions run; fails as soon as a target crashes or reports a disagreement.
@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-20}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-for binary in build/fuzz/fuzz/fuzz_*; do
+for binary in build/asan/fuzz/fuzz_*; do
   target=${binary##*/fuzz_}
   mkdir -p "$work/$target"
   if ! "$binary" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$work/" \
