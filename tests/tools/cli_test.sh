@@ -16,4 +16,10 @@ rc=$?
 [ "$rc" -eq 2 ] || { echo "$out"; echo "FAILED: --late-groups 10 of 10 exited $rc"; exit 1; }
 echo "$out" | grep -q -- "--late-groups 10: must be below --groups (10)" ||
   { echo "$out"; echo "FAILED: the late groups' message"; exit 1; }
+# The reader's own processor must be one this process may run on, and leave one to the others.
+out=$(taskset -c 0 "$agent" --reader-cpu 0 2>&1)
+rc=$?
+[ "$rc" -eq 2 ] || { echo "$out"; echo "FAILED: --reader-cpu 0 on processor 0 alone exited $rc"; exit 1; }
+echo "$out" | grep -q -- "--reader-cpu 0: the only processor this process may run on" ||
+  { echo "$out"; echo "FAILED: the reader processor's message"; exit 1; }
 exit 0

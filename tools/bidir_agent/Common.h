@@ -38,6 +38,9 @@ struct Options {
   // The capacities the agent's tables are created with; they grow past them in 10% steps.
   std::uint32_t groupCapacity = 5000;
   std::uint32_t intfCapacity = 500000;
+  // The processor the reader runs on alone (every other process of the run on the others);
+  // -1: the kernel places every process.
+  std::int32_t readerCpu = -1;
   bool quiet = false;     // no progress lines
   bool keep = false;      // after the summary, keep processes and root until Ctrl-C
 

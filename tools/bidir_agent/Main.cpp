@@ -11,6 +11,7 @@
 // and the root stay until then.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
@@ -19,6 +20,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +29,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Bidir/Config.h"
@@ -588,11 +591,46 @@ int supervise(Options const& options) {
       "bidir-agent", [&](std::string const& root) { return Supervisor(root, options).run(); });
 }
 
+// With --reader-cpu N: this process, and every child it starts, leaves processor N to the
+// reader. Returns "" or what is wrong. A reader that shares a processor with the agent is at
+// times woken behind the agent's writes, which is the tail of its lag on a small machine.
+std::string leaveProcessorToReader(int cpu) {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (::sched_getaffinity(0, sizeof allowed, &allowed) != 0) {
+    return std::string("--reader-cpu: cannot read this process's processors: ") +
+           std::strerror(errno);
+  }
+  if (!CPU_ISSET(cpu, &allowed)) {
+    return "--reader-cpu " + std::to_string(cpu) + ": not a processor this process may run on";
+  }
+  CPU_CLR(cpu, &allowed);
+  if (CPU_COUNT(&allowed) == 0) {
+    return "--reader-cpu " + std::to_string(cpu) +
+           ": the only processor this process may run on; the others need one too";
+  }
+  if (::sched_setaffinity(0, sizeof allowed, &allowed) != 0) {
+    return "--reader-cpu " + std::to_string(cpu) + ": " + std::strerror(errno);
+  }
+  return "";
+}
+
+void runOnProcessor(int cpu) {
+  cpu_set_t only;
+  CPU_ZERO(&only);
+  CPU_SET(cpu, &only);
+  if (::sched_setaffinity(0, sizeof only, &only) != 0) {
+    throw std::system_error(errno, std::generic_category(),
+                            "reader: cannot run on processor " + std::to_string(cpu));
+  }
+}
+
 // A child: its role's main, with failures reported to the supervisor.
 int child(Role role, Options const& options, std::string const& root) {
   int const reportFd = 3, commandFd = 4;
   try {
     DemoSupport::dieWithSupervisor(root);
+    if (role == Role::reader && options.readerCpu >= 0) runOnProcessor(options.readerCpu);
     switch (role) {
       case Role::rpdf:
         return runRpDf(options, reportFd, commandFd);
@@ -633,6 +671,12 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "bidir_agent: %s\n(bidir_agent --help lists the options)\n",
                  error.c_str());
     return 2;
+  }
+  if (options.readerCpu >= 0) {
+    if (std::string const error = leaveProcessorToReader(options.readerCpu); !error.empty()) {
+      std::fprintf(stderr, "bidir_agent: %s\n", error.c_str());
+      return 2;
+    }
   }
   return supervise(options);
 }

@@ -69,6 +69,12 @@ constexpr Numeric kNumeric[] = {
    "records the group-interface table is created for (it grows past them)", 16, 500000, false,
    [](Options& o, double v) { o.intfCapacity = std::uint32_t(v); },
    [](Options const& o) { return double(o.intfCapacity); }, nullptr},
+  {"--reader-cpu", "N",
+   "the processor the reader runs on alone; every other process runs on the others", -1, 1023,
+   false,
+   [](Options& o, double v) { o.readerCpu = std::int32_t(v); },
+   [](Options const& o) { return double(o.readerCpu); },
+   "-1: the kernel places every process"},
 };
 // clang-format on
 
