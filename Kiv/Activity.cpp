@@ -107,16 +107,37 @@ void Activity::timerDel(Id id) noexcept {
   timers_.erase(it);
 }
 
-int Activity::waitMillis(double timeoutSeconds) const {
+double Activity::waitSeconds(double timeoutSeconds) const {
   double wait = timeoutSeconds;
   if (!timerOrder_.empty()) {
     double untilTimer = timerOrder_.begin()->first - now();
     if (wait < 0 || untilTimer < wait) wait = untilTimer;
   }
   if (wait < 0) return timeoutSeconds < 0 && timerOrder_.empty() ? -1 : 0;
-  // Round up: a timer must never fire before its time.
-  double ms = std::ceil(wait * 1000.0);
-  return ms >= double(INT_MAX) ? INT_MAX : int(ms);
+  return wait;
+}
+
+int Activity::wait(epoll_event* events, int maxEvents, double timeoutSeconds) const {
+  double const wait = waitSeconds(timeoutSeconds);
+  // Nanosecond timeouts where the kernel has them: with whole milliseconds a 0.2 ms pacing wait
+  // would sleep a full millisecond. Rounded up either way: a timer never fires before its time.
+  static std::atomic<bool> noPwait2{false};
+  if (!noPwait2.load(std::memory_order_relaxed)) {
+    timespec ts{};
+    timespec* timeout = nullptr;
+    if (wait >= 0) {
+      double const ns = std::ceil(wait * 1e9);
+      double const secs = std::floor(ns / 1e9);
+      ts.tv_sec = secs >= double(INT_MAX) ? INT_MAX : time_t(secs);
+      ts.tv_nsec = secs >= double(INT_MAX) ? 0 : long(ns - secs * 1e9);
+      timeout = &ts;
+    }
+    int const n = ::epoll_pwait2(epollFd_, events, maxEvents, timeout, nullptr);
+    if (n >= 0 || errno != ENOSYS) return n;
+    noPwait2.store(true, std::memory_order_relaxed);  // a kernel older than 5.11
+  }
+  double const ms = wait < 0 ? -1 : std::ceil(wait * 1000.0);
+  return ::epoll_wait(epollFd_, events, maxEvents, ms >= double(INT_MAX) ? INT_MAX : int(ms));
 }
 
 std::size_t Activity::fireDueTimers() {
@@ -142,9 +163,9 @@ std::size_t Activity::fireDueTimers() {
 
 std::size_t Activity::runOnce(double timeoutSeconds) {
   epoll_event events[maxEventsPerWait];
-  int n = ::epoll_wait(epollFd_, events, maxEventsPerWait, waitMillis(timeoutSeconds));
+  int n = wait(events, maxEventsPerWait, timeoutSeconds);
   if (n < 0) {
-    if (errno != EINTR) fail("runOnce() epoll_wait");
+    if (errno != EINTR) fail("runOnce() epoll wait");
     n = 0;
   }
   std::size_t called = 0;

@@ -27,6 +27,8 @@
 #include <unordered_map>
 #include <utility>
 
+struct epoll_event;
+
 namespace Kiv {
 
 class Activity {
@@ -81,7 +83,9 @@ class Activity {
     TimerHandler handler;
   };
 
-  int waitMillis(double timeoutSeconds) const;
+  // The wait before the next timer or `timeoutSeconds`, whichever is first (negative: none).
+  double waitSeconds(double timeoutSeconds) const;
+  int wait(::epoll_event* events, int maxEvents, double timeoutSeconds) const;
   std::size_t fireDueTimers();
 
   int epollFd_ = -1;
