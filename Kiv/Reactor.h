@@ -203,16 +203,7 @@ class ReactorColl final : public MemberMap<Key, R, KeyHash>, public ReactorNode 
   template <class Make>
   Ptr<R> memberIs(Key const& key, Make&& make) {
     if (auto existing = this->member(key)) return existing;
-    auto const keep = liveRef(&host_);
-    Ptr<R> created = make();
-    // The constructor's work may have notified, and a handler may have inserted this key.
-    if (auto existing = this->member(key)) {
-      reactorDetach(*created);
-      return existing;
-    }
-    insert(key, created);
-    notify(key);
-    return created;
+    return insertMade(key, make);
   }
   // The member under `key` when it watches `notifier`; otherwise the member there (which watches
   // an entity since replaced) is removed as by memberDel, and one made by `make()` is inserted.
@@ -222,7 +213,7 @@ class ReactorColl final : public MemberMap<Key, R, KeyHash>, public ReactorNode 
       if (existing->notifier() == notifier) return existing;
       memberDel(key);
     }
-    return memberIs(key, make);
+    return insertMade(key, make);
   }
   // Full resynchronisation with the entities of a collection: `add(entity)` for each of
   // `entities` (a snapshot of Ptrs), then memberDel of every key for which `holds(key)` is false.
@@ -281,6 +272,22 @@ class ReactorColl final : public MemberMap<Key, R, KeyHash>, public ReactorNode 
   }
 
  private:
+  // Inserts and notifies a member made by `make()` for an absent `key`, unless the constructor's
+  // work (which may notify) had a handler insert one meanwhile: that one stays and is returned.
+  template <class Make>
+  Ptr<R> insertMade(Key const& key, Make&& make) {
+    auto const keep = liveRef(&host_);
+    Ptr<R> created = make();
+    auto [it, inserted] = map_.try_emplace(slotOf(key), created);
+    if (!inserted) {
+      Ptr<R> existing = it->second;
+      reactorDetach(*created);
+      return existing;
+    }
+    if (!active_) created->hasNotificationActiveIs(false);
+    notify(key);
+    return created;
+  }
   void insert(Key const& key, Ptr<R> const& created) {
     if (!active_) created->hasNotificationActiveIs(false);
     map_.emplace(slotOf(key), created);
