@@ -7,8 +7,9 @@
 //   (get or create, copy the record on, mark the groups initialized), no tables.
 // - BM_RestartReconcileWatched/N and BM_BaselineStatusBuildWatched/N: the same two with the
 //   table writer watching the Status from the start, as in a restarted agent: every entity the
-//   review brings back also gets the writer's watcher. The baseline is then the floor of the
-//   agent's reconciliation, the work without reading a table. The vectors hold
+//   review brings back also gets the writer's watcher. Both sides are slower in this process
+//   than in a fresh one (the agent's): they allocate most, and the heap the earlier benchmarks
+//   left behind makes each allocation dearer. The vectors hold
 //   the records in the order the review takes them, the tables' slot order: building the entity
 //   maps depends on that order more than on anything else (in bucket order, a random order, it
 //   costs both sides about twice as much).
