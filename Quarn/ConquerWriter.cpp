@@ -170,13 +170,13 @@ void ConquerWriter::notify(std::uint32_t s) {
   kick_.doKickSleepers(sequence_);
 }
 
-std::uint64_t ConquerWriter::prune() {
-  std::uint64_t const next = pruneTarget();
-  if (next > minSeq()) {
-    Mem::Atomics::store64Release(&header(0)->minSeq, next);
-    ++counters_.prunes;
-  }
-  return next;
+std::uint64_t ConquerWriter::prune(std::uint64_t target) {
+  // Release: a reader that acquires the raised minSeq, finds itself pruned past and re-reads the
+  // table, sees every slot change up to `target` (each was written before its entry).
+  if (target <= minSeq()) return minSeq();
+  Mem::Atomics::store64Release(&header(0)->minSeq, target);
+  ++counters_.prunes;
+  return target;
 }
 
 std::uint64_t ConquerWriter::pruneTarget() const {
@@ -228,13 +228,10 @@ void ConquerWriter::compact() {
   std::uint32_t const other = 1 - current_;
   std::uint32_t const live = liveCount_ - std::min(pruned, liveCount_);
   if (extent(other, "compact").capacity < 2 * std::uint64_t(live)) grow(other, live);
-  // minSeq becomes the `min` the cut was made at, not a new answer of the readers (as `prune`
-  // would ask): one who acknowledged more meanwhile would raise it past entries copied below,
-  // and the new table would begin at or below minSeq (invalid; a successor must recover).
-  if (min > minSeq()) {
-    Mem::Atomics::store64Release(&header(0)->minSeq, min);
-    ++counters_.prunes;
-  }
+  // minSeq becomes the `min` the cut was made at, not a new answer of the readers: one who
+  // acknowledged more meanwhile would raise it past entries copied below, and the new table
+  // would begin at or below minSeq (invalid; a successor must recover).
+  prune(min);
   for (std::uint32_t p = 0; p < cut; ++p) {
     std::uint32_t const s = entrySlot(p);
     if (s == noIndex) continue;

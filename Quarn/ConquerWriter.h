@@ -80,8 +80,11 @@ class ConquerWriter {
   // Throws TableFullException, with nothing changed, when the other table cannot grow to hold
   // them.
   void compact();
-  // Raises minSeq as far as the readers allow; returns it.
-  std::uint64_t prune();
+  // The minSeq the readers allow now: the lowest sequence they acknowledged (the current
+  // sequence with no reader), never below minSeq; minSeq itself while waiting for readers.
+  std::uint64_t pruneTarget() const;
+  // Raises minSeq to `target` (release) when it is above it, counting a prune; returns minSeq.
+  std::uint64_t prune(std::uint64_t target);
   // Makes table `tableId` hold at least twice `live` entries (by default the live ones), in
   // whole pages. Throws TableFullException when the file cannot grow (no space left on the file
   // system, say); the table is unchanged then.
@@ -154,8 +157,6 @@ class ConquerWriter {
   }
   [[noreturn]] void badExtent(std::uint32_t tableId, char const* op) const;
   bool validateHeader(std::uint32_t tableId, std::uint32_t fenix, std::string& error) const;
-  // The minSeq that `prune` would store now.
-  std::uint64_t pruneTarget() const;
   std::uint32_t prunePosition(std::uint64_t minSeq, std::uint32_t end) const;
   [[noreturn]] void corruption(std::string const& text) const;
 

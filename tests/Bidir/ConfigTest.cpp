@@ -34,10 +34,6 @@ struct ConfigCollWatcher : Watcher<ConfigColl::Notifiee> {
   using Watcher::Watcher;
   void onVrfConfig(L3::VrfName n) override { log_("vrfConfig " + n.toString()); }
 };
-struct ClearConfigCollWatcher : Watcher<ClearConfigColl::Notifiee> {
-  using Watcher::Watcher;
-  void onVrfClearConfig(L3::VrfName n) override { log_("vrfClearConfig " + n.toString()); }
-};
 
 TEST(Config, IntervalStartsAtItsConstantDefaultAndNotifiesOnlyChanges) {
   auto config = configFactory("red");
@@ -121,24 +117,6 @@ TEST(ConfigColl, CreateOrReturnAndRemovalNotifyOncePerChange) {
   coll->vrfConfigDel(it);  // moves on to the next member
   EXPECT_EQ(coll->vrfConfigCount(), 1u);
   EXPECT_EQ(it.key(), coll->vrfConfigIter().begin().key());
-}
-
-// The same collection template: only its own accessors and notifications.
-TEST(ClearConfigColl, CreateOrReturnAndRemovalNotifyOncePerChange) {
-  auto coll = clearConfigCollFactory("clear");
-  auto red = coll->vrfClearConfigIs("red");
-  EXPECT_EQ(coll->vrfClearConfigIs("red"), red);
-  EXPECT_EQ(coll->vrfClearConfigDel("red"), red);
-  using C = ClearConfigColl;
-  auto const id = C::Attr::vrfClearConfig;
-  expectEachChangeReportsItsAttribute<ClearConfigCollWatcher>(
-      coll, std::vector<Change<C>>{
-                {id, [](C& c) { c.vrfClearConfigIs("red"); }, "red"},
-                {id, [](C& c) { c.vrfClearConfigNotify("red"); }, "red", false},
-                {id, [](C& c) { c.vrfClearConfigDel("red"); }, "red"},
-                {id, [](C& c) { c.newVrfClearConfig("blue"), c.vrfClearConfigDelAll(); }, "blue",
-                 false},
-            });
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <map>
 #include <random>
 #include <string>
@@ -14,6 +15,7 @@
 #include "Bidir/Df/RpaRpfStatus.h"
 #include "Bidir/Status.h"
 #include "Pim/RpHashStatus.h"
+#include "Quarn/Fenix.h"
 #include "Quarn/Files.h"
 #include "Quarn/QuarnMapFixture.h"
 #include "support/ActivityWait.h"
@@ -75,15 +77,15 @@ int publisherChild(std::string const& rootDir) {
   rpaRpf->rpaRpfControl().init(Quarn::QuarnType::writer, false, 1000);
   for (auto const& r : rpHashRecords()) rpHash->rpHashIs(r);
   for (auto const& r : rpaRpfRecords()) rpaRpf->rpaRpfIs(r);
-  // Damage found by a reader is reported to this writer, whose validation then fails; the
-  // test is over by then, so keep serving.
-  for (;;) {
-    try {
-      Kiv::Activity::current().run();
-      return 0;
-    } catch (std::exception const&) {
-    }
+  // Nothing may escape the loop, not even the damage a reader reports (the writer recovers from
+  // it): an exception ends the publisher with its reason, and the test sees it gone.
+  try {
+    Kiv::Activity::current().run();
+  } catch (std::exception const& e) {
+    std::fprintf(stderr, "publisher: %s\n", e.what());
+    return 1;
   }
+  return 0;
 }
 
 [[maybe_unused]] bool const publisherHook =
@@ -154,7 +156,7 @@ TEST_F(ForwardingTest, ComputationsReadTheTablesOfAnotherProcess) {
   EXPECT_EQ(g0->rpaRpf(), RpaRpf());
 
   TestSupport::Children children{"BIDIR_FOREIGN_TABLES"};
-  children.spawn(root.path());
+  pid_t const publisher = children.spawn(root.path());
   ASSERT_TRUE(TestSupport::runUntil(activity, [&] {
     return rpHash->rpHashControl().members() == kGroups - kGroups / 8 + 1 &&
            rpaRpf->rpaRpfControl().members() == 4;
@@ -213,13 +215,20 @@ TEST_F(ForwardingTest, ComputationsReadTheTablesOfAnotherProcess) {
     status->groupDel(addr);
   }
 
-  // Damaged memory: the reader reports it to the table's writer and answers the default record.
+  // Damaged memory: the reader reports it to the table's writer and answers the default record;
+  // the writer starts a new incarnation and goes on serving.
   auto g1 = status->groupIs(groupAddr(1));
   ASSERT_EQ(g1->rpaIndex(), 2);
+  std::uint32_t const fenix = Quarn::FenixFile::read(root.table("rpaRpf"));
   QuarnTest::corruptBucket(root.table("rpaRpf"), rpAddr(1).hash());
   EXPECT_EQ(g1->rpaRpf(), RpaRpf());
   EXPECT_FALSE(Quarn::Util::fileRead(root.table("rpaRpf") + "/corruption-detected").empty());
   EXPECT_EQ(g1->rp(), rpAddr(1));
+  EXPECT_TRUE(TestSupport::runUntil(
+      activity, [&] { return Quarn::FenixFile::read(root.table("rpaRpf")) != fenix; }));
+  int waitStatus = 0;
+  EXPECT_FALSE(children.exited(publisher, &waitStatus))
+      << "publisher ended, wait status " << waitStatus;
 }
 
 }  // namespace

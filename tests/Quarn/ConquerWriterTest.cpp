@@ -109,7 +109,7 @@ TEST_F(ConquerFixture, LaggingReaderHoldsEntriesBack) {
   EXPECT_TRUE(w.validate());
 
   cw.waitingForReadersIs(true);
-  EXPECT_EQ(cw.prune(), after[4].first);
+  EXPECT_EQ(cw.pruneTarget(), after[4].first);
   EXPECT_TRUE(trace.contains("ConquerWriter::prune() cannot prune, waiting for readers"));
   cw.updateNumReaders();
   EXPECT_EQ(cw.numReaders(), 0u);  // not stored while waiting

@@ -1,5 +1,4 @@
-// The files of a fresh table, byte by byte at their offsets, and the header checks that every side
-// applies before trusting a file.
+// Record equality, and the header checks that every side applies before trusting a file.
 
 #include <gtest/gtest.h>
 
@@ -7,8 +6,6 @@
 
 #include "Bidir/Quarn/Group.h"
 #include "Bidir/Quarn/GroupIntf.h"
-#include "Mem/Shared.h"
-#include "Quarn/Hash.h"
 #include "Quarn/QuarnWriter.h"
 #include "TestRecord.h"
 
@@ -37,87 +34,6 @@ TEST(QuarnRecords, LayoutAndEquality) {
   BQ::GroupIntf gi;
   gi.lastJoinReceived = std::nan("");
   EXPECT_NE(gi, gi);
-}
-
-// Expects the 32-bit words of `bytes` given as offset, value, offset, value, ...
-void expectWords(std::vector<unsigned char> const& bytes, std::vector<std::uint32_t> const& words) {
-  for (std::size_t i = 0; i + 1 < words.size(); i += 2) {
-    EXPECT_EQ(at(bytes, words[i]), words[i + 1]) << "at " << words[i];
-  }
-}
-
-TEST(QuarnLayout, FreshGroupTableFiles) {
-  TempRoot root;
-  Quarn::QuarnWriter<Lanx::IpGenAddr, GroupWrapper> w(dh(), "group", 5000, false, "Group", nullptr,
-                                                      root.path());
-  w.attach();
-  std::string const dir = root.path() + "/group";
-  std::size_t const page = Mem::pageSize();
-  std::uint32_t const numSlots = static_cast<std::uint32_t>((page - 232) / 56);
-  std::uint32_t const fenix = Quarn::FenixFile::read(dir);
-  ASSERT_NE(fenix, 0u);
-  EXPECT_EQ(w.fenix(), fenix);
-
-  auto s = fileBytes(dir + "/slots");
-  ASSERT_EQ(s.size(), 176 + 56 * (numSlots + 1u));
-  EXPECT_EQ(std::string(s.begin(), s.begin() + 8), "QUARNSLT");
-  EXPECT_STREQ(reinterpret_cast<char const*>(&s[16]), "Routing::Pim::Bidir::Quarn::Group");
-  EXPECT_STREQ(reinterpret_cast<char const*>(&s[80]), "Group");
-  std::uint32_t const h4 = 36, h5 = 56, h6 = 5000;
-  std::uint32_t const checksum = Quarn::Util::hash(&s[16], 64) + Quarn::Util::hash(&s[80], 64) +
-                                 Quarn::Util::hash(&h4, 4) + Quarn::Util::hash(&h5, 4) +
-                                 Quarn::Util::hash(&h6, 4);
-  // Version, fenix, value and slot sizes, configured size, checksum, occupiedSlots, freeSlots (slot
-  // 0 heads the free list), numSlots; the lookaside slot's link untouched.
-  expectWords(s, {8,   4,        12,  fenix, 144, 36, 148, 56,       152,     5000,
-                  156, checksum, 160, 0,     164, 0,  172, numSlots, 176 + 4, Quarn::noIndex});
-  // Array slots chained in ascending order with version 1.
-  for (std::uint32_t i = 0; i < numSlots; ++i) {
-    std::size_t const off = 232 + 56 * std::size_t(i);
-    ASSERT_EQ(at(s, off), 1u) << i;
-    ASSERT_EQ(at(s, off + 4), i + 1 < numSlots ? i + 1 : Quarn::noIndex) << i;
-    ASSERT_EQ(at(s, off + 8), Quarn::noIndex) << i;
-    ASSERT_EQ(at(s, off + 12), 0u) << i;
-  }
-
-  auto b = fileBytes(dir + "/buckets");
-  std::uint32_t const numBuckets =
-      10000 + static_cast<std::uint32_t>((Mem::roundUpToWholePage(24 + 16 * 5000) - 80024) / 8);
-  EXPECT_EQ(b.size(), 24 + 8 * std::size_t(numBuckets));
-  EXPECT_EQ(b.size() % page, 0u);
-  EXPECT_EQ(std::string(b.begin(), b.begin() + 8), "QUARNBKT");
-  expectWords(b, {8, 1, 12, fenix, 16, numBuckets, 20, std::uint32_t(::getpid())});
-  EXPECT_EQ(at<std::uint64_t>(b, 24 + 8 * 77), Mem::Atomics::pack(0, Quarn::noIndex));
-
-  std::uint32_t const capacity = static_cast<std::uint32_t>((page - 56) / 12);
-  for (std::uint32_t id = 0; id < 2; ++id) {
-    auto c = fileBytes(dir + (id == 0 ? "/conquer.1" : "/conquer.2"));
-    ASSERT_EQ(c.size(), 56 + 12 * std::size_t(capacity));
-    EXPECT_EQ(std::string(c.begin(), c.begin() + 8), "QUARNCQR");
-    EXPECT_EQ(at<std::uint64_t>(c, 16), 0u);  // minSeq
-    // Version, fenix, numReaders, currentTable, table id, its version, capacity, position.
-    expectWords(c, {8, 6, 12, fenix, 24, 0, 32, 0, 36, id, 40, 1, 44, capacity, 48, 0});
-  }
-
-  // One insert: the slot at the head of the free list, its entry (sequence 1) at offset 52.
-  BQ::Group g;
-  g.key = Lanx::IpGenAddr::ipv4Addr(0xef000001);
-  g.creationTime = 2.5;
-  g.inactive = true;
-  w.write(g);
-  s = fileBytes(dir + "/slots");
-  // occupied, free head, the slot's conquerSlot and flags (OCCUPIED, one write of the counter).
-  expectWords(s, {160, 1, 164, 1, 232 + 8, 0, 232 + 12, 5});
-  EXPECT_EQ(at<double>(s, 232 + 16 + 20), 2.5);
-  EXPECT_EQ(at<std::uint8_t>(s, 232 + 16 + 32), 1u);
-  b = fileBytes(dir + "/buckets");
-  std::uint32_t const bucket = g.key.hash() % numBuckets;
-  EXPECT_EQ(at<std::uint64_t>(b, 24 + 8 * std::size_t(bucket)), Mem::Atomics::pack(1, 0));
-  auto c = fileBytes(dir + "/conquer.1");
-  EXPECT_EQ(at(c, 48), 1u);
-  EXPECT_EQ(at<std::uint64_t>(c, 52), 1u);
-  EXPECT_EQ(at(c, 60), 0u);
-  EXPECT_TRUE(w.validateFiles());
 }
 
 // A header formatted into private memory, to damage and re-check.

@@ -400,28 +400,6 @@ TEST_F(Consumers, KeysRemovedWhileStoppedByCorruptionAreReported) {
   ASSERT_TRUE(runUntil([&] { return shadowsEqualTo(truth); }));
 }
 
-// Iteration through the table front over a chain whose middle slot links to itself ends,
-// reporting the corruption.
-TEST_F(QuarnMapFixture, FrontIterationOverACycledChainEnds) {
-  auto writer = map(QuarnType::writer);
-  for (std::uint32_t i = 0; i < 3; ++i) writer->safeWrite(record(6, i, i));
-  Mem::Shared slots("slots", root());
-  ASSERT_TRUE(slots.attach(slots.sizeOnDisk()));
-  // A fresh table fills its slots in order: the middle record lies in slot 1.
-  Quarn::publishLink(
-      Quarn::SlotTable::slot(slots.base(), Quarn::SlotTable::header(slots.base())->slotSize, 1), 1);
-  std::uint32_t steps = 0;
-  TestWrapper w;
-  Quarn::IterHint hint;
-  for (bool more = writer->first(w, hint); more && steps <= writer->capacity() + 1;
-       more = writer->next(w.key, w, hint)) {
-    ++steps;
-  }
-  EXPECT_LE(steps, writer->capacity() + 1);
-  EXPECT_TRUE(
-      trace.contains("QuarnMap::corruptionDetected() QuarnWriter::next() hash chain cycle"));
-}
-
 // A damaged or deleted fenix file is written again by its writer; a reader that meets it
 // without a writer to repair it says so at error level.
 TEST_F(QuarnMapFixture, DamagedOrDeletedFenixFileIsRewrittenByTheWriter) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Quarn/ConquerReader.h"
@@ -100,14 +101,14 @@ TEST(Validator, FindsEveryPlantedDamage) {
        [](Writer& w) {
          auto* h = w.slots().header();
          Mem::Atomics::store32Release(&h->freeSlots,
-                               Quarn::SlotWriterTable::next(w.slots().slot(h->freeSlots)));
+                                      Quarn::SlotWriterTable::next(w.slots().slot(h->freeSlots)));
        },
        "Validator::doValidate() bad slotCount:"},
       {"active tombstone",
        [](Writer& w) {
          std::uint32_t const pos = w.slots().conquerSlot(indexOf(w, 3, 4));
          Mem::Atomics::store32Release(Quarn::ConquerTable::entry(w.conquer().base(0), pos) + 8,
-                               Quarn::noIndex);
+                                      Quarn::noIndex);
        },
        "Validator::doValidate() active tombstone pos:"},
       {"removed slot marked occupied",
@@ -151,7 +152,8 @@ TEST(Validator, FindsEveryPlantedDamage) {
                                        Quarn::noIndex);
        },
        "ConquerWriter::validate() pos:2 prevSeq:100 bad order: 3"},
-      {"bad checksum", [](Writer& w) { Mem::Atomics::store32Release(&w.slots().header()->tableSize, 33); },
+      {"bad checksum",
+       [](Writer& w) { Mem::Atomics::store32Release(&w.slots().header()->tableSize, 33); },
        "SlotTable::Header::validate() checksum fail: "},
   };
   for (auto const& d : damages) {
@@ -178,15 +180,14 @@ TEST(Validator, FileSizesOnDisk) {
 
 // ---- damage that passes validation must not cost a record later
 //
-// One 32-bit word of the files is damaged at a time (every flag and link word of free, chained
-// and lookaside slots, of empty and used buckets, of the slot and bucket headers, of both
-// notification tables' headers and of live, tombstoned, unwritten and spare entries), in a few
-// ways each. Damage the validator finds is fine. Damage it passes must be harmless: a reader
-// mounts the files and reads every record (what makes a reader refuse a table must make the
-// writer's check fail, or the reader's report would never be acted on), and a run of writes
-// (inserts reusing the free slots, growth, updates, removes, compactions of the notification
-// queue) then leaves a table that validates again, as a restart does, and holds exactly what
-// was written.
+// One 32-bit word of the files is damaged at a time (a word of each kind: links, flags and
+// versions of free, chained and lookaside slots, bucket words, the slot header's counters, both
+// notification tables' headers, live, tombstoned, unwritten and spare entries), in a few ways
+// each. Damage the validator finds is fine. Damage it passes must be harmless: a reader mounts
+// the files and reads every record (what makes a reader refuse a table must make the writer's
+// check fail, or the reader's report would never be acted on), and a run of writes (inserts
+// reusing the free slots, growth, updates, removes, compactions of the notification queue) then
+// leaves a table that validates again, as a restart does, and holds exactly what was written.
 
 namespace {
 
@@ -194,15 +195,6 @@ using Site = std::function<std::uint32_t*(Writer&)>;
 
 std::uint32_t* word(char* base, std::size_t offset) {
   return reinterpret_cast<std::uint32_t*>(base + offset);
-}
-std::uint32_t* slotWord(Writer& w, std::uint32_t slot, std::size_t field) {
-  return word(w.slots().slot(slot), field);
-}
-// The n-th slot of the free list.
-std::uint32_t freeAt(Writer& w, std::uint32_t n) {
-  std::uint32_t i = w.slots().freeSlots();
-  while (n-- > 0) i = Quarn::SlotWriterTable::next(w.slots().slot(i));
-  return i;
 }
 // A position of the current notification table holding a live entry (live) or a tombstone.
 std::uint32_t entryAt(Writer& w, bool live) {
@@ -212,97 +204,73 @@ std::uint32_t entryAt(Writer& w, bool live) {
   ADD_FAILURE() << "no " << (live ? "live entry" : "tombstone");
   return 0;
 }
-std::uint32_t* entryWord(Writer& w, std::uint32_t table, std::uint32_t pos, std::size_t field) {
-  return word(Quarn::ConquerTable::entry(w.conquer().base(table), pos), field);
-}
-std::uint32_t* conquerHeader(Writer& w, std::uint32_t table, std::size_t field) {
-  return word(w.conquer().base(table), field);
-}
 
-std::vector<std::pair<std::string, Site>> damagedSites() {
+std::vector<std::pair<char const*, Site>> damagedSites() {
   using Slot = Quarn::SlotTable::Slot;
   using SlotHeader = Quarn::SlotTable::Header;
-  using ConquerHeader = Quarn::ConquerTable::Header;
-  std::vector<std::pair<std::string, Site>> sites;
-  std::vector<std::pair<char const*, std::function<std::uint32_t(Writer&)>>> const slots{
-      {"free head", [](Writer& w) { return freeAt(w, 0); }},
-      {"free slot owning its removal entry", [](Writer& w) { return freeAt(w, 1); }},
-      {"free tail", [](Writer& w) { return freeTail(w); }},
-      {"chain head", [](Writer& w) { return indexOf(w, 2, 0); }},
-      {"chain middle", [](Writer& w) { return indexOf(w, 2, 2); }},
-      {"chain tail", [](Writer& w) { return indexOf(w, 2, 4); }},
+  using Queue = Quarn::ConquerTable::Header;
+  using Index = std::uint32_t (*)(Writer&);
+  auto slot = [](Index index, std::size_t field) -> Site {
+    return [=](Writer& w) { return word(w.slots().slot(index(w)), field); };
   };
-  std::vector<std::pair<char const*, std::size_t>> const slotFields{
-      {"linkVersion", offsetof(Slot, linkVersion)},
-      {"next", offsetof(Slot, next)},
-      {"conquerSlot", offsetof(Slot, conquerSlot)},
-      {"flags", offsetof(Slot, flags)}};
-  for (auto const& [slot, index] : slots) {
-    for (auto const& [field, offset] : slotFields) {
-      sites.emplace_back(std::string(slot) + " " + field,
-                         [index = index, offset = offset](Writer& w) { return slotWord(w, index(w), offset); });
-    }
-  }
-  for (auto const& [field, offset] : slotFields) {
-    sites.emplace_back(std::string("lookaside ") + field, [offset = offset](Writer& w) {
-      return word(Quarn::SlotTable::lookaside(w.slots().mem().base()), offset);
-    });
-  }
-  for (auto const& [field, offset] :
-       std::vector<std::pair<char const*, std::size_t>>{
-           {"occupiedSlots", offsetof(SlotHeader, occupiedSlots)},
-           {"freeSlots", offsetof(SlotHeader, freeSlots)},
-           {"numSlotsVersion", offsetof(SlotHeader, numSlotsVersion)},
-           {"numSlots", offsetof(SlotHeader, numSlots)}}) {
-    sites.emplace_back(std::string("slot header ") + field,
-                       [offset = offset](Writer& w) { return word(w.slots().mem().base(), offset); });
-  }
-  sites.emplace_back("bucket header numBuckets", [](Writer& w) {
-    return word(w.buckets().mem().base(), offsetof(Quarn::BucketTable::Header, numBuckets));
-  });
-  for (std::size_t const offset : {std::size_t(0), std::size_t(4)}) {
-    std::string const field = offset == 0 ? " linkVersion" : " head";
-    sites.emplace_back("empty bucket" + field, [offset = offset](Writer& w) {
-      return word(w.buckets().bucket(w.bucketOf(TestKey{0, 9})), offset);
-    });
-    sites.emplace_back("used bucket" + field, [offset = offset](Writer& w) {
-      return word(w.buckets().bucket(w.bucketOf(TestKey{0, 1})), offset);
-    });
-  }
-  for (std::uint32_t table = 0; table < 2; ++table) {
-    std::string const name = table == 0 ? "conquer.1 " : "conquer.2 ";
-    for (auto const& [field, offset] : std::vector<std::pair<char const*, std::size_t>>{
-             {"minSeq low", offsetof(ConquerHeader, minSeq)},
-             {"minSeq high", offsetof(ConquerHeader, minSeq) + 4},
-             {"numReaders", offsetof(ConquerHeader, numReaders)},
-             {"reserved", offsetof(ConquerHeader, reserved)},
-             {"currentTable", offsetof(ConquerHeader, currentTable)},
-             {"tableId", offsetof(ConquerHeader, tableId)},
-             {"state", offsetof(ConquerHeader, state)},
-             {"capacity", offsetof(ConquerHeader, capacity)},
-             {"currentPos", offsetof(ConquerHeader, currentPos)}}) {
-      sites.emplace_back(name + field, [table, offset = offset](Writer& w) {
-        return conquerHeader(w, table, offset);
-      });
-    }
-  }
-  for (auto const& [field, offset] : std::vector<std::pair<char const*, std::size_t>>{
-           {" sequence", 0}, {" slot", 8}}) {
-    sites.emplace_back(std::string("live entry") + field, [offset = offset](Writer& w) {
-      return entryWord(w, w.conquer().currentTable(), entryAt(w, true), offset);
-    });
-    sites.emplace_back(std::string("tombstone") + field, [offset = offset](Writer& w) {
-      return entryWord(w, w.conquer().currentTable(), entryAt(w, false), offset);
-    });
-    sites.emplace_back(std::string("entry at currentPos") + field, [offset = offset](Writer& w) {
-      std::uint32_t const t = w.conquer().currentTable();
-      return entryWord(w, t, w.conquer().currentPos(t), offset);
-    });
-    sites.emplace_back(std::string("spare table's first entry") + field, [offset = offset](Writer& w) {
-      return entryWord(w, 1 - w.conquer().currentTable(), 0, offset);
-    });
-  }
-  return sites;
+  auto slotHeader = [](std::size_t field) -> Site {
+    return [=](Writer& w) { return word(w.slots().mem().base(), field); };
+  };
+  auto bucket = [](std::uint32_t group, std::size_t field) -> Site {
+    return [=](Writer& w) {
+      return word(w.buckets().bucket(w.bucketOf(TestKey{0, group})), field);
+    };
+  };
+  auto queue = [](std::uint32_t table, std::size_t field) -> Site {
+    return [=](Writer& w) { return word(w.conquer().base(table), field); };
+  };
+  // Entry `pos(w)` of the current table, or of the spare one.
+  auto entry = [](bool spare, Index pos, std::size_t field) -> Site {
+    return [=](Writer& w) {
+      std::uint32_t const t = spare ? 1 - w.conquer().currentTable() : w.conquer().currentTable();
+      return word(Quarn::ConquerTable::entry(w.conquer().base(t), pos(w)), field);
+    };
+  };
+  Index const freeHead = [](Writer& w) { return w.slots().freeSlots(); };
+  Index const chainHead = [](Writer& w) { return indexOf(w, 2, 0); };
+  Index const chainMiddle = [](Writer& w) { return indexOf(w, 2, 2); };
+  Index const chainTail = [](Writer& w) { return indexOf(w, 2, 4); };
+  Index const live = [](Writer& w) { return entryAt(w, true); };
+  Index const tombstone = [](Writer& w) { return entryAt(w, false); };
+  Index const unwritten = [](Writer& w) {
+    return w.conquer().currentPos(w.conquer().currentTable());
+  };
+  Index const first = [](Writer&) { return 0u; };
+  return {
+      {"free head flags", slot(freeHead, offsetof(Slot, flags))},
+      {"free head linkVersion", slot(freeHead, offsetof(Slot, linkVersion))},
+      {"free tail next", slot(freeTail, offsetof(Slot, next))},
+      {"free tail conquerSlot", slot(freeTail, offsetof(Slot, conquerSlot))},
+      {"chain head conquerSlot", slot(chainHead, offsetof(Slot, conquerSlot))},
+      {"chain middle linkVersion", slot(chainMiddle, offsetof(Slot, linkVersion))},
+      {"chain middle flags", slot(chainMiddle, offsetof(Slot, flags))},
+      {"chain tail next", slot(chainTail, offsetof(Slot, next))},
+      {"lookaside flags",
+       [](Writer& w) {
+         return word(Quarn::SlotTable::lookaside(w.slots().mem().base()), offsetof(Slot, flags));
+       }},
+      {"slot header freeSlots", slotHeader(offsetof(SlotHeader, freeSlots))},
+      {"slot header numSlotsVersion", slotHeader(offsetof(SlotHeader, numSlotsVersion))},
+      {"empty bucket head", bucket(9, 4)},
+      {"used bucket linkVersion", bucket(1, 0)},
+      {"used bucket head", bucket(1, 4)},
+      {"conquer.1 minSeq", queue(0, offsetof(Queue, minSeq))},
+      {"conquer.1 numReaders", queue(0, offsetof(Queue, numReaders))},
+      {"conquer.1 currentTable", queue(0, offsetof(Queue, currentTable))},
+      {"conquer.1 tableId", queue(0, offsetof(Queue, tableId))},
+      {"conquer.1 currentPos", queue(0, offsetof(Queue, currentPos))},
+      {"conquer.2 currentPos", queue(1, offsetof(Queue, currentPos))},
+      {"conquer.2 capacity", queue(1, offsetof(Queue, capacity))},
+      {"live entry slot", entry(false, live, 8)},
+      {"tombstone slot", entry(false, tombstone, 8)},
+      {"entry at currentPos sequence", entry(false, unwritten, 0)},
+      {"spare table's first entry sequence", entry(true, first, 0)},
+  };
 }
 
 struct Mutation {
@@ -318,24 +286,37 @@ constexpr Mutation mutations[] = {
     {"=noIndex", [](std::uint32_t) { return Quarn::noIndex; }},
 };
 
-// What the table holds, read through iteration and lookups; "" when it equals `model`.
-std::string differences(Writer& w, std::map<TestKey, std::uint32_t> const& model) {
+// "" when iteration and lookups through `t`, the writer or a reader, find exactly `model`.
+template <class Table>
+std::string differences(Table& t, std::map<TestKey, std::uint32_t> const& model) {
+  constexpr bool reader = std::is_same_v<Table, Quarn::QuarnReader<TestKey, TestWrapper>>;
   std::map<TestKey, std::uint32_t> seen;
   TestWrapper r;
   Quarn::IterHint hint;
-  for (bool more = w.first(0, r, hint); more; more = w.next(TestKey(r.key), r, hint)) {
-    if (!seen.emplace(r.key, r.value).second || seen.size() > model.size()) return "iteration";
+  auto next = [&] {
+    if constexpr (reader)
+      return t.doNext(TestKey(r.key), r, hint);
+    else
+      return t.next(TestKey(r.key), r, hint);
+  };
+  for (bool more = t.first(0, r, hint); more && seen.size() <= model.size(); more = next()) {
+    if (!seen.emplace(r.key, r.value).second) return "iteration repeats a key";
   }
   if (seen != model) return "iteration holds " + std::to_string(seen.size());
   for (auto const& [key, value] : model) {
     bool found = false;
-    if (w.lookup(key, found).value != value || !found) return "lookup";
+    TestWrapper v;
+    if constexpr (reader)
+      v = t.doLookup(key, found);
+    else
+      v = t.lookup(key, found);
+    if (v.value != value || !found) return "lookup";
   }
   return "";
 }
 
 // What a reader of the files under `root` makes of them: "" when it mounts them and reads
-// exactly `model` through iteration and lookups.
+// exactly `model`.
 std::string readerVerdict(std::string const& root, std::uint32_t fenix,
                           std::map<TestKey, std::uint32_t> const& model) {
   Quarn::QuarnReader<TestKey, TestWrapper> reader(dh(), root);
@@ -343,18 +324,7 @@ std::string readerVerdict(std::string const& root, std::uint32_t fenix,
   std::string error;
   if (!reader.initialize(fenix, error) || !queue.initialize(fenix, error)) return error;
   try {
-    std::map<TestKey, std::uint32_t> seen;
-    TestWrapper r;
-    Quarn::IterHint hint;
-    for (bool more = reader.first(0, r, hint); more && seen.size() <= model.size();
-         more = reader.doNext(TestKey(r.key), r, hint)) {
-      seen[r.key] = r.value;
-    }
-    if (seen != model) return "the reader iterates " + std::to_string(seen.size()) + " records";
-    for (auto const& [key, value] : model) {
-      bool found = false;
-      if (reader.doLookup(key, found).value != value || !found) return "the reader's lookup";
-    }
+    if (std::string const d = differences(reader, model); !d.empty()) return "the reader's " + d;
     queue.conquer([](std::uint32_t) {});
   } catch (std::exception const& e) {
     return std::string("the reader refuses: ") + e.what();
@@ -395,7 +365,7 @@ TEST(Validator, DamageItPassesCostsNoRecordLater) {
     for (auto const& [site, at] : damagedSites()) {
       for (Mutation const& m : mutations) {
         std::string const name =
-            site + " " + m.name + (compactions > 0 ? " (after a compaction)" : "");
+            std::string(site) + " " + m.name + (compactions > 0 ? " (after a compaction)" : "");
         TempRoot root;
         Writer w(dh(), "sweep", 32, false, "TestRecord", nullptr, root.path());
         w.attach();
