@@ -1,6 +1,7 @@
 // Keyed reactor collections: create-or-return, replacement without the delete hook, removal
-// through it (the member a zombie by then), zombies turned back (a detached one stays), and a
-// delete hook that drops the last reference to the state machine. (The writer state machine's
+// through it (the member a zombie by then), zombies turned back (a detached one stays), a member
+// inserted while another for the same key was being made, and a delete hook that drops the last
+// reference to the state machine. (The writer state machine's
 // tests cover the rest.)
 
 #include "Kiv/Reactor.h"
@@ -78,6 +79,20 @@ TEST(ReactorColl, CreatesOnceReplacesQuietlyAndDeletesThroughTheHook) {
   w->cells.memberDelAll();  // map order: bit-reversed 2 before 1
   EXPECT_EQ(w->lines,
             (std::vector<std::string>{"1", "1", "del 3 zombie", "del 2 zombie", "del 1 zombie"}));
+}
+
+TEST(ReactorColl, AMemberInsertedWhileOneIsMadeForTheSameKeyStays) {
+  auto a = Kiv::newPtr<Cell>();
+  auto w = Kiv::newPtr<Watcher>();
+  Kiv::Ptr<Watcher::CellReactor> inner;
+  auto const outer = w->cells.memberIs(1, [&] {
+    inner = w->cellIs(1, a);  // as a handler reached from the constructor's work would
+    return Kiv::newPtr<Watcher::CellReactor>(w.ptr(), 1, a);
+  });
+  EXPECT_EQ(outer, inner);
+  EXPECT_EQ(w->cells.size(), 1u);
+  a->valueIs(1);  // the one made second was detached: it no longer reacts
+  EXPECT_EQ(w->lines, std::vector<std::string>{"1"});
 }
 
 TEST(ReactorColl, DeleteHookMayDropTheLastReferenceToItsHost) {
