@@ -133,8 +133,10 @@ int Activity::wait(epoll_event* events, int maxEvents, double timeoutSeconds) co
       timeout = &ts;
     }
     int const n = ::epoll_pwait2(epollFd_, events, maxEvents, timeout, nullptr);
-    if (n >= 0 || errno != ENOSYS) return n;
-    noPwait2.store(true, std::memory_order_relaxed);  // a kernel older than 5.11
+    if (n >= 0 || (errno != ENOSYS && errno != EPERM)) return n;
+    // A kernel older than 5.11, or a seccomp filter that refuses system calls it does not know
+    // with EPERM (epoll waits never fail with EPERM otherwise).
+    noPwait2.store(true, std::memory_order_relaxed);
   }
   double const ms = wait < 0 ? -1 : std::ceil(wait * 1000.0);
   return ::epoll_wait(epollFd_, events, maxEvents, ms >= double(INT_MAX) ? INT_MAX : int(ms));
