@@ -118,15 +118,15 @@ double Activity::waitSeconds(double timeoutSeconds) const {
 }
 
 int Activity::wait(epoll_event* events, int maxEvents, double timeoutSeconds) const {
-  double const wait = waitSeconds(timeoutSeconds);
+  double const seconds = waitSeconds(timeoutSeconds);
   // Nanosecond timeouts where the kernel has them: with whole milliseconds a 0.2 ms pacing wait
   // would sleep a full millisecond. Rounded up either way: a timer never fires before its time.
   static std::atomic<bool> noPwait2{false};
   if (!noPwait2.load(std::memory_order_relaxed)) {
     timespec ts{};
     timespec* timeout = nullptr;
-    if (wait >= 0) {
-      double const ns = std::ceil(wait * 1e9);
+    if (seconds >= 0) {
+      double const ns = std::ceil(seconds * 1e9);
       double const secs = std::floor(ns / 1e9);
       ts.tv_sec = secs >= double(INT_MAX) ? INT_MAX : time_t(secs);
       ts.tv_nsec = secs >= double(INT_MAX) ? 0 : long(ns - secs * 1e9);
@@ -138,7 +138,7 @@ int Activity::wait(epoll_event* events, int maxEvents, double timeoutSeconds) co
     // with EPERM (epoll waits never fail with EPERM otherwise).
     noPwait2.store(true, std::memory_order_relaxed);
   }
-  double const ms = wait < 0 ? -1 : std::ceil(wait * 1000.0);
+  double const ms = seconds < 0 ? -1 : std::ceil(seconds * 1000.0);
   return ::epoll_wait(epollFd_, events, maxEvents, ms >= double(INT_MAX) ? INT_MAX : int(ms));
 }
 

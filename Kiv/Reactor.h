@@ -278,19 +278,19 @@ class ReactorColl final : public MemberMap<Key, R, KeyHash>, public ReactorNode 
   Ptr<R> insertMade(Key const& key, Make&& make) {
     auto const keep = liveRef(&host_);
     Ptr<R> created = make();
-    auto [it, inserted] = map_.try_emplace(slotOf(key), created);
-    if (!inserted) {
-      Ptr<R> existing = it->second;
+    Ptr<R> member = insert(key, created);
+    if (member != created) {
       reactorDetach(*created);
-      return existing;
+      return member;
     }
-    if (!active_) created->hasNotificationActiveIs(false);
     notify(key);
     return created;
   }
-  void insert(Key const& key, Ptr<R> const& created) {
-    if (!active_) created->hasNotificationActiveIs(false);
-    map_.emplace(slotOf(key), created);
+  // Inserts `created` unless a member is under `key`; returns the member under `key` after.
+  Ptr<R> insert(Key const& key, Ptr<R> const& created) {
+    auto [it, inserted] = map_.try_emplace(slotOf(key), created);
+    if (inserted && !active_) created->hasNotificationActiveIs(false);
+    return it->second;
   }
   void notify(Key const& key) const { memberNotify(key); }
   void erase(typename Base::Map::iterator it) {

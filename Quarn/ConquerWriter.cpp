@@ -170,13 +170,12 @@ void ConquerWriter::notify(std::uint32_t s) {
   kick_.doKickSleepers(sequence_);
 }
 
-std::uint64_t ConquerWriter::prune(std::uint64_t target) {
+void ConquerWriter::prune(std::uint64_t target) {
   // Release: a reader that acquires the raised minSeq, finds itself pruned past and re-reads the
   // table, sees every slot change up to `target` (each was written before its entry).
-  if (target <= minSeq()) return minSeq();
+  if (target <= minSeq()) return;
   Mem::Atomics::store64Release(&header(0)->minSeq, target);
   ++counters_.prunes;
-  return target;
 }
 
 std::uint64_t ConquerWriter::pruneTarget() const {

@@ -83,8 +83,8 @@ class ConquerWriter {
   // The minSeq the readers allow now: the lowest sequence they acknowledged (the current
   // sequence with no reader), never below minSeq; minSeq itself while waiting for readers.
   std::uint64_t pruneTarget() const;
-  // Raises minSeq to `target` (release) when it is above it, counting a prune; returns minSeq.
-  std::uint64_t prune(std::uint64_t target);
+  // Raises minSeq to `target` (release) when it is above it, counting a prune.
+  void prune(std::uint64_t target);
   // Makes table `tableId` hold at least twice `live` entries (by default the live ones), in
   // whole pages. Throws TableFullException when the file cannot grow (no space left on the file
   // system, say); the table is unchanged then.
