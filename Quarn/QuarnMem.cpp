@@ -1,5 +1,7 @@
 #include "Quarn/QuarnMem.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 
 namespace Quarn {
@@ -26,6 +28,12 @@ QuarnMem::QuarnMem(Jorv::DebugHandler& dh, std::string const& rootPath, std::str
 bool QuarnMem::attachReadOnly() {
   auto* const shared = local_ ? nullptr : dynamic_cast<Mem::Shared*>(region_.get());
   return shared != nullptr && shared->attachReadOnly();
+}
+
+bool QuarnMem::onDisk() const {
+  auto const* const shared = local_ ? nullptr : dynamic_cast<Mem::Shared const*>(region_.get());
+  struct stat st {};
+  return shared != nullptr && ::stat(shared->path().c_str(), &st) == 0;
 }
 
 void QuarnMem::fileModeIs(unsigned mode) {

@@ -23,6 +23,8 @@ class QuarnMem {
   std::string name() const { return region_->name(); }
   bool local() const noexcept { return local_; }
   std::size_t sizeOnDisk() const { return region_->sizeOnDisk(); }
+  // The file exists under its name, empty or not (never for a local region).
+  bool onDisk() const;
   bool attach(std::size_t bytes) { return region_->attach(bytes); }
   // Maps the existing file read-only at its current size (never for a local region, which has
   // no file). False when it is missing, empty or cannot be mapped (errno kept).

@@ -50,9 +50,17 @@ bool attachTableFileImpl(Jorv::DebugHandler& dh, QuarnMem& mem, std::size_t init
        << cause;
     return Jorv::MemoryResourceException(os.str());
   };
-  if (existing == 0) {
+  if (existing == 0 && !mem.onDisk()) {
     KIV_TRACE(dh, 5, texts.prefix, "to new file ", mem.name());
     if (!mem.attach(initialSize)) throw mapFailure(initialSize);
+    return false;
+  }
+  if (existing == 0) {
+    // An empty file that exists was truncated, and readers may still map the pages it had:
+    // grown again in place, it would fill under them while they are told it shrank. It is
+    // replaced like any other (below).
+    KIV_TRACE(dh, 5, texts.prefix, "replace empty ", mem.name(), " by ", initialSize, " bytes");
+    if (!mem.stageReplacement(initialSize)) throw resizeFailure(texts, mem, initialSize);
     return false;
   }
   KIV_TRACE(dh, 5, texts.prefix, "to existing ", mem.name(), " size:", existing);

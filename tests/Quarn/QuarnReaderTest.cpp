@@ -11,6 +11,8 @@
 #include <set>
 #include <thread>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Quarn/ConquerReader.h"
@@ -123,6 +125,25 @@ TEST_F(Mounted, RecoveryLeavesTheOldIncarnationWholeUnderItsReaders) {
   bool found = false;
   EXPECT_EQ(r.doLookup(TestKey{299, 19}, found).value, 299u);
   EXPECT_TRUE(found);
+}
+
+TEST_F(Mounted, RecoveryReplacesAnEmptiedFileInsteadOfGrowingItUnderItsReaders) {
+  t.writer->write(record(1, 1, 1));
+  for (char const* file : {"buckets", "slots", "conquer.1"}) {
+    SCOPED_TRACE(file);
+    std::string const path = t.root + "/" + file;
+    int const fd = ::open(path.c_str(), O_RDONLY);  // the file a reader's mapping holds
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::truncate(path.c_str(), 0), 0);
+    t.writer->recover("a test's recovery");
+    struct stat held {}, named {};
+    ASSERT_EQ(::fstat(fd, &held), 0);
+    ASSERT_EQ(::stat(path.c_str(), &named), 0);
+    // Grown again in place, it would fill under a reader that was told it shrank.
+    EXPECT_EQ(held.st_size, 0);
+    EXPECT_NE(held.st_ino, named.st_ino);
+    ::close(fd);
+  }
 }
 
 TEST_F(Mounted, StagedUpdateIsReadFromTheLookasideSlot) {
